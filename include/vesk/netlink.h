@@ -1,0 +1,482 @@
+/**
+ * @file
+ * Changes the kernel's networking state over netlink, one synchronous call at a time.
+ *
+ *     NetlinkMessage               a request, built piece by piece, and its exchange with the kernel
+ *     queryGenericNetlinkFamily    the number of a generic netlink family
+ *     RTNetlink...                 addresses, GSO size, routes, policy rules, queueing disciplines
+ *     addrlabel...                 IPv6 address labels
+ *     ...XFRM...                   IPsec security associations and policies of a modem's record
+ *
+ * What holds for every operation:
+ *
+ * - **Results.** Configuring operations return 0, or -1 when the arguments are refused (nothing is sent then) or the
+ *   exchange fails. Outputs are written on success only.
+ * - **Log.** Every failure is a line of level 4 through `LogMgr`, beginning with the operation's name; a refusal by the
+ *   kernel adds its errno and, where it can be found in the reply, the kernel's own text. Keys are never logged.
+ * - **Exchange.** Each request goes out on a socket of its own, with sequence number 0, and the first answer on that
+ *   socket decides. Receives have no time-out; a signal that interrupts one fails the operation, although the kernel
+ *   may have carried it out. The receive buffer holds 4,096 bytes.
+ * - **Threads.** Any thread may call any operation at any time; nothing is shared between calls. A `NetlinkMessage`
+ *   belongs to one thread.
+ * - **Exceptions.** None leaves the library. A container that runs out of memory, and arithmetic on lengths that would
+ *   overflow, end the process (SIGABRT, after a line on standard error that names the operation).
+ * - **Texts and pointers.** Pointer arguments must not be null; strings and addresses are only read. Values are in host
+ *   byte order unless an argument says otherwise.
+ */
+#ifndef VESK_NETLINK_H
+#define VESK_NETLINK_H
+
+#include "ipsec_sa_record.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include <linux/netlink.h>
+#include <sys/socket.h>
+
+#define VESK_EXPORT __attribute__((visibility("default")))
+#define VESK_LOCAL  __attribute__((visibility("hidden")))
+
+namespace Vesk {
+
+/// What a query callback says about the message that it was shown. Other values count as `NetlinkQueryContinue`.
+enum VeskNetlinkQueryReturn {
+    NetlinkQueryFailed   = 0, ///< Stop, the query failed.
+    NetlinkQueryDone     = 1, ///< Stop, the answer was found.
+    NetlinkQueryContinue = 2, ///< Show me the next message.
+};
+
+/// Sees one message of a query's reply. The message is valid during the call only.
+using QueryCallback = VeskNetlinkQueryReturn(nlmsghdr* message, void* context);
+
+/// Sees one message of a dump; it may send requests of its own, on other objects.
+using DumpCallback = void(nlmsghdr* message, void* context);
+
+/// Links the start of a nested attribute to its end: bytes of attributes before it, index of its header.
+using NestedAttrHandle = std::pair<std::uint64_t, std::uint64_t>;
+
+/**
+ * One request: a header, one payload structure, a list of attributes, and one exchange with the kernel.
+ *
+ *     NetlinkMessage msg;
+ *     msg.setNLMsgHeader(NETLINK_ROUTE, RTM_NEWADDRLABEL, NLM_F_REQUEST | NLM_F_ACK | NLM_F_CREATE | NLM_F_EXCL);
+ *     msg.addMsgPayload(sizeof entry, &entry);
+ *     msg.addNLAttribute(IFAL_LABEL, label);
+ *     msg.addNLAttribute(IFAL_ADDRESS, 16, &address);
+ *     return msg.messageTransact();
+ *
+ * The payload goes first on the wire, whatever the order of the calls. The building operations return nothing: what
+ * cannot be added is logged and missing from the request.
+ *
+ * An object serves exactly one request. Sending turns the header's length into that of the whole datagram, so that a
+ * second send fails its length check. The destructor wipes and frees every block and closes the socket.
+ */
+class VESK_EXPORT NetlinkMessage {
+public:
+    NetlinkMessage() noexcept;
+    virtual ~NetlinkMessage();
+    NetlinkMessage(const NetlinkMessage&)            = delete;
+    NetlinkMessage& operator=(const NetlinkMessage&) = delete;
+
+    /**
+     * Chooses protocol and header.
+     * @param netlinkProtocol  NETLINK_ROUTE, NETLINK_XFRM or NETLINK_GENERIC
+     * @param type             `nlmsg_type`
+     * @param flags            `nlmsg_flags`, sent exactly as given: neither NLM_F_REQUEST nor NLM_F_ACK is added
+     */
+    void setNLMsgHeader(int netlinkProtocol, unsigned short type, unsigned short flags) noexcept;
+
+    /**
+     * Copies the fixed structure that follows the header; an earlier one is replaced. It is padded with zeros to a
+     * multiple of 4 bytes.
+     * @param len   bytes; -4 to -1 end the process, less than that is a failed allocation (logged, no payload)
+     * @param data  `len` bytes
+     */
+    void addMsgPayload(int len, void* data) noexcept;
+
+    /// Wipes and frees the payload. The header's length keeps counting it, so a send fails until another is added.
+    void clearMsgPayload() noexcept;
+
+    /**
+     * Appends an attribute, padded with zeros to a multiple of 4 bytes.
+     * @param type  `nla_type`, with its flag bits; only the header of one with NLA_F_NESTED is sent
+     * @param len   bytes of the value; a negative one is skipped without a word, one above 65,531 does not fit the
+     *              attribute's length field and makes the send fail
+     * @param data  `len` bytes, not read when `len` is 0
+     */
+    void addNLAttribute(int type, int len, void* data) noexcept;
+    void addNLAttribute(int type, unsigned char value) noexcept;  ///< A value of 1 byte.
+    void addNLAttribute(int type, unsigned short value) noexcept; ///< A value of 2 bytes, host order.
+    void addNLAttribute(int type, unsigned int value) noexcept;   ///< A value of 4 bytes, host order.
+    void addNLAttribute(int type, char* text) noexcept;           ///< The text and its terminating NUL.
+    void addNLAttribute(int type, const char* text) noexcept;     ///< The text and its terminating NUL.
+    void addNLAttribute(int type, std::string& text) noexcept;    ///< All characters and a terminating NUL.
+
+    /**
+     * Opens a nested attribute: what is added until the matching end belongs to it. Nests may hold nests.
+     * @param type    `nla_type`; NLA_F_NESTED is added
+     * @param handle  written here, for `endNestedNLAttribute`
+     */
+    void startNestedNLAttribute(int type, NestedAttrHandle& handle) noexcept;
+
+    /// Closes a nested attribute by writing its length. A handle that names no attribute is logged, nothing changes.
+    void endNestedNLAttribute(NestedAttrHandle& handle) noexcept;
+
+    /// Frees the attributes but leaves the list of them: the object may only be destroyed after this.
+    void clearAttributes() noexcept;
+
+    /**
+     * Opens and binds the socket; the exchanges do it when it is not open yet.
+     * @return 0; -1 when no protocol was set, or when the system refuses (errno in the log)
+     */
+    int openSocket() noexcept;
+
+    /**
+     * Sends the request as one datagram, from the blocks where they lie. The socket must be open.
+     * @return 0; -1 when the system refuses or sends less than the header's length
+     */
+    int messageSend() noexcept;
+
+    /**
+     * Sends the request and, if its flags carry NLM_F_ACK, reads one datagram for the acknowledgement: its first
+     * NLMSG_ERROR decides. Without NLM_F_ACK nothing is read.
+     * @return 0 when acknowledged (or not asked to be), -1 otherwise; see `getKernelError`
+     */
+    int messageTransact() noexcept;
+
+    /**
+     * Logs the text of an extended acknowledgement, where the library's rule for its place finds it. An attribute that
+     * begins inside the echo of a request that carries keys is not logged.
+     * @param msg  an NLMSG_ERROR; one shorter than its echoed request ends the process
+     */
+    void extack(nlmsghdr* msg) noexcept;
+
+    /// @return the negative errno of the last refusal by the kernel, or 0. A later success does not reset it.
+    int getKernelError() noexcept;
+
+    /// Stores the arguments of `messageQuery()`.
+    void setQueryCb(QueryCallback* cb, void* ctx, bool responseRequired) noexcept;
+
+    /// `messageQuery` with what `setQueryCb` stored.
+    int messageQuery() noexcept;
+
+    /**
+     * Sends the request and shows the messages of exactly one reply datagram to the callback. An NLMSG_ERROR fails the
+     * query even when its error is 0: send queries without NLM_F_ACK.
+     * @param cb                called until it is satisfied
+     * @param ctx               handed to the callback
+     * @param responseRequired  whether a reply in which the callback found nothing is a failure
+     * @return 0 or -1
+     */
+    int messageQuery(QueryCallback* cb, void* ctx, bool responseRequired) noexcept;
+
+    /// Stores the arguments of `messageDump()`.
+    void setDumpCb(DumpCallback* cb, void* ctx) noexcept;
+
+    /// `messageDump` with what `setDumpCb` stored.
+    int messageDump() noexcept;
+
+    /**
+     * Sends the request and shows every message of every reply datagram to the callback, until NLMSG_DONE. An
+     * interrupted dump is logged and goes on; an NLMSG_ERROR with error 0 is handed on like any other message.
+     * @return 0; -1 on a refusal, a failed receive or a negative status of NLMSG_DONE
+     */
+    int messageDump(DumpCallback* cb, void* ctx) noexcept;
+
+    /**
+     * Indexes a run of attributes by type, flag bits removed; the last one of a type wins.
+     * @param first    where the run begins, aligned to 4 bytes
+     * @param map      entries are set, none is removed; they point into the run
+     * @param len      bytes of the run; an attribute that passes its end stops the walk, one whose padding does so ends
+     *                 the process
+     * @param maxType  attributes of a higher type are skipped
+     */
+    static void parseAttributes(nlattr* first, std::unordered_map<int, nlattr*>& map, unsigned int len,
+                                unsigned short maxType) noexcept;
+
+private:
+    VESK_LOCAL int openAndSend() noexcept;
+
+    // Order, types and size are part of the binary interface: daemons keep objects on their stacks.
+    int protocol              = -1; // negative: not set yet
+    int socketFd              = -1; // negative: closed
+    int kernelError           = 0;
+    unsigned payloadLength    = 0; // padded; header.nlmsg_len says the same until the first send
+    QueryCallback* queryCb    = nullptr;
+    void* queryCtx            = nullptr;
+    bool requireResponse      = false;
+    DumpCallback* dumpCb      = nullptr;
+    void* dumpCtx             = nullptr;
+    nlmsghdr header           = {}; // nlmsg_len: the padded payload before the send, the datagram after it
+    unsigned char* payload    = nullptr;
+    std::uint64_t attrsLength = 0;   // bytes of all blocks
+    std::vector<nlattr*> attributes; // one owned block each: header, value, padding
+};
+
+/**
+ * Looks the number of a generic netlink family up.
+ *
+ * Sends CTRL_CMD_GETFAMILY with CTRL_ATTR_FAMILY_NAME to the generic netlink controller.
+ * @param name     the family's name, such as "nlctrl"
+ * @param version  `genlmsghdr.version`
+ * @param id       the number
+ * @return 0, or -1: unknown family, failed exchange
+ */
+VESK_EXPORT int queryGenericNetlinkFamily(std::string& name, unsigned char version, unsigned short* id) noexcept;
+
+/// How `RTNetlinkAddressCfg` adds or replaces an address. Other values act like `AddressRenew`.
+enum AddressLifetimeChange : int {
+    AddressAdd           = 0, ///< Add, both lifetimes infinite.
+    AddressDeprecate     = 1, ///< Replace: preferred lifetime 0, valid lifetime as given.
+    AddressRenew         = 2, ///< Replace: both lifetimes infinite.
+    AddressAddDeprecated = 3, ///< Add: preferred lifetime 0, valid lifetime as given.
+};
+
+/**
+ * Puts an address on an interface, or replaces it, with its lifetimes.
+ *
+ * Sends RTM_NEWADDR with IFA_LOCAL and IFA_CACHEINFO. `ifa_family` is 0 (AF_UNSPEC) for both families: the platform's
+ * kernel judges by the address; a mainline kernel refuses it (EOPNOTSUPP).
+ * @param device         interface name
+ * @param address        AF_INET or AF_INET6; port, flow and scope are ignored
+ * @param prefixLength   bits; the low 8 bits are sent
+ * @param change         what to do
+ * @param validLifetime  seconds, read for the two deprecating changes
+ * @return 0, or -1: no such device, another family, refused by the kernel
+ */
+VESK_EXPORT int RTNetlinkAddressCfg(std::string& device, sockaddr_storage* address, unsigned int prefixLength,
+                                    AddressLifetimeChange change, unsigned int validLifetime) noexcept;
+
+/**
+ * Sets the largest packet that generic segmentation offload may build on an interface.
+ *
+ * Sends RTM_NEWLINK with IFLA_GSO_MAX_SIZE in 2 bytes; a mainline kernel wants 4 and refuses it (ERANGE).
+ * @param device      interface name
+ * @param gsoMaxSize  bytes
+ * @return 0, or -1: no such device, refused by the kernel
+ */
+VESK_EXPORT int RTNetlinkSetGSOMaxSize(std::string& device, unsigned short gsoMaxSize) noexcept;
+
+/**
+ * Installs a host route through the gateway that the kernel uses for the destination now.
+ *
+ * Looks the gateway up as `RTNetlinkGetRoute` does, then sends RTM_NEWROUTE (static, unicast, metric 100, advertised
+ * MSS 1140; created exclusively).
+ * @param destination    address text
+ * @param mark           firewall mark of the look-up; not part of the route
+ * @param family         AF_INET or AF_INET6; IPv6 gateways are not accepted, so only IPv4 routes can be installed
+ * @param table          routing table
+ * @param outputIfIndex  index of the output interface
+ * @return 0, or -1: bad family or text, no gateway, refused by the kernel (a route that exists is refused)
+ */
+VESK_EXPORT int RTNetlinkAddRoute(std::string destination, unsigned int mark, unsigned char family, unsigned int table,
+                                  unsigned int outputIfIndex) noexcept;
+
+/**
+ * Removes the route that `RTNetlinkAddRoute` installed; the arguments are the same.
+ *
+ * Sends RTM_DELROUTE without asking for an acknowledgement.
+ * @return 0 as soon as the request was sent, whether or not there was such a route; -1: bad family or text, no gateway
+ */
+VESK_EXPORT int RTNetlinkDeleteRoute(std::string destination, unsigned int mark, unsigned char family,
+                                     unsigned int table, unsigned int outputIfIndex) noexcept;
+
+/// The result of `RTNetlinkGetRoute`.
+struct RouterAddressResult {
+    std::string gateway; ///< Address text; empty when the kernel's route has no IPv4 gateway.
+    int status;          ///< 0, also with an empty gateway; -1 on failure.
+};
+
+/**
+ * Asks the kernel for the gateway of the route that it would use.
+ *
+ * Sends RTM_GETROUTE with RTA_DST and RTA_MARK.
+ * @param destination  address text
+ * @param mark         firewall mark of the look-up
+ * @param family       AF_INET or AF_INET6
+ * @return status -1: bad family or text, unreachable destination, failed exchange
+ */
+VESK_EXPORT RouterAddressResult RTNetlinkGetRoute(std::string destination, unsigned int mark,
+                                                  unsigned char family) noexcept;
+
+/**
+ * Finds the firewall mark of a device's IPv4 policy rule: priority 16000, table = interface index + 1000. The last such
+ * rule wins.
+ *
+ * Dumps the rules with RTM_GETRULE.
+ * @param device  interface name
+ * @return mark and mask; no value when the dump fails, no rule matches, or either of them is 0
+ */
+VESK_EXPORT std::optional<std::pair<unsigned int, unsigned int>> RTNetlinkGetRule(std::string device) noexcept;
+
+/**
+ * Installs or removes a queueing discipline without options.
+ *
+ * Sends RTM_NEWQDISC (created exclusively) or RTM_DELQDISC with TCA_KIND.
+ * @param device     interface name
+ * @param kind       "pfifo", "fq_codel", ...
+ * @param parent     0 for the root
+ * @param handle     major and minor number, as in 0x10000 for "1:"
+ * @param operation  0: add, 1: delete
+ * @return 0, or -1: no such device, another operation, refused by the kernel
+ */
+VESK_EXPORT int RTNetlinkTCQdisc(std::string& device, std::string& kind, unsigned int parent, unsigned int handle,
+                                 unsigned char operation) noexcept;
+
+/**
+ * Installs or removes the platform's five-band "prio" queueing discipline; arguments as for `RTNetlinkTCQdisc`.
+ *
+ * Its option block is the platform's own: a mainline kernel refuses the addition (EINVAL).
+ * @return 0, or -1: no such device, another operation, refused by the kernel
+ */
+VESK_EXPORT int RTNetlinkTCPrio(std::string& device, unsigned int parent, unsigned int handle,
+                                unsigned char operation) noexcept;
+
+/**
+ * Installs, changes or removes the platform's three-band "prio" queueing discipline with its flow-control switch.
+ *
+ * Its option block is the platform's own: a mainline kernel refuses addition and change (EINVAL).
+ * @param device     interface name
+ * @param parent     0 for the root
+ * @param handle     major and minor number
+ * @param enable     the switch; non-zero is on
+ * @param operation  0: add, 1: delete, 2: change
+ * @return 0, or -1: no such device, another operation, refused by the kernel
+ */
+VESK_EXPORT int RTNetlinkFlowControl(std::string& device, unsigned int parent, unsigned int handle,
+                                     unsigned char enable, unsigned char operation) noexcept;
+
+/**
+ * Adds an entry to the kernel's table of address labels.
+ *
+ * Sends RTM_NEWADDRLABEL (created exclusively) with IFAL_LABEL and IFAL_ADDRESS.
+ * @param address       AF_INET6; AF_INET is sent too, and refused by mainline kernels (EOPNOTSUPP)
+ * @param prefixLength  bits; the low 8 bits are sent, the kernel judges them
+ * @param label         the label
+ * @param ifIndex       interface index, 0 for any
+ * @return 0, or -1: another family, refused by the kernel (an entry that exists is refused)
+ */
+VESK_EXPORT int addrlabelAdd(sockaddr_storage* address, unsigned int prefixLength, unsigned int label,
+                             unsigned int ifIndex) noexcept;
+
+/// Deletes an entry that `addrlabelAdd` added: RTM_DELADDRLABEL with the same arguments. @return as there
+VESK_EXPORT int addrlabelDel(sockaddr_storage* address, unsigned int prefixLength, unsigned int label,
+                             unsigned int ifIndex) noexcept;
+
+/**
+ * Proposes a label: one below the first gap in the kernel's labels above 20, or a random one above the largest.
+ *
+ * Dumps the labels with RTM_GETADDRLABEL. The proposal is not reserved, and the random one not checked for use.
+ * @param family      AF_INET or AF_INET6; not looked at for the default
+ * @param useDefault  propose label 1, without asking the kernel
+ * @param label       the proposal
+ * @return 0, or -1: another family, failed dump, no room above the largest label
+ */
+VESK_EXPORT int addrlabelGenerate(int family, bool useDefault, unsigned int* label) noexcept;
+
+/**
+ * Deletes the entry of an address, and all entries of the same prefix length and interface that carry its label.
+ *
+ * Queries the label with RTM_GETADDRLABEL; if it is 1, or 20 or more, dumps the table and deletes entry by entry while
+ * the dump is read. More than about 70 deletions can make the kernel skip some: purge again.
+ * @param address       AF_INET or AF_INET6
+ * @param prefixLength  bits
+ * @param ifIndex       interface index, 0 for entries of no interface
+ * @return 0, also when there was nothing to purge or a single deletion failed (logged); -1: another family, failed
+ *         query or dump
+ */
+VESK_EXPORT int addrlabelPurge(sockaddr_storage* address, unsigned int prefixLength, unsigned int ifIndex) noexcept;
+
+/**
+ * Installs the two security associations of a record, TX then RX.
+ *
+ * Sends XFRM_MSG_NEWSA for each, with replay window 0 and no extended sequence numbers. When RX fails, TX stays
+ * installed: remove both for a clean slate.
+ * @param record      the SAs; a key longer than its field ends the process
+ * @param technology  the radio technology
+ * @param mark        output mark of TX; bit 0x20000 is added
+ * @param mask        its mask; bit 0x20000 is added
+ * @return 0, or -1: refused record, refused by the kernel
+ */
+VESK_EXPORT int addXFRMStates(tro_ipsec_static_sa_config_ex_info_ind_msg_v01& record,
+                              tro_technology_name_enum_v01 technology, unsigned int mark, unsigned int mask) noexcept;
+
+/**
+ * Gives the installed SAs of a record new keys and algorithms in place, then asks the kernel to restore their sequence
+ * counters. Arguments as for `addXFRMStates`.
+ *
+ * Dumps the SAs, then sends XFRM_MSG_UPDSA and XFRM_MSG_NEWAE for each. A failed TX update ends the operation; a failed
+ * dump, RX update or TX counter update is logged only. Nothing is rolled back.
+ * @return the result of the TX update when that fails, else that of the RX counter update: 0 or -1
+ */
+VESK_EXPORT int updateXFRMStates(tro_ipsec_static_sa_config_ex_info_ind_msg_v01& record,
+                                 tro_technology_name_enum_v01 technology, unsigned int mark,
+                                 unsigned int mask) noexcept;
+
+/**
+ * Deletes the installed SAs whose protocol, SPI and both addresses are those of a record; others are left alone.
+ *
+ * Dumps the SAs with XFRM_MSG_GETSA and sends XFRM_MSG_DELSA for each match while the dump is read.
+ * @return 0, also when nothing matched or a deletion failed (logged); -1: failed dump
+ */
+VESK_EXPORT int removeXFRMStates(tro_ipsec_static_sa_config_ex_info_ind_msg_v01& record) noexcept;
+
+/**
+ * Installs the policies of one side of a tunnel: out, or in and then fwd.
+ *
+ * Sends XFRM_MSG_NEWPOLICY with one template, priority 100. When fwd fails, in stays installed.
+ * @param record       the SAs that the traffic shall use
+ * @param source       source of the selector, "address" or "address/prefix" (decimal, 0x.. or octal 0..), or empty
+ * @param destination  destination of the selector, likewise; not both may be empty
+ * @param protocol     IP protocol number, 0 for any
+ * @param outbound     true: the out policy; false: in and fwd (the peer's selector is the source then)
+ * @return 0, or -1: refused selector or record, refused by the kernel (a policy that exists is refused)
+ */
+VESK_EXPORT int addXFRMPolicies(tro_ipsec_static_sa_config_ex_info_ind_msg_v01& record, std::string& source,
+                                std::string& destination, unsigned char protocol, bool outbound) noexcept;
+
+/**
+ * Deletes the policies that `addXFRMPolicies` installed with the same texts, protocol and side.
+ *
+ * Sends XFRM_MSG_DELPOLICY. When in fails, fwd is not attempted.
+ * @return 0, or -1: refused selector, refused by the kernel
+ */
+VESK_EXPORT int removeXFRMPolicies(std::string& source, std::string& destination, unsigned char protocol,
+                                   bool outbound) noexcept;
+
+/**
+ * Lets ICMPv6 to fe80::/64 past IPsec: a policy without template, of priority 10.
+ *
+ * Sends XFRM_MSG_NEWPOLICY.
+ * @param direction  XFRM_POLICY_IN, XFRM_POLICY_OUT or XFRM_POLICY_FWD; others are sent, and refused by the kernel
+ * @return 0, or -1: refused by the kernel (a policy that exists is refused)
+ */
+VESK_EXPORT int addXFRMPolicyEx(unsigned char direction) noexcept;
+
+/// Deletes the policy of `addXFRMPolicyEx` with XFRM_MSG_DELPOLICY. @return as there
+VESK_EXPORT int removeXFRMPolicyEx(unsigned char direction) noexcept;
+
+/**
+ * Moves SAs and policies from an old local address to a new one, in place: out, in, fwd. When in or fwd fails, what was
+ * moved is moved back; the caller must not change the same SAs meanwhile.
+ *
+ * Sends XFRM_MSG_MIGRATE for each direction.
+ * @param oldRecord       the record as it was installed
+ * @param newRecord       the record as it is now; mode, protocol and peer must be the same
+ * @param localSelector   this end's selector, as given to `addXFRMPolicies`
+ * @param remoteSelector  the peer's selector, likewise
+ * @param protocol        IP protocol number, likewise
+ * @return 0, or -1: records too different or refused, refused by the kernel (rolled back)
+ */
+VESK_EXPORT int migrateXFRMInfo(tro_ipsec_static_sa_config_ex_info_ind_msg_v01& oldRecord,
+                                tro_ipsec_static_sa_config_ex_info_ind_msg_v01& newRecord, std::string& localSelector,
+                                std::string& remoteSelector, unsigned char protocol) noexcept;
+
+} // namespace Vesk
+
+#endif

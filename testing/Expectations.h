@@ -1,0 +1,48 @@
+/**
+ * @file
+ * What a test expects of a call that a ScriptedKernel watched, written as a person reads it.
+ *
+ *     EXPECT_EQ(unmet(kernel, {{{NETLINK_ROUTE, "18000000 4900 0500 00000000 00000000 | 0800 0200 07000000"}}},
+ *                     {logLine("src/daemon", 4, "%s(): no label", "setUp")}), "");
+ */
+#ifndef VESK_EXPECTATIONS_H
+#define VESK_EXPECTATIONS_H
+
+#include <ScriptedKernel.h>
+
+#include <initializer_list>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace Vesk::Testing {
+
+/// A datagram as hexadecimal digits, with a bar where a block of the scatter list ends and the next begins. Spaces do
+/// not count.
+struct Sent {
+    int protocol;
+    std::string digits;
+};
+
+/// Requests in order; no value when they do not matter.
+using Sends = std::optional<std::vector<Sent>>;
+
+/// A log line by its source, level, format, and what fills the format.
+LogLine logLine(const std::string& source, int level, const char* format, ...);
+
+/// One receive's datagram each.
+std::vector<Reply> replies(std::initializer_list<std::string> datagrams);
+
+/// The address that a text stands for; of family 0 when it is neither IPv4 nor IPv6.
+sockaddr_storage socketAddress(const char* text);
+
+/**
+ * Compares what happened with what was expected: the requests, block by block; the whole log, raw formats too; that
+ * each socket was opened as this library opens them; that no reply was left or missing, and no socket or block stayed.
+ * @return what differs, four bytes a line; empty when nothing does
+ */
+std::string unmet(const ScriptedKernel& kernel, const Sends& sends, const std::vector<LogLine>& log);
+
+} // namespace Vesk::Testing
+
+#endif

@@ -1,0 +1,192 @@
+/**
+ * @file
+ * A kernel made of a script, for tests of code that uses this library: no privileges, no network, no real kernel.
+ *
+ *     #include <ScriptedKernel.h>
+ *     using namespace Vesk::Testing;
+ *
+ *     ScriptedKernel kernel;                                      // takes the kernel's place on this thread
+ *     kernel.addInterface("wlan0", 3);
+ *     kernel.answer({refusal(-EEXIST)});                          // what the first request gets; later ones: an ACK
+ *
+ *     const int result = kernel.run([&] { return addrlabelAdd(&address, 64, 7, 3); });
+ *
+ *     EXPECT_EQ(result, -1);
+ *     EXPECT_EQ(kernel.requests()[0].datagram, hex("38000000 4800 0506 ..."));
+ *     EXPECT_EQ(kernel.log().back().text, "addrlabelModify(): modifying address label failed");
+ *     EXPECT_EQ(kernel.openSockets() + kernel.liveBlocks() + kernel.unreadReplies(), 0u);
+ *
+ * A program that links `vesk::testing` has its own socket calls on AF_NETLINK, if_nametoindex, if_indextoname, rand,
+ * operators new and delete, and `LogMgr`, which win over those that the shared library imports. While no ScriptedKernel
+ * lives on the calling thread, they do what they always do (and log lines go to standard error).
+ */
+#ifndef VESK_SCRIPTED_KERNEL_H
+#define VESK_SCRIPTED_KERNEL_H
+
+#include <LogMgr.h>
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include <linux/netlink.h>
+#include <sys/socket.h>
+
+namespace Vesk::Testing {
+
+using Bytes = std::vector<std::uint8_t>;
+
+/// The bytes of hexadecimal digits; white space between them is skipped.
+Bytes hex(std::string_view digits);
+
+/// One netlink message: a header with its length, then the body, padded with zeros to a multiple of 4.
+Bytes message(std::uint16_t type, std::uint16_t flags, const Bytes& body);
+
+/// Several messages in one datagram.
+Bytes operator+(Bytes first, const Bytes& second);
+
+/// What one receive gets: a datagram, or a failure when `error` is an errno.
+struct Reply {
+    Bytes datagram;
+    int error = 0;
+};
+
+Reply reply(Bytes datagram);     ///< A datagram as it stands, cut short or malformed as may be.
+Reply failedReceive(int error);  ///< -1 and this errno.
+Reply refusal(int error);        ///< NLMSG_ERROR, 36 bytes, with this (negative) error and no extended text.
+Reply acknowledgement();         ///< NLMSG_ERROR with error 0.
+Reply endOfDump(int status = 0); ///< NLMSG_DONE with this status.
+
+/// A datagram that was sent, and the socket that it went through.
+struct Request {
+    int socketType;                          ///< as given to socket()
+    int protocol;                            ///< as given to socket()
+    std::vector<std::array<int, 3>> options; ///< level, name and value of each setsockopt()
+    sockaddr_nl address;                     ///< as given to bind()
+    std::vector<std::size_t> scatter;        ///< lengths of the blocks given to sendmsg()
+    Bytes datagram;                          ///< the blocks joined
+};
+
+struct LogLine {
+    log_level level;
+    std::string source;
+    std::string format;
+    std::string text;
+    unsigned int line = 0;
+
+    /// The line number is not compared.
+    bool operator==(const LogLine& other) const;
+};
+
+/// What can be made to fail. `Allocate` is operator new in all its forms, during `run` only.
+enum class Call {
+    Socket,
+    SetSockOpt,
+    Bind,
+    SendMsg,
+    RecvFrom,
+    Close,
+    NameToIndex,
+    IndexToName,
+    Allocate
+};
+
+/// Keeps the log lines of the calling thread while it lives, also on a real kernel; one at a time.
+class LogCapture {
+public:
+    LogCapture();
+    ~LogCapture();
+    LogCapture(const LogCapture&)            = delete;
+    LogCapture& operator=(const LogCapture&) = delete;
+
+    std::vector<LogLine> lines;
+};
+
+class ScriptedKernel {
+public:
+    ScriptedKernel();  ///< Takes the kernel's place for the calling thread; one at a time.
+    ~ScriptedKernel(); ///< Gives it back.
+    ScriptedKernel(const ScriptedKernel&)            = delete;
+    ScriptedKernel& operator=(const ScriptedKernel&) = delete;
+
+    // The script
+
+    void addInterface(const std::string& name, unsigned int index);
+    void setRandom(int value); ///< What rand() returns; 0 at first.
+
+    /**
+     * What the next request without a script gets, one reply a receive. A request that finds no script gets what
+     * kernels say when all is well: the end of a dump, or an acknowledgement where one was asked for.
+     */
+    void answer(std::vector<Reply> replies);
+    void answerAsUsual(); ///< Leaves the next request to what kernels say when all is well.
+
+    void fail(Call call, int error,
+              int nth = 1); ///< The nth of these calls, counted from the start, sets errno, fails.
+    void sendShort();       ///< Sends report one byte less than they sent.
+
+    /// Calls, watching the allocations of the calling thread meanwhile, and returns what the call returned.
+    template <typename Function>
+    auto run(Function function)
+    {
+        const Watch watch(*this);
+        return function();
+    }
+
+    // What happened
+
+    const std::vector<Request>& requests() const { return sent; }
+    const std::vector<LogLine>& log() const { return logged.lines; }
+    int count(Call call) const;
+    std::size_t openSockets() const { return sockets.size(); }
+    std::size_t liveBlocks() const { return blocks.size(); } ///< Allocated in the last `run` and not freed in it.
+    const std::vector<Bytes>& freedBlocks() const { return freed; } ///< What they held, in the order of their release.
+    std::size_t unreadReplies() const;                              ///< Scripted, but never received.
+    bool overran() const { return receivedPastScript; } ///< A receive found no reply; it failed with ENODATA.
+
+    /// The far side of the calls that this takes the place of.
+    struct Hooks;
+
+private:
+    struct Socket {
+        Request asOpened = {};
+        std::deque<Reply> replies;
+    };
+    struct Script {
+        bool asUsual;
+        std::vector<Reply> replies;
+    };
+    struct Watch {
+        explicit Watch(ScriptedKernel& kernel);
+        ~Watch();
+    };
+
+    bool fails(Call call);
+    std::vector<Reply> repliesTo(const Request& request);
+
+    std::map<int, Socket> sockets;
+    std::map<std::string, unsigned int> interfaces;
+    std::deque<Script> scripts;
+    std::map<Call, int> calls;
+    std::map<std::pair<Call, int>, int> failures;
+    std::vector<Request> sent;
+    LogCapture logged;
+    std::unordered_map<void*, std::size_t> blocks;
+    std::vector<Bytes> freed;
+    std::size_t lost        = 0; // replies of sockets that were closed
+    int randomNumber        = 0;
+    int nextSocket          = 1 << 20; // far from any real descriptor
+    bool sendsShort         = false;
+    bool receivedPastScript = false;
+};
+
+} // namespace Vesk::Testing
+
+#endif

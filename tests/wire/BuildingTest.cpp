@@ -1,0 +1,188 @@
+// What the building operations put on the wire.
+#include "WireTest.h"
+
+#include <algorithm>
+#include <climits>
+
+using namespace wire;
+using Vesk::NestedAttrHandle;
+using Vesk::NetlinkMessage;
+
+static unsigned char kBytes[] = {0xa1, 0xa2, 0xa3, 0xa4, 0xa5, 0xa6};
+
+// Builds and transacts a request of type 0x1234.
+static Operation request(void (*build)(NetlinkMessage&))
+{
+    return [build] {
+        NetlinkMessage msg;
+        msg.setNLMsgHeader(NETLINK_ROUTE, 0x1234, NLM_F_REQUEST | NLM_F_ACK);
+        build(msg);
+        return msg.messageTransact();
+    };
+}
+
+static std::function<void(ScriptedKernel&)> outOfMemory(int nth)
+{
+    return [nth](ScriptedKernel& kernel) { kernel.fail(Call::Allocate, 0, nth); };
+}
+
+TEST(Building, PutsBlocksOnTheWire)
+{
+    const auto builds = [](const char* what, void (*build)(NetlinkMessage&), const char* wire) {
+        check(what, request(build), 0, route(wire), {kAcked});
+    };
+    using M = NetlinkMessage;
+
+    builds(
+        "nothing but the header", [](M&) {}, "10000000 3412 0500 00000000 00000000");
+    builds(
+        "a payload is padded with zeros", [](M& m) { m.addMsgPayload(6, kBytes); },
+        "18000000 3412 0500 00000000 00000000 | a1a2a3a4 a5a60000");
+    builds(
+        "a second payload replaces the first, its length too",
+        [](M& m) { m.addMsgPayload(6, kBytes), m.addMsgPayload(4, kBytes + 2); },
+        "14000000 3412 0500 00000000 00000000 | a3a4a5a6");
+    builds(
+        "an empty payload is a block of no bytes", [](M& m) { m.addMsgPayload(0, nullptr); },
+        "10000000 3412 0500 00000000 00000000 |");
+    builds(
+        "the payload goes first, each width of value is padded",
+        [](M& m) {
+            m.addNLAttribute(1, static_cast<unsigned char>(0x11));
+            m.addNLAttribute(2, static_cast<unsigned short>(0x2222));
+            m.addNLAttribute(3, 0x33333333u);
+            m.addNLAttribute(4, 5, kBytes);
+            m.addMsgPayload(4, kBytes);
+        },
+        "38000000 3412 0500 00000000 00000000 | a1a2a3a4 | 0500 0100 11000000 | 0600 0200 22220000 |"
+        "0800 0300 33333333 | 0900 0400 a1a2a3a4 a5000000");
+    builds(
+        "a value may be empty; one of negative length is no attribute",
+        [](M& m) { m.addNLAttribute(7, 0, nullptr), m.addNLAttribute(8, -1, kBytes); },
+        "14000000 3412 0500 00000000 00000000 | 0400 0700");
+    builds(
+        "texts carry their NUL, and a string those inside it",
+        [](M& m) {
+            char text[] = "prio";
+            std::string two("a\0b", 3);
+            m.addNLAttribute(1, text), m.addNLAttribute(2, ""), m.addNLAttribute(3, two);
+        },
+        "2c000000 3412 0500 00000000 00000000 | 0900 0100 7072696f 00000000 | 0500 0200 00000000 |"
+        "0800 0300 61006200");
+    builds(
+        "flag bits of a type pass through; of a nest the header alone is sent",
+        [](M& m) { m.addNLAttribute(0x14005, 2, kBytes), m.addNLAttribute(0x8006, 0, nullptr); },
+        "1c000000 3412 0500 00000000 00000000 | 0600 0540 a1a20000 | 0400 0680");
+    builds(
+        "a nest counts its children, those of a nest inside it too, and nothing that follows",
+        [](M& m) {
+            NestedAttrHandle outer, inner, empty;
+            m.addNLAttribute(1, 0u);
+            m.startNestedNLAttribute(2, outer);
+            m.startNestedNLAttribute(3, inner);
+            m.addNLAttribute(4, 0x44444444u);
+            m.endNestedNLAttribute(inner);
+            m.addNLAttribute(5, static_cast<unsigned char>(0x55));
+            m.endNestedNLAttribute(outer);
+            m.startNestedNLAttribute(6, empty);
+            m.endNestedNLAttribute(empty);
+        },
+        "34000000 3412 0500 00000000 00000000 | 0800 0100 00000000 |"
+        "1800 0280 | 0c00 0380 | 0800 0400 44444444 | 0500 0500 55000000 | 0400 0680");
+}
+
+TEST(Building, GoesOnWithoutWhatCannotBeAdded)
+{
+    const Sends child     = route("18000000 3412 0500 00000000 00000000 | 0800 0300 03000000");
+    const LogLine payload = core(4, "%s(): adding payload failed", "addMsgPayload");
+
+    check("no memory for a payload: the earlier one is gone, its length still counts",
+          request([](auto& m) { m.addMsgPayload(4, kBytes), m.addMsgPayload(6, kBytes); }), -1,
+          route("14000000 3412 0500 00000000 00000000"), {payload, sentShort(16, 20)}, {}, outOfMemory(2));
+    check("a negative length is a failed allocation", request([](auto& m) { m.addMsgPayload(-5, kBytes); }), 0,
+          route("10000000 3412 0500 00000000 00000000"), {payload, kAcked});
+    check("no memory for an attribute", request([](auto& m) { m.addNLAttribute(9, 1u), m.addNLAttribute(3, 3u); }), 0,
+          child, {core(4, "%s(): adding attribute of type %d failed", "addNLAttribute", 9), kAcked}, {},
+          outOfMemory(1));
+    check("no memory for a nest: its end does not touch the child in its place", request([](auto& m) {
+              NestedAttrHandle nest;
+              m.startNestedNLAttribute(2, nest);
+              m.addNLAttribute(3, 3u);
+              m.endNestedNLAttribute(nest);
+          }),
+          0, child,
+          {core(4, "%s(): adding attribute of type %d failed", "addNLAttribute", 0x8002),
+           core(4, "%s(): invalid attribute handle %zu: %s", "endNestedNLAttribute", SIZE_MAX,
+                "vector::_M_range_check: __n (which is 18446744073709551615) >= this->size() (which is 1)"),
+           kAcked},
+          {}, outOfMemory(1));
+    check("a handle one past the last block", request([](auto& m) {
+              NestedAttrHandle nest{0, 1};
+              m.addNLAttribute(3, 3u);
+              m.endNestedNLAttribute(nest);
+          }),
+          0, child,
+          {core(4, "%s(): invalid attribute handle %zu: %s", "endNestedNLAttribute", std::size_t{1},
+                "vector::_M_range_check: __n (which is 1) >= this->size() (which is 1)"),
+           kAcked});
+    check("no memory for the scatter list", request([](auto& m) { m.addMsgPayload(4, kBytes); }), -1, kNothing,
+          {core(4, "%s(): msg allocation failed", "messageSend")}, {}, outOfMemory(2));
+    check("a value that the length field cannot hold is never sent whole", request([](auto& m) {
+              static unsigned char big[65532];
+              m.addNLAttribute(1, sizeof big, big);
+          }),
+          -1, route("10000100 3412 0500 00000000 00000000 |"), {sentShort(16, 65552)});
+}
+
+TEST(Building, ServesOneRequest)
+{
+    check("a second send has the length of the first in its header",
+          [] {
+              NetlinkMessage msg;
+              msg.setNLMsgHeader(NETLINK_ROUTE, 0x1234, NLM_F_REQUEST);
+              msg.addMsgPayload(4, kBytes);
+              return 10 * msg.messageTransact() + msg.messageTransact();
+          },
+          -1,
+          {{{NETLINK_ROUTE, "14000000 3412 0100 00000000 00000000 | a1a2a3a4"},
+            {NETLINK_ROUTE, "24000000 3412 0100 00000000 00000000 | a1a2a3a4"}}},
+          {core(2, "%s(): not requesting ACK for NL message\n", "messageTransact"), sentShort(20, 36)});
+    check("a cleared payload still counts", request([](auto& m) { m.addMsgPayload(4, kBytes), m.clearMsgPayload(); }),
+          -1, route("14000000 3412 0500 00000000 00000000"), {sentShort(16, 20)});
+    check("cleared attributes are freed once",
+          [] {
+              NetlinkMessage msg;
+              msg.addNLAttribute(1, 1u);
+              msg.clearAttributes();
+              return 0;
+          },
+          0, kNothing, {});
+}
+
+TEST(Building, WipesWhatItFrees)
+{
+    ScriptedKernel kernel;
+    kernel.run(request([](auto& m) {
+        m.addMsgPayload(6, kBytes), m.addMsgPayload(6, kBytes);
+        m.addNLAttribute(1, 6, kBytes);
+    }));
+    ASSERT_EQ(kernel.freedBlocks().size(), 5u); // two payloads, an attribute, the lists of attributes and of blocks
+    for (const Bytes& block : kernel.freedBlocks())
+        EXPECT_EQ(std::search(block.begin(), block.end(), kBytes, kBytes + 4), block.end());
+}
+
+TEST(BuildingDeathTest, EndsTheProcess)
+{
+    const auto killed = testing::KilledBySignal(SIGABRT);
+    NetlinkMessage msg;
+    NestedAttrHandle later{8, 0};
+    msg.addNLAttribute(1, 0, nullptr);
+    EXPECT_EXIT(msg.addMsgPayload(-4, kBytes), killed, "addMsgPayload\\(\\): .*overflow");
+    EXPECT_EXIT(msg.addMsgPayload(-1, kBytes), killed, "addMsgPayload\\(\\): .*overflow");
+    EXPECT_EXIT(msg.addNLAttribute(1, INT_MAX, kBytes), killed, "addNLAttribute\\(\\): .*overflow");
+    EXPECT_EXIT(msg.endNestedNLAttribute(later), killed, "endNestedNLAttribute\\(\\): .*overflow");
+
+    ScriptedKernel kernel;
+    kernel.fail(Call::Allocate, 0, 2); // the list of attributes
+    EXPECT_EXIT(kernel.run(request([](auto& m) { m.addNLAttribute(1, 1u); })), killed, "bad_alloc");
+}

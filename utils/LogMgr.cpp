@@ -1,0 +1,34 @@
+#include "LogMgr.h"
+
+#include "FormatLogLine.h"
+
+#include <cstdlib>
+
+LogMgr& LogMgr::getInstance()
+{
+    static LogMgr instance;
+    return instance;
+}
+
+static int lowestLevel()
+{
+    const char* chosen = std::getenv("VESK_LOG_LEVEL");
+    return chosen != nullptr ? std::atoi(chosen) : log_level_notice;
+}
+
+void LogMgr::doLog(log_level level, const char* file, unsigned int line, const char* format, ...)
+{
+    static const int lowest = lowestLevel();
+    if (level < lowest)
+        return;
+
+    char text[2048];
+    std::va_list arguments;
+    va_start(arguments, format);
+    formatLogLine(text, sizeof text, format, arguments);
+    va_end(arguments);
+    text[std::strcspn(text, "\n")] = '\0';
+
+    static const char letters[] = "?VDNF";
+    std::fprintf(stderr, "%c %s:%u %s\n", letters[level], file, line, text);
+}
