@@ -11,17 +11,16 @@ namespace Vesk::Testing {
 namespace {
 
 // Four bytes a line, so that a difference shows the field.
-std::string inLines(const std::string& digits)
+std::string inLines(const std::string& expected)
 {
     std::string text  = "    ";
     std::size_t count = 0;
-    for (const char c : digits) {
+    for (const char c : spelledOut(expected)) {
         if (c == '|') {
             text += " |\n    ";
             count = 0;
-        } else if (c != ' ') {
-            if (count != 0 && count % 8 == 0)
-                text += "\n    ";
+        } else {
+            text += count != 0 && count % 8 == 0 ? "\n    " : "";
             text += c;
             ++count;
         }
@@ -29,27 +28,13 @@ std::string inLines(const std::string& digits)
     return text + '\n';
 }
 
-std::string blocks(const Request& request)
-{
-    std::string text;
-    std::size_t at = 0;
-    for (const std::size_t size : request.scatter) {
-        text += at == 0 ? "" : "|";
-        for (const std::size_t end = at + size; at < end; ++at) {
-            char byte[3];
-            std::snprintf(byte, sizeof byte, "%02x", request.datagram[at]);
-            text += byte;
-        }
-    }
-    return text;
-}
-
-std::string inLines(const std::vector<LogLine>& log)
+std::string inLines(const std::vector<LogLine>& log, log_level from)
 {
     std::string text;
     for (const LogLine& line : log)
-        text +=
-            "    " + std::to_string(line.level) + ' ' + line.source + " \"" + line.format + "\": " + line.text + '\n';
+        if (line.level >= from)
+            text += "    " + std::to_string(line.level) + ' ' + line.source + " \"" + line.format + "\": " + line.text +
+                    '\n';
     return text;
 }
 
@@ -67,6 +52,21 @@ std::string socketsOf(const Request& request)
 }
 
 } // namespace
+
+std::string digits(const Request& request)
+{
+    std::string text;
+    std::size_t at = 0;
+    for (const std::size_t size : request.scatter) {
+        text += at == 0 ? "" : "|";
+        for (const std::size_t end = at + size; at < end; ++at) {
+            char byte[3];
+            std::snprintf(byte, sizeof byte, "%02x", request.datagram[at]);
+            text += byte;
+        }
+    }
+    return text;
+}
 
 LogLine logLine(const std::string& source, int level, const char* format, ...)
 {
@@ -96,10 +96,10 @@ sockaddr_storage socketAddress(const char* text)
     return address;
 }
 
-std::string unmet(const ScriptedKernel& kernel, const Sends& sends, const std::vector<LogLine>& log)
+std::string unmet(const ScriptedKernel& kernel, const Sends& sends, const std::vector<LogLine>& log, log_level from)
 {
     const std::vector<Request>& requests = kernel.requests();
-    std::string text                     = difference("log", inLines(log), inLines(kernel.log()));
+    std::string text                     = difference("log", inLines(log, from), inLines(kernel.log(), from));
     for (const Request& request : requests)
         text += socketsOf(request);
     if (sends) {
@@ -108,15 +108,16 @@ std::string unmet(const ScriptedKernel& kernel, const Sends& sends, const std::v
             const std::string name = "request " + std::to_string(i);
             text += difference(name + ", protocol", std::to_string((*sends)[i].protocol) + '\n',
                                std::to_string(requests[i].protocol) + '\n');
-            text += difference(name, inLines((*sends)[i].digits), inLines(blocks(requests[i])));
+            text += difference(name, inLines((*sends)[i].digits), inLines(digits(requests[i])));
         }
     }
 
     const auto left = [](std::size_t count, const char* what) {
         return count == 0 ? "" : std::to_string(count) + ' ' + what + '\n';
     };
-    return text + (kernel.overran() ? "a receive found no reply\n" : "") +
-           left(kernel.unreadReplies(), "unread replies") + left(kernel.openSockets(), "sockets left open") +
+    for (const std::string& complaint : kernel.complaints())
+        text += complaint + '\n';
+    return text + left(kernel.unreadReplies(), "unread replies") + left(kernel.openSockets(), "sockets left open") +
            left(kernel.liveBlocks(), "blocks not freed");
 }
 

@@ -3,7 +3,8 @@
  * What a test expects of a call that a ScriptedKernel watched, written as a person reads it.
  *
  *     EXPECT_EQ(unmet(kernel, {{{NETLINK_ROUTE, "18000000 4900 0500 00000000 00000000 | 0800 0200 07000000"}}},
- *                     {logLine("src/daemon", 4, "%s(): no label", "setUp")}), "");
+ *                     {logLine("src/netlink/NetlinkHelper", 3, "%s(): NL ACK received form kernel", "messageTransact")}),
+ *               "");
  */
 #ifndef VESK_EXPECTATIONS_H
 #define VESK_EXPECTATIONS_H
@@ -17,8 +18,8 @@
 
 namespace Vesk::Testing {
 
-/// A datagram as hexadecimal digits, with a bar where a block of the scatter list ends and the next begins. Spaces do
-/// not count.
+/// A datagram as hexadecimal digits, with a bar where a block of the scatter list ends and the next begins. A word such
+/// as "56*00" stands for 56 zero bytes; spaces do not count otherwise.
 struct Sent {
     int protocol;
     std::string digits;
@@ -26,6 +27,9 @@ struct Sent {
 
 /// Requests in order; no value when they do not matter.
 using Sends = std::optional<std::vector<Sent>>;
+
+/// The same of a request that was recorded, without spaces and with every byte written out.
+std::string digits(const Request& request);
 
 /// A log line by its source, level, format, and what fills the format.
 LogLine logLine(const std::string& source, int level, const char* format, ...);
@@ -39,9 +43,11 @@ sockaddr_storage socketAddress(const char* text);
 /**
  * Compares what happened with what was expected: the requests, block by block; the whole log, raw formats too; that
  * each socket was opened as this library opens them; that no reply was left or missing, and no socket or block stayed.
+ * @param from  lines of lower levels are not compared
  * @return what differs, four bytes a line; empty when nothing does
  */
-std::string unmet(const ScriptedKernel& kernel, const Sends& sends, const std::vector<LogLine>& log);
+std::string unmet(const ScriptedKernel& kernel, const Sends& sends, const std::vector<LogLine>& log,
+                  log_level from = log_level_verbose);
 
 } // namespace Vesk::Testing
 

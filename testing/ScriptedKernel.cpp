@@ -3,7 +3,6 @@
 #include <FormatLogLine.h>
 
 #include <algorithm>
-#include <cctype>
 #include <cerrno>
 #include <cstdlib>
 #include <new>
@@ -45,23 +44,34 @@ Bytes errorMessage(int error)
 
 } // namespace
 
-Bytes hex(std::string_view digits)
+std::string spelledOut(const std::string& digits)
 {
-    Bytes bytes;
-    std::string pair;
-    for (const char digit : digits) {
-        if (std::isspace(static_cast<unsigned char>(digit)) != 0)
-            continue;
-        if (std::isxdigit(static_cast<unsigned char>(digit)) == 0)
-            throw std::invalid_argument("no hexadecimal digit in \"" + std::string(digits) + '"');
-        pair += digit;
-        if (pair.size() == 2) {
-            bytes.push_back(static_cast<std::uint8_t>(std::stoul(pair, nullptr, 16)));
-            pair.clear();
+    std::string text;
+    for (std::size_t at = 0; at < digits.size(); ++at) {
+        if (digits[at] == '*') { // the digits before it, back to a space or a bar, are a count
+            const std::size_t start = digits.find_last_of(" |", at) + 1;
+            const std::string count = digits.substr(start, at - start);
+            if (count.empty() || count.size() > 3 || count.find_first_not_of("0123456789") != std::string::npos)
+                throw std::invalid_argument("no count: " + digits);
+            text.resize(text.size() - count.size());
+            for (int times = std::stoi(count); times > 0; --times)
+                text += digits.substr(at + 1, 2);
+            at += 2;
+        } else if (digits[at] != ' ') {
+            text += digits[at];
         }
     }
-    if (!pair.empty())
-        throw std::invalid_argument("half a byte in \"" + std::string(digits) + '"');
+    return text;
+}
+
+Bytes hex(const std::string& digits)
+{
+    const std::string text = spelledOut(digits);
+    if (text.size() % 2 != 0 || text.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos)
+        throw std::invalid_argument("no hexadecimal bytes: " + digits);
+    Bytes bytes;
+    for (std::size_t i = 0; i < text.size(); i += 2)
+        bytes.push_back(static_cast<std::uint8_t>(std::stoul(text.substr(i, 2), nullptr, 16)));
     return bytes;
 }
 
@@ -120,7 +130,7 @@ bool LogLine::operator==(const LogLine& other) const
 LogCapture::LogCapture()
 {
     if (capture != nullptr)
-        throw std::logic_error("this thread's log is being captured already");
+        throw std::logic_error("a thread has one ScriptedKernel or LogCapture at a time");
     capture = this;
 }
 
@@ -131,8 +141,6 @@ LogCapture::~LogCapture()
 
 ScriptedKernel::ScriptedKernel()
 {
-    if (active != nullptr)
-        throw std::logic_error("this thread has a ScriptedKernel already");
     active = this;
 }
 
@@ -143,6 +151,8 @@ ScriptedKernel::~ScriptedKernel()
 
 ScriptedKernel::Watch::Watch(ScriptedKernel& kernel)
 {
+    if (&kernel != active || watching)
+        throw std::logic_error("ScriptedKernel::run on another thread, or inside itself");
     kernel.blocks.clear();
     kernel.freed.clear();
     watching = true;
@@ -239,12 +249,25 @@ struct ScriptedKernel::Hooks {
         return active->nextSocket++;
     }
 
-    static bool owns(int descriptor) { return active != nullptr && active->sockets.count(descriptor) != 0; }
+    // A descriptor that is, or would be, one of ours. What is not open is complained about.
+    static bool owns(int descriptor)
+    {
+        if (active == nullptr || descriptor < kFirstSocket)
+            return false;
+        if (active->sockets.count(descriptor) != 0)
+            return true;
+        complain("a socket is used that is not open");
+        return false; // the system says EBADF
+    }
+
+    static void complain(const char* what) { active->wrong.emplace_back(what); }
 
     static int setsockopt(int descriptor, int level, int name, const void* value, socklen_t size)
     {
         if (active->fails(Call::SetSockOpt))
             return -1;
+        if (size != sizeof(int))
+            complain("a socket option is no int");
         int number = 0;
         std::memcpy(&number, value, std::min<std::size_t>(size, sizeof number));
         active->sockets[descriptor].asOpened.options.push_back({level, name, number});
@@ -255,15 +278,19 @@ struct ScriptedKernel::Hooks {
     {
         if (active->fails(Call::Bind))
             return -1;
+        if (size != sizeof(sockaddr_nl))
+            complain("a socket is bound to half an address");
         sockaddr_nl& bound = active->sockets[descriptor].asOpened.address;
         std::memcpy(&bound, address, std::min<std::size_t>(size, sizeof bound));
         return 0;
     }
 
-    static ssize_t sendmsg(int descriptor, const msghdr* given)
+    static ssize_t sendmsg(int descriptor, const msghdr* given, int flags)
     {
         if (active->fails(Call::SendMsg))
             return -1;
+        if (flags != 0 || given->msg_name != nullptr || given->msg_controllen != 0)
+            complain("a request is sent with flags, an address or control data");
         Socket& socket  = active->sockets[descriptor];
         Request request = socket.asOpened;
         for (std::size_t i = 0; i < given->msg_iovlen; ++i) {
@@ -276,14 +303,16 @@ struct ScriptedKernel::Hooks {
         return static_cast<ssize_t>(active->sent.back().datagram.size()) - (active->sendsShort ? 1 : 0);
     }
 
-    static ssize_t recvfrom(int descriptor, void* buffer, std::size_t size)
+    static ssize_t recvfrom(int descriptor, void* buffer, std::size_t size, int flags, const sockaddr* address)
     {
         if (active->fails(Call::RecvFrom))
             return -1;
+        if (flags != 0 || address != nullptr)
+            complain("a reply is received with flags or an address");
         std::deque<Reply>& replies = active->sockets[descriptor].replies;
         if (replies.empty()) {
-            active->receivedPastScript = true;
-            errno                      = ENODATA;
+            complain("a receive found no reply");
+            errno = ENODATA;
             return -1;
         }
         const Reply next = std::move(replies.front());
@@ -319,32 +348,34 @@ struct ScriptedKernel::Hooks {
             return nullptr;
         for (const auto& [known, itsIndex] : active->interfaces)
             if (itsIndex == index)
-                return std::strncpy(name, known.c_str(), IF_NAMESIZE);
+                return std::snprintf(name, IF_NAMESIZE, "%s", known.c_str()) >= 0 ? name : nullptr;
         errno = ENXIO;
         return nullptr;
     }
 
     static int random() { return active->randomNumber; }
 
-    static void* allocate(std::size_t size)
+    static void* allocate(std::size_t size, bool array)
     {
         const Pause pause;
         void* block = active->fails(Call::Allocate) ? nullptr : std::malloc(size);
         if (block != nullptr) {
             std::memset(block, 0xee, size); // so that bytes which nobody wrote show
-            active->blocks[block] = size;
+            active->blocks[block] = {size, array};
         }
         return block;
     }
 
-    static void release(void* block)
+    static void release(void* block, bool array)
     {
         const Pause pause;
         const auto found = active->blocks.find(block);
         if (found == active->blocks.end())
             return;
+        if (found->second.array != array)
+            complain("a block is released by the other form of delete");
         const auto* bytes = static_cast<const std::uint8_t*>(block);
-        active->freed.emplace_back(bytes, bytes + found->second);
+        active->freed.emplace_back(bytes, bytes + found->second.size);
         active->blocks.erase(found);
     }
 };
@@ -393,7 +424,7 @@ ssize_t sendmsg(int descriptor, const msghdr* given, int flags)
     const Pause pause;
     if (!Hooks::owns(descriptor))
         return syscall(SYS_sendmsg, descriptor, given, flags);
-    return Hooks::sendmsg(descriptor, given);
+    return Hooks::sendmsg(descriptor, given, flags);
 }
 
 ssize_t recvfrom(int descriptor, void* buffer, std::size_t size, int flags, sockaddr* address, socklen_t* length)
@@ -401,7 +432,7 @@ ssize_t recvfrom(int descriptor, void* buffer, std::size_t size, int flags, sock
     const Pause pause;
     if (!Hooks::owns(descriptor))
         return syscall(SYS_recvfrom, descriptor, buffer, size, flags, address, length);
-    return Hooks::recvfrom(descriptor, buffer, size);
+    return Hooks::recvfrom(descriptor, buffer, size, flags, address);
 }
 
 int close(int descriptor)
@@ -452,33 +483,33 @@ void LogMgr::doLog(log_level level, const char* file, unsigned int line, const c
         std::fprintf(stderr, "%d %s:%u %s\n", level, file, line, text);
 }
 
-static void* allocate(std::size_t size)
+static void* allocate(std::size_t size, bool array)
 {
-    return watching ? Hooks::allocate(size) : std::malloc(size);
+    return watching ? Hooks::allocate(size, array) : std::malloc(size);
 }
 
-static void* allocateOrThrow(std::size_t size)
+static void* allocateOrThrow(std::size_t size, bool array)
 {
-    void* block = allocate(size);
+    void* block = allocate(size, array);
     if (block == nullptr)
         throw std::bad_alloc();
     return block;
 }
 
-static void release(void* block) noexcept
+static void release(void* block, bool array) noexcept
 {
     if (watching)
-        Hooks::release(block);
+        Hooks::release(block, array);
     std::free(block);
 }
 
 // clang-format off
-void* operator new(std::size_t size) { return allocateOrThrow(size); }
-void* operator new[](std::size_t size) { return allocateOrThrow(size); }
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept { return allocate(size); }
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept { return allocate(size); }
-void operator delete(void* block) noexcept { release(block); }
-void operator delete[](void* block) noexcept { release(block); }
-void operator delete(void* block, std::size_t) noexcept { release(block); }
-void operator delete[](void* block, std::size_t) noexcept { release(block); }
+void* operator new(std::size_t size) { return allocateOrThrow(size, false); }
+void* operator new[](std::size_t size) { return allocateOrThrow(size, true); }
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept { return allocate(size, false); }
+void* operator new[](std::size_t size, const std::nothrow_t&) noexcept { return allocate(size, true); }
+void operator delete(void* block) noexcept { release(block, false); }
+void operator delete[](void* block) noexcept { release(block, true); }
+void operator delete(void* block, std::size_t) noexcept { release(block, false); }
+void operator delete[](void* block, std::size_t) noexcept { release(block, true); }
 // clang-format on

@@ -3,22 +3,24 @@
  * A kernel made of a script, for tests of code that uses this library: no privileges, no network, no real kernel.
  *
  *     #include <ScriptedKernel.h>
- *     using namespace Vesk::Testing;
+ *     #include <vesk/netlink.h>
  *
- *     ScriptedKernel kernel;                                      // takes the kernel's place on this thread
- *     kernel.addInterface("wlan0", 3);
- *     kernel.answer({refusal(-EEXIST)});                          // what the first request gets; later ones: an ACK
+ *     Vesk::Testing::ScriptedKernel kernel;                    // takes the kernel's place on this thread
+ *     kernel.addInterface("wlan0", 3);                         // the only one that there is
+ *     kernel.answer({Vesk::Testing::refusal(-ERANGE)});        // to the first request; later ones are acknowledged
  *
- *     const int result = kernel.run([&] { return addrlabelAdd(&address, 64, 7, 3); });
+ *     std::string device = "wlan0";
+ *     const int result   = kernel.run([&] { return Vesk::RTNetlinkSetGSOMaxSize(device, 16384); });
  *
- *     EXPECT_EQ(result, -1);
- *     EXPECT_EQ(kernel.requests()[0].datagram, hex("38000000 4800 0506 ..."));
- *     EXPECT_EQ(kernel.log().back().text, "addrlabelModify(): modifying address label failed");
- *     EXPECT_EQ(kernel.openSockets() + kernel.liveBlocks() + kernel.unreadReplies(), 0u);
+ *     assert(result == -1);
+ *     assert(kernel.requests().size() == 1 && kernel.requests()[0].datagram.size() == 40);
+ *     assert(kernel.log().back().text == "RTNetlinkSetGSOMaxSize(): configuring gso max size failed for dev wlan0");
+ *     assert(kernel.openSockets() == 0 && kernel.liveBlocks() == 0 && kernel.complaints().empty());
  *
- * A program that links `vesk::testing` has its own socket calls on AF_NETLINK, if_nametoindex, if_indextoname, rand,
- * operators new and delete, and `LogMgr`, which win over those that the shared library imports. While no ScriptedKernel
- * lives on the calling thread, they do what they always do (and log lines go to standard error).
+ * A program that links `vesk::testing` has its own socket, setsockopt, bind, sendmsg, recvfrom and close for AF_NETLINK,
+ * its own if_nametoindex, if_indextoname, rand, operators new and delete (those for over-aligned types aside) and
+ * `LogMgr`; they win over those that the shared library imports. While no ScriptedKernel lives on the calling thread,
+ * they do what they always do, and log lines go to standard error.
  */
 #ifndef VESK_SCRIPTED_KERNEL_H
 #define VESK_SCRIPTED_KERNEL_H
@@ -31,7 +33,6 @@
 #include <deque>
 #include <map>
 #include <string>
-#include <string_view>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -43,8 +44,11 @@ namespace Vesk::Testing {
 
 using Bytes = std::vector<std::uint8_t>;
 
-/// The bytes of hexadecimal digits; white space between them is skipped.
-Bytes hex(std::string_view digits);
+/// Digits with each "56*00" (56 zero bytes) written out, and without spaces. The count begins after a space or a bar.
+std::string spelledOut(const std::string& digits);
+
+/// The bytes of hexadecimal digits, spelled out.
+Bytes hex(const std::string& digits);
 
 /// One netlink message: a header with its length, then the body, padded with zeros to a multiple of 4.
 Bytes message(std::uint16_t type, std::uint16_t flags, const Bytes& body);
@@ -85,7 +89,7 @@ struct LogLine {
     bool operator==(const LogLine& other) const;
 };
 
-/// What can be made to fail. `Allocate` is operator new in all its forms, during `run` only.
+/// What can be made to fail. `Allocate` is any operator new, during `run` only.
 enum class Call {
     Socket,
     SetSockOpt,
@@ -132,7 +136,9 @@ public:
               int nth = 1); ///< The nth of these calls, counted from the start, sets errno, fails.
     void sendShort();       ///< Sends report one byte less than they sent.
 
-    /// Calls, watching the allocations of the calling thread meanwhile, and returns what the call returned.
+    /// Calls, watching the allocations of the calling thread meanwhile, and returns what the call returned. To be used on
+    /// the thread that made the ScriptedKernel, and not from inside itself. What is returned counts as a live block where
+    /// it holds one.
     template <typename Function>
     auto run(Function function)
     {
@@ -149,7 +155,10 @@ public:
     std::size_t liveBlocks() const { return blocks.size(); } ///< Allocated in the last `run` and not freed in it.
     const std::vector<Bytes>& freedBlocks() const { return freed; } ///< What they held, in the order of their release.
     std::size_t unreadReplies() const;                              ///< Scripted, but never received.
-    bool overran() const { return receivedPastScript; } ///< A receive found no reply; it failed with ENODATA.
+
+    /// What a kernel would not have put up with, in words: a receive past the script (it fails with ENODATA), the use of a
+    /// closed socket, flags and addresses where none belong; and a block released by the other form of delete.
+    const std::vector<std::string>& complaints() const { return wrong; }
 
     /// The far side of the calls that this takes the place of.
     struct Hooks;
@@ -168,6 +177,8 @@ private:
         ~Watch();
     };
 
+    static constexpr int kFirstSocket = 1 << 20; // far from any real descriptor
+
     bool fails(Call call);
     std::vector<Reply> repliesTo(const Request& request);
 
@@ -178,13 +189,18 @@ private:
     std::map<std::pair<Call, int>, int> failures;
     std::vector<Request> sent;
     LogCapture logged;
-    std::unordered_map<void*, std::size_t> blocks;
+    struct Block {
+        std::size_t size;
+        bool array;
+    };
+
+    std::unordered_map<void*, Block> blocks;
     std::vector<Bytes> freed;
-    std::size_t lost        = 0; // replies of sockets that were closed
-    int randomNumber        = 0;
-    int nextSocket          = 1 << 20; // far from any real descriptor
-    bool sendsShort         = false;
-    bool receivedPastScript = false;
+    std::size_t lost = 0; // replies of sockets that were closed
+    int randomNumber = 0;
+    int nextSocket   = kFirstSocket;
+    bool sendsShort  = false;
+    std::vector<std::string> wrong;
 };
 
 } // namespace Vesk::Testing

@@ -28,7 +28,7 @@ long ptrace(enum __ptrace_request request, ...)
     if (request == PTRACE_SETREGSET && address == (void*)NT_X86_XSTATE) {
         const struct iovec* given = data;
         memset(padded, 0, sizeof padded);
-        memcpy(padded, given->iov_base, given->iov_len);
+        memcpy(padded, given->iov_base, given->iov_len < sizeof padded ? given->iov_len : sizeof padded);
         data = &whole;
     }
     const long result = syscall(SYS_ptrace, request, pid, address, peek ? &word : data);

@@ -27,8 +27,9 @@ void LogMgr::doLog(log_level level, const char* file, unsigned int line, const c
     va_start(arguments, format);
     formatLogLine(text, sizeof text, format, arguments);
     va_end(arguments);
-    text[std::strcspn(text, "\n")] = '\0';
+    for (char* feed = text; (feed = std::strchr(feed, '\n')) != nullptr;)
+        *feed = feed[1] != '\0' ? ' ' : '\0';
 
     static const char letters[] = "?VDNF";
-    std::fprintf(stderr, "%c %s:%u %s\n", letters[level], file, line, text);
+    std::fprintf(stderr, "%c %s:%u %s\n", letters[level <= log_level_failure ? level : 0], file, line, text);
 }

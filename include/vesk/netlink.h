@@ -19,8 +19,8 @@
  *   may have carried it out. The receive buffer holds 4,096 bytes.
  * - **Threads.** Any thread may call any operation at any time; nothing is shared between calls. A `NetlinkMessage`
  *   belongs to one thread.
- * - **Exceptions.** None leaves the library. A container that runs out of memory, and arithmetic on lengths that would
- *   overflow, end the process (SIGABRT, after a line on standard error that names the operation).
+ * - **Exceptions.** None leaves the library. A container that runs out of memory ends the process; so does arithmetic
+ *   on lengths that would overflow (SIGABRT, after a line on standard error that names the operation).
  * - **Texts and pointers.** Pointer arguments must not be null; strings and addresses are only read. Values are in host
  *   byte order unless an argument says otherwise.
  */
@@ -51,10 +51,11 @@ enum VeskNetlinkQueryReturn {
     NetlinkQueryContinue = 2, ///< Show me the next message.
 };
 
-/// Sees one message of a query's reply. The message is valid during the call only.
+/// Sees one message of a query's reply. The message is valid during the call only. Must not throw.
 using QueryCallback = VeskNetlinkQueryReturn(nlmsghdr* message, void* context);
 
-/// Sees one message of a dump; it may send requests of its own, on other objects.
+/// Sees one message of a dump, valid during the call only. It may send requests of its own, on other objects. Must not
+/// throw.
 using DumpCallback = void(nlmsghdr* message, void* context);
 
 /// Links the start of a nested attribute to its end: bytes of attributes before it, index of its header.
@@ -124,14 +125,14 @@ public:
      */
     void startNestedNLAttribute(int type, NestedAttrHandle& handle) noexcept;
 
-    /// Closes a nested attribute by writing its length. A handle that names no attribute is logged, nothing changes.
+    /// Closes a nested attribute by writing its length. A handle that names no nest is logged, nothing changes.
     void endNestedNLAttribute(NestedAttrHandle& handle) noexcept;
 
     /// Frees the attributes but leaves the list of them: the object may only be destroyed after this.
     void clearAttributes() noexcept;
 
     /**
-     * Opens and binds the socket; the exchanges do it when it is not open yet.
+     * Opens and binds the socket; the exchanges do it when it is not open yet. One that is open is closed first.
      * @return 0; -1 when no protocol was set, or when the system refuses (errno in the log)
      */
     int openSocket() noexcept;
@@ -183,7 +184,9 @@ public:
 
     /**
      * Sends the request and shows every message of every reply datagram to the callback, until NLMSG_DONE. An
-     * interrupted dump is logged and goes on; an NLMSG_ERROR with error 0 is handed on like any other message.
+     * interrupted dump is logged and goes on; an NLMSG_ERROR with error 0 is handed on like any other message. There is
+     * no time-out: kernels with pages of more than 4 KiB may send datagrams larger than the receive buffer; what is cut
+     * off is lost, and if NLMSG_DONE is in it, this does not return.
      * @return 0; -1 on a refusal, a failed receive or a negative status of NLMSG_DONE
      */
     int messageDump(DumpCallback* cb, void* ctx) noexcept;

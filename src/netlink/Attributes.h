@@ -10,6 +10,7 @@
 
 #include <array>
 #include <cstddef>
+#include <cstring>
 
 namespace Vesk {
 
@@ -17,20 +18,21 @@ namespace Vesk {
 // below the header's or beyond the run ends the walk; padding that is missing at the run's end ends the process.
 template <typename Visit>
 void forEachAttribute(nlattr* first, unsigned int len, unsigned int maxType, Visit visit,
-                      const char* operation = __builtin_FUNCTION())
+                      const char* operation = __builtin_FUNCTION(), int line = __builtin_LINE())
 {
     auto* at = reinterpret_cast<unsigned char*>(first);
     while (len >= NLA_HDRLEN) {
-        auto* attribute = reinterpret_cast<nlattr*>(at);
-        if (attribute->nla_len < NLA_HDRLEN || attribute->nla_len > len)
+        nlattr header; // a copy: the run may begin anywhere
+        std::memcpy(&header, at, sizeof header);
+        if (header.nla_len < NLA_HDRLEN || header.nla_len > len)
             return;
 
-        const unsigned int type = attribute->nla_type & NLA_TYPE_MASK;
+        const unsigned int type = header.nla_type & NLA_TYPE_MASK;
         if (type <= maxType)
-            visit(type, attribute);
+            visit(type, reinterpret_cast<nlattr*>(at));
 
-        const unsigned int step = NLA_ALIGN(static_cast<unsigned int>(attribute->nla_len));
-        len                     = subOrAbort<unsigned int>(len, step, operation);
+        const unsigned int step = NLA_ALIGN(static_cast<unsigned int>(header.nla_len));
+        len                     = subOrAbort<unsigned int>(len, step, operation, line);
         at += step;
     }
 }
@@ -39,10 +41,11 @@ void forEachAttribute(nlattr* first, unsigned int len, unsigned int maxType, Vis
 template <unsigned int maxType>
 class AttributeTable {
 public:
-    AttributeTable(nlattr* first, unsigned int len, const char* operation = __builtin_FUNCTION())
+    AttributeTable(nlattr* first, unsigned int len, const char* operation = __builtin_FUNCTION(),
+                   int line = __builtin_LINE())
     {
-        forEachAttribute(
-            first, len, maxType, [this](unsigned int type, nlattr* attribute) { byType[type] = attribute; }, operation);
+        const auto keep = [this](unsigned int type, nlattr* attribute) { byType[type] = attribute; };
+        forEachAttribute(first, len, maxType, keep, operation, line);
     }
 
     // Null when the message carries none.
@@ -57,9 +60,12 @@ inline void* attributeValue(nlattr* attribute)
     return reinterpret_cast<unsigned char*>(attribute) + NLA_HDRLEN;
 }
 
+// Bytes of the value.
 inline std::size_t attributeLength(const nlattr* attribute)
 {
-    return static_cast<std::size_t>(attribute->nla_len - NLA_HDRLEN);
+    nlattr header;
+    std::memcpy(&header, attribute, sizeof header);
+    return static_cast<std::size_t>(header.nla_len - NLA_HDRLEN);
 }
 
 } // namespace Vesk

@@ -75,11 +75,14 @@ T messageData(nlmsghdr* message)
 // The messages of one reply datagram, in place.
 class Reply {
 public:
+    ~Reply() { wipe(buffer, longest); } // a dump of SAs, and the echo of one that was refused, hold keys
+
     ssize_t receive(int socketFd)
     {
         const ssize_t received = recvfrom(socketFd, buffer, sizeof buffer, 0, nullptr, nullptr);
         at                     = buffer;
         unread                 = received > 0 ? static_cast<std::size_t>(received) : 0;
+        longest                = std::max(longest, unread);
         return received;
     }
 
@@ -100,6 +103,7 @@ private:
     alignas(nlmsghdr) unsigned char buffer[kReceiveSize] = {};
     unsigned char* at                                    = buffer;
     std::size_t unread                                   = 0;
+    std::size_t longest                                  = 0; // datagram so far
 };
 
 } // namespace
@@ -108,10 +112,21 @@ NetlinkMessage::NetlinkMessage() noexcept
 {
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Winvalid-offsetof"
-    static_assert(sizeof(void*) != 8 ||
-                  (sizeof(NetlinkMessage) == 120 && offsetof(NetlinkMessage, protocol) == 8 &&
-                   offsetof(NetlinkMessage, queryCb) == 24 && offsetof(NetlinkMessage, dumpCb) == 48 &&
-                   offsetof(NetlinkMessage, header) == 64 && offsetof(NetlinkMessage, attributes) == 96));
+    if constexpr (sizeof(void*) == 8) {
+        static_assert(sizeof(NetlinkMessage) == 120);
+        static_assert(offsetof(NetlinkMessage, protocol) == 8);
+        static_assert(offsetof(NetlinkMessage, socketFd) == 12);
+        static_assert(offsetof(NetlinkMessage, kernelError) == 16);
+        static_assert(offsetof(NetlinkMessage, queryCb) == 24);
+        static_assert(offsetof(NetlinkMessage, queryCtx) == 32);
+        static_assert(offsetof(NetlinkMessage, requireResponse) == 40);
+        static_assert(offsetof(NetlinkMessage, dumpCb) == 48);
+        static_assert(offsetof(NetlinkMessage, dumpCtx) == 56);
+        static_assert(offsetof(NetlinkMessage, header) == 64);
+        static_assert(offsetof(NetlinkMessage, payload) == 80);
+        static_assert(offsetof(NetlinkMessage, attrsLength) == 88);
+        static_assert(offsetof(NetlinkMessage, attributes) == 96);
+    }
 #pragma GCC diagnostic pop
 }
 
@@ -228,8 +243,10 @@ void NetlinkMessage::startNestedNLAttribute(int type, NestedAttrHandle& handle) 
 void NetlinkMessage::endNestedNLAttribute(NestedAttrHandle& handle) noexcept
 {
     try {
-        attributes.at(handle.second)->nla_len =
-            static_cast<__u16>(subOrAbort<std::uint64_t>(attrsLength, handle.first));
+        nlattr* nest = attributes.at(handle.second);
+        if ((nest->nla_type & NLA_F_NESTED) == 0) // a length that is not its own would make the send read past it
+            throw std::out_of_range("not a nested attribute");
+        nest->nla_len = static_cast<__u16>(subOrAbort<std::uint64_t>(attrsLength, handle.first));
     } catch (const std::out_of_range& error) {
         LOG(failure, "%s(): invalid attribute handle %zu: %s", static_cast<std::size_t>(handle.second), error.what());
     }
@@ -252,6 +269,8 @@ int NetlinkMessage::openSocket() noexcept
 {
     if (protocol < 0)
         return FAIL("%s(): NL protocol not yet set. Aborting");
+    if (socketFd >= 0)
+        close(socketFd);
 
     socketFd = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, protocol);
     if (socketFd < 0)

@@ -27,9 +27,9 @@ TEST(Kernel, NumbersAFamily)
 
 TEST(Kernel, KeepsLabels)
 {
-    sockaddr_storage address    = socketAddress("2001:db8:1::");
+    sockaddr_storage address = socketAddress("2001:db8:1::");
     const unsigned int loopback = 1;
-    const std::string listed    = "prefix 2001:db8:1::/48 dev lo label 4711";
+    const std::string listed = "prefix 2001:db8:1::/48 dev lo label 4711";
     LogCapture log;
 
     EXPECT_EQ(addrlabelAdd(&address, 48, 4711, loopback), 0);
@@ -65,7 +65,7 @@ TEST(Kernel, ExplainsARefusal)
 
 TEST(MainlineRefuses, TheAddressOfAnyFamily)
 {
-    std::string device  = "lo";
+    std::string device = "lo";
     sockaddr_storage v4 = socketAddress("192.0.2.1"), v6 = socketAddress("2001:db8::1");
     for (const int change : {AddressAdd, AddressDeprecate, AddressRenew, AddressAddDeprecated})
         for (sockaddr_storage* address : {&v4, &v6}) {

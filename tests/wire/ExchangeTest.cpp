@@ -1,6 +1,7 @@
 // The socket, the three exchanges, extended acknowledgements, attributes, and the look-up of a family.
 #include "WireTest.h"
 
+#include <csignal>
 #include <map>
 
 #include <linux/xfrm.h>
@@ -9,19 +10,20 @@ using namespace wire;
 using namespace Vesk;
 
 // Messages of replies: length, type, flags, sequence and port, body.
-static const std::string kOther    = "14000000 1000 0000 00000000 00000000  aabbccdd"; // an ordinary message
-static const std::string kAck      = "24000000 0200 0000 00000000 00000000  00000000 00000000000000000000000000000000";
-static const std::string kNoEntry  = "24000000 0200 0000 00000000 00000000  feffffff 00000000000000000000000000000000";
-static const std::string kDone     = "14000000 0300 0200 00000000 00000000  00000000";
+static const std::string kOther = "14000000 1000 0000 00000000 00000000  aabbccdd"; // an ordinary message
+static const std::string kAck = "24000000 0200 0000 00000000 00000000  00000000 00000000000000000000000000000000";
+static const std::string kNoEntry = "24000000 0200 0000 00000000 00000000  feffffff 00000000000000000000000000000000";
+static const std::string kDone = "14000000 0300 0200 00000000 00000000  00000000";
 static const std::string kDoneBusy = "14000000 0300 0200 00000000 00000000  f0ffffff"; // -EBUSY
-static const std::string kShortErr = "20000000 0200 0000 00000000 00000000  00000000 000000000000000000000000";
+static const std::string kShortErr = "23000000 0200 0000 00000000 00000000  00000000 000000000000000000000000000000 00";
 static const std::string kTooShort = "0f000000 1000 0000 00000000 00000000";
-static const std::string kTooLong  = "11000000 1000 0000 00000000 00000000";
+static const std::string kTooLong = "15000000 1000 0000 00000000 00000000  aabbccdd";
+static const std::string kOdd = "11000000 1000 0000 00000000 00000000  aa"; // padded by "000000", or the end
 
-// The result of an exchange, the kernel's error when there was one, and ten for each message that the callback saw.
-static int outcome(NetlinkMessage& msg, int result, int seen)
+// The result of an exchange; the kernel's error where there was one.
+static int outcome(NetlinkMessage& msg, int result)
 {
-    return 10 * seen + (msg.getKernelError() != 0 ? msg.getKernelError() : result);
+    return msg.getKernelError() != 0 ? msg.getKernelError() : result;
 }
 
 static Operation transact(int protocol = NETLINK_ROUTE)
@@ -29,42 +31,46 @@ static Operation transact(int protocol = NETLINK_ROUTE)
     return [protocol] {
         NetlinkMessage msg;
         msg.setNLMsgHeader(protocol, 16, NLM_F_REQUEST | NLM_F_ACK);
-        return outcome(msg, msg.messageTransact(), 0);
+        return outcome(msg, msg.messageTransact());
     };
 }
 
-static Operation query(VeskNetlinkQueryReturn verdict, bool responseRequired)
+// Its callback must see so many messages, and answers each with this verdict.
+static Operation query(VeskNetlinkQueryReturn verdict, bool responseRequired, int messages)
 {
     return [=] {
         NetlinkMessage msg;
         std::pair context{0, verdict};
         msg.setNLMsgHeader(NETLINK_ROUTE, 26, NLM_F_REQUEST);
-        msg.setQueryCb(
-            [](nlmsghdr*, void* given) {
-                auto& [seen, says] = *static_cast<std::pair<int, VeskNetlinkQueryReturn>*>(given);
-                ++seen;
-                return says;
-            },
-            &context, responseRequired);
+        const auto see = [](nlmsghdr*, void* given) {
+            auto& [seen, says] = *static_cast<std::pair<int, VeskNetlinkQueryReturn>*>(given);
+            ++seen;
+            return says;
+        };
+        msg.setQueryCb(see, &context, responseRequired);
         const int result = msg.messageQuery();
-        return outcome(msg, result, context.first);
+        EXPECT_EQ(context.first, messages);
+        return outcome(msg, result);
     };
 }
 
-static int dump()
+static Operation dump(int messages)
 {
-    NetlinkMessage msg;
-    int seen = 0;
-    msg.setNLMsgHeader(NETLINK_ROUTE, 26, NLM_F_REQUEST | NLM_F_DUMP);
-    msg.setDumpCb([](nlmsghdr*, void* context) { ++*static_cast<int*>(context); }, &seen);
-    const int result = msg.messageDump();
-    return outcome(msg, result, seen);
+    return [=] {
+        NetlinkMessage msg;
+        int seen = 0;
+        msg.setNLMsgHeader(NETLINK_ROUTE, 26, NLM_F_REQUEST | NLM_F_DUMP);
+        msg.setDumpCb([](nlmsghdr*, void* context) { ++*static_cast<int*>(context); }, &seen);
+        const int result = msg.messageDump();
+        EXPECT_EQ(seen, messages);
+        return outcome(msg, result);
+    };
 }
 
 TEST(Exchange, NeedsASocket)
 {
     const auto fails = [](const char* what, Call call, int error, const LogLine& line) {
-        for (const Operation& exchange : {transact(), query(NetlinkQueryDone, true), Operation(dump)})
+        for (const Operation& exchange : {transact(), query(NetlinkQueryDone, true, 0), dump(0)})
             check(what, exchange, -1, kNothing, {line}, {}, [=](ScriptedKernel& k) { k.fail(call, error); });
     };
     fails("no socket", Call::Socket, EMFILE,
@@ -92,19 +98,24 @@ TEST(Exchange, TransactTakesTheFirstError)
     const auto gets = [](const char* what, const std::vector<Reply>& answer, int result, const Log& log) {
         check(what, transact(), result, route("10000000 1000 0500 00000000 00000000"), log, answer);
     };
-    const LogLine noAck   = core(4, "%s(): no NL ACK received from kernel", "messageTransact");
+    const LogLine noAck = core(4, "%s(): no NL ACK received from kernel", "messageTransact");
     const LogLine invalid = core(4, "%s(): invalid NL error received", "messageTransact");
 
     gets("an acknowledgement", replies({kAck}), 0, {kAcked});
     gets("other messages before it are skipped", replies({kOther + kDone + kAck}), 0, {kAcked});
     gets("a refusal decides, whatever follows", replies({kNoEntry + kAck}), -ENOENT, {refused(-ENOENT), kNoExtAckText});
-    gets("an error message of 32 bytes", replies({kShortErr}), -1, {invalid});
+    gets("an error message of 35 bytes", replies({kShortErr}), -1, {invalid});
     gets("an ordinary message, nothing else", replies({kOther}), -1, {noAck});
     gets("a header, nothing else", replies({"10000000 1000 0000 00000000 00000000"}), -1, {noAck});
-    gets("15 bytes", replies({kOther.substr(0, 36)}), -1, {noAck});
+    gets("15 bytes", replies({kOther.substr(0, 34)}), -1, {noAck});
     gets("a length below the header's", replies({kTooShort + kAck}), -1, {noAck});
     gets("a length beyond the datagram", replies({kTooLong}), -1, {noAck});
-    gets("the padding of the last message is missing", replies({kTooLong + "ff"}), -1, {noAck});
+    gets("the padding of the last message is missing", replies({kOdd}), -1, {noAck});
+    gets("the length of an acknowledgement is a byte too large", replies({"25" + kAck.substr(2)}), -1, {noAck});
+    gets("a message of odd length before it", replies({kOdd + "000000" + kAck}), 0, {kAcked});
+    gets("a positive error", replies({"24000000 0200 0000 00000000 00000000  02000000 16*00"}), ENOENT, {refused(ENOENT), kNoExtAckText});
+    gets("4,096 bytes are read", replies({"dc0f0000 1000 0000 00000000 00000000 999*00 999*00 999*00 999*00 48*00" + kAck}), 0, {kAcked});
+    gets("and no more", replies({"e00f0000 1000 0000 00000000 00000000 999*00 999*00 999*00 999*00 52*00" + kAck}), -1, {noAck});
     gets("nothing", {failedReceive(ENOBUFS)}, -1,
          {core(4, "%s(): receiving NL ACK from kernel failed: errno=[%d, %s]", "messageTransact", ENOBUFS,
                "No buffer space available")});
@@ -114,10 +125,10 @@ TEST(Exchange, FindsExtendedText)
 {
     // Refusals with error -22 and attributes (flag 0x200), some capped (0x100). The walk starts 12 bytes before the
     // attributes: inside the echo of the request, whose end each case gives.
-    const std::string tlvs   = "0200 0002 00000000 00000000  eaffffff";
+    const std::string tlvs = "0200 0002 00000000 00000000  eaffffff";
     const std::string capped = "0200 0003 00000000 00000000  eaffffff";
-    const std::string text   = "0a00 0100 6e6f20676f00 0000"; // NLMSGERR_ATTR_MSG "no go"
-    const auto gets          = [](const char* what, const std::string& refusal, bool found, int protocol) {
+    const std::string text = "0a00 0100 6e6f20676f00 0000"; // NLMSGERR_ATTR_MSG "no go"
+    const auto gets = [](const char* what, const std::string& refusal, bool found, int protocol) {
         Log log{refused(-EINVAL)};
         if (found)
             log.push_back(core(4, "%s(): EXTACK reports %s", "extack", "no go"));
@@ -139,9 +150,8 @@ TEST(Exchange, FindsExtendedText)
          NETLINK_ROUTE);
     gets("the echo of an SA ends in key bytes that look like a text, which must not be logged",
          "30000000" + tlvs + "1c000000 1000 0500 00000000 00000000 0c000100 53454352 45540000", false, NETLINK_XFRM);
-    gets("nor those of an SA's update, before the true text",
-         "3c000000" + tlvs + "1c000000 1a00 0500 00000000 00000000 0c000100 53454352 45540000" + text, true,
-         NETLINK_XFRM);
+    gets("nor may those of an SA's update, where the text begins later", "34000000" + tlvs + "20000000 1a00 0500 00000000 00000000 53454352 04000200 08000100 53454352", false, NETLINK_XFRM);
+    gets("what follows the echo may", "3c000000" + tlvs + "1c000000 1a00 0500 00000000 00000000 0c000100 53454352 45540000" + text, true, NETLINK_XFRM);
     gets("the echo of another XFRM request has no keys",
          "30000000" + tlvs + "1c000000 1300 0500 00000000 00000000 0c000100 6e6f2067 6f000000", true, NETLINK_XFRM);
     gets("nor has that of another protocol",
@@ -150,28 +160,27 @@ TEST(Exchange, FindsExtendedText)
 
 TEST(Exchange, QueryStopsWhenTheCallbackIsSatisfied)
 {
-    const auto gets = [](const char* what, VeskNetlinkQueryReturn verdict, bool responseRequired,
-                         const std::vector<Reply>& answer, int outcome, const Log& log) {
-        check(what, query(verdict, responseRequired), outcome, route("10000000 1a00 0100 00000000 00000000"), log,
-              answer);
+    const auto gets = [](const char* what, VeskNetlinkQueryReturn verdict, bool required, const std::vector<Reply>& answer, int messages, int result, const Log& log) {
+        check(what, query(verdict, required, messages), result, route("10000000 1a00 0100 00000000 00000000"), log, answer);
     };
-    const auto reported    = [](int error) { return core(4, "%s(): kernel reports error %d", "messageQuery", error); };
+    const auto reported = [](int error) { return core(4, "%s(): kernel reports error %d", "messageQuery", error); };
     const LogLine notFound = core(4, "%s(): netlink query response not found", "messageQuery");
-    const LogLine failure  = core(4, "%s(): netlink query cb reports failure", "messageQuery");
-    const LogLine invalid  = core(4, "%s(): invalid NL error received", "messageQuery");
-    const auto other       = static_cast<VeskNetlinkQueryReturn>(3);
+    const LogLine failure = core(4, "%s(): netlink query cb reports failure", "messageQuery");
+    const LogLine invalid = core(4, "%s(): invalid NL error received", "messageQuery");
+    const auto other = static_cast<VeskNetlinkQueryReturn>(3);
 
-    gets("found in the first of two", NetlinkQueryDone, true, replies({kOther + kOther}), 10, {});
-    gets("failed in the first of two", NetlinkQueryFailed, false, replies({kOther + kOther}), 9, {failure});
-    gets("not found, the end of a dump is shown too", NetlinkQueryContinue, false, replies({kOther + kDone}), 20, {});
-    gets("not found, but required", NetlinkQueryContinue, true, replies({kOther}), 9, {notFound});
-    gets("an unknown verdict goes on", other, true, replies({kOther + kOther}), 19, {notFound});
-    gets("15 bytes", NetlinkQueryDone, true, replies({kOther.substr(0, 36)}), -1, {notFound});
-    gets("a bad length hides the rest", NetlinkQueryDone, false, replies({kTooShort + kOther}), 0, {});
-    gets("an acknowledgement", NetlinkQueryDone, false, replies({kAck}), -1, {reported(0), kNoExtAckText});
-    gets("a refusal", NetlinkQueryDone, false, replies({kNoEntry}), -ENOENT, {reported(-ENOENT), kNoExtAckText});
-    gets("an error message of 32 bytes", NetlinkQueryDone, false, replies({kShortErr}), -1, {invalid});
-    gets("nothing", NetlinkQueryDone, false, {failedReceive(EINTR)}, -1,
+    gets("found in the first of two", NetlinkQueryDone, true, replies({kOther + kOther}), 1, 0, {});
+    gets("failed in the first of two", NetlinkQueryFailed, false, replies({kOther + kOther}), 1, -1, {failure});
+    gets("not found, the end of a dump is shown too", NetlinkQueryContinue, false, replies({kOther + kDone}), 2, 0, {});
+    gets("not found, but required", NetlinkQueryContinue, true, replies({kOther}), 1, -1, {notFound});
+    gets("an unknown verdict goes on", other, true, replies({kOther + kOther}), 2, -1, {notFound});
+    gets("15 bytes", NetlinkQueryDone, true, replies({kOther.substr(0, 34)}), 0, -1, {notFound});
+    gets("a length beyond the datagram", NetlinkQueryDone, true, replies({kTooLong}), 0, -1, {notFound});
+    gets("a bad length hides the rest", NetlinkQueryDone, false, replies({kTooShort + kOther}), 0, 0, {});
+    gets("an acknowledgement", NetlinkQueryDone, false, replies({kAck}), 0, -1, {reported(0), kNoExtAckText});
+    gets("a refusal", NetlinkQueryDone, false, replies({kNoEntry}), 0, -ENOENT, {reported(-ENOENT), kNoExtAckText});
+    gets("an error message of 35 bytes", NetlinkQueryDone, false, replies({kShortErr}), 0, -1, {invalid});
+    gets("nothing", NetlinkQueryDone, false, {failedReceive(EINTR)}, 0, -1,
          {core(4, "%s(): receiving query response from kernel failed: errno=[%d, %s]", "messageQuery", EINTR,
                "Interrupted system call")});
     check("no callback", [] { return NetlinkMessage().messageQuery(); }, -1, kNothing,
@@ -180,29 +189,27 @@ TEST(Exchange, QueryStopsWhenTheCallbackIsSatisfied)
 
 TEST(Exchange, DumpGoesOnUntilDone)
 {
-    const auto gets = [](const char* what, const std::vector<Reply>& answer, int outcome, const Log& log) {
-        check(what, dump, outcome, route("10000000 1a00 0103 00000000 00000000"), log, answer);
+    const auto gets = [](const char* what, const std::vector<Reply>& answer, int messages, int result, const Log& log) {
+        check(what, dump(messages), result, route("10000000 1a00 0103 00000000 00000000"), log, answer);
     };
+    const auto errors = [](const char* format, int error, const char* text) { return core(4, format, "messageDump", error, text); };
     const std::string interrupted = "14000000 1000 1000 00000000 00000000  aabbccdd";
-    const std::string statusless  = "10000000 0300 0200 00000000 00000000";
+    const std::string ackWithSameFlag = "24000000 0200 1000 00000000 00000000  20*00";
 
-    gets("two datagrams and the end", replies({kOther + kOther, kOther, kDone}), 30, {});
-    gets("the end hides what follows in its datagram", replies({kOther + kDone + kOther}), 10, {});
-    gets("short and malformed datagrams are passed over",
-         replies({"00", kOther + kTooShort + kOther, kTooLong + "ff", kDone}), 20, {});
-    gets("interrupted", replies({interrupted, kDone}), 10, {core(3, "%s(): NL dump was interrupted", "messageDump")});
-    gets("an acknowledgement is handed on", replies({kAck + kOther, kDone}), 20, {});
-    gets("a refusal", replies({kOther, kNoEntry + kDone}), 10 - ENOENT,
-         {core(4, "%s(): kernel reports errno [%d, %s]", "messageDump", ENOENT, "No such file or directory")});
-    gets("an error message of 32 bytes", replies({kShortErr}), -1,
-         {core(4, "%s(): invalid NL ERR received", "messageDump")});
-    gets("the end reports a failure, which is no refusal of the request", replies({kDoneBusy}), -1,
-         {core(4, "%s(): NL dump reports errno [%d, %s]", "messageDump", EBUSY, "Device or resource busy")});
-    gets("an end without status", replies({statusless}), -1,
-         {core(4, "%s(): invalid dump done message", "messageDump")});
-    gets("nothing after a datagram", {reply(hex(kOther)), failedReceive(ENOBUFS)}, 9,
-         {core(4, "%s(): receiving NL dump failed. errno=[%d %s]", "messageDump", ENOBUFS,
-               "No buffer space available")});
+    gets("two datagrams and the end", replies({kOther + kOther, kOther, kDone}), 3, 0, {});
+    gets("the end hides what follows in its datagram", replies({kOther + kDone + kOther}), 1, 0, {});
+    gets("its status may be positive", replies({"14000000 0300 0200 00000000 00000000  01000000"}), 0, 0, {});
+    gets("short and malformed datagrams are passed over", replies({"00", kOther + kTooShort + kOther, kTooLong, kDone}), 1, 0, {});
+    gets("a message without its padding is the last", replies({kOther + kOther + kOther, kOdd, kDone}), 4, 0, {});
+    gets("interrupted", replies({interrupted, kDone}), 1, 0, {core(3, "%s(): NL dump was interrupted", "messageDump")});
+    gets("an acknowledgement is handed on", replies({ackWithSameFlag + kOther, kDone}), 2, 0, {});
+    gets("a refusal", replies({kOther, kNoEntry + kDone}), 1, -ENOENT, {errors("%s(): kernel reports errno [%d, %s]", ENOENT, "No such file or directory")});
+    gets("an error message of 35 bytes", replies({kShortErr}), 0, -1, {core(4, "%s(): invalid NL ERR received", "messageDump")});
+    gets("the end reports a failure, which is no refusal of the request", replies({kDoneBusy}), 0, -1,
+         {errors("%s(): NL dump reports errno [%d, %s]", EBUSY, "Device or resource busy")});
+    gets("an end of 19 bytes", replies({"13000000 0300 0200 00000000 00000000 000000 00"}), 0, -1, {core(4, "%s(): invalid dump done message", "messageDump")});
+    gets("nothing after a datagram", {reply(hex(kOther)), failedReceive(ENOBUFS)}, 1, -1,
+         {errors("%s(): receiving NL dump failed. errno=[%d %s]", ENOBUFS, "No buffer space available")});
     check("no callback", [] { return NetlinkMessage().messageDump(); }, -1, kNothing,
           {core(4, "%s(): attempting to dump without valid callback. Aborting", "messageDump")});
 }
@@ -224,6 +231,7 @@ TEST(Attributes, AreFoundByType)
     finds("three bytes are no attribute", "040005", {{9, 9}});
     finds("the last of a type wins, flag bits do not count", "0400 0500 0600 05c0 aaaa0000", {{5, 4}, {9, 9}});
     finds("the highest type that is asked for, and one above it", "0400 0600 0400 0700", {{6, 0}, {9, 9}});
+    finds("the run ends in an attribute without value", "0400 0500 0400 0600", {{5, 0}, {6, 4}, {9, 9}});
     finds("a length below 4 ends the run", "0300 0500 0400 0600", {{9, 9}});
     finds("a length beyond the run ends it", "0400 0500 0500 0600", {{5, 0}, {9, 9}});
     finds("what is left is shorter than an attribute", "0400 0500 0400", {{5, 0}, {9, 9}});
@@ -233,7 +241,7 @@ static Operation lookUp(std::string name, unsigned short expected)
 {
     return [=]() mutable {
         unsigned short id = 0xffff;
-        const int result  = queryGenericNetlinkFamily(name, 2, &id);
+        const int result = queryGenericNetlinkFamily(name, 2, &id);
         EXPECT_EQ(id, expected);
         return result;
     };
@@ -243,10 +251,10 @@ TEST(GenericFamily, IsLookedUpByName)
 {
     const LogLine failed = core(4, "%s(): Netlink query failed", "queryGenericNetlinkFamily");
 
-    check("the second message answers, its second id", lookUp("nlctrl", 28), 0,
+    check("the second message answers, its second id", lookUp("nlctrl", 0x11c), 0,
           {{{NETLINK_GENERIC, "20000000 1000 0100 00000000 00000000 | 03 02 0000 | 0b00 0200 6e6c6374 726c0000"}}}, {},
           replies({"14000000 1000 0000 00000000 00000000 01020000"
-                   "24000000 1000 0000 00000000 00000000 01020000 0600 0100 1000 0000 0600 0100 1c00 0000"}));
+                   "24000000 1000 0000 00000000 00000000 01020000 0600 0100 1000 0000 0600 0100 1c01 0000"}));
     check("an empty name; an id without its two bytes", lookUp("", 0xffff), -1,
           {{{NETLINK_GENERIC, "1c000000 1000 0100 00000000 00000000 | 03 02 0000 | 0500 0200 00000000"}}},
           {core(4, "%s(): netlink query response not found", "messageQuery"), failed},
@@ -258,7 +266,7 @@ TEST(GenericFamily, IsLookedUpByName)
 
 TEST(ExchangeDeathTest, EndsTheProcess)
 {
-    const auto killed  = testing::KilledBySignal(SIGABRT);
+    const auto killed = testing::KilledBySignal(SIGABRT);
     const auto explain = [](const char* refusal) {
         Bytes bytes = hex(refusal);
         NetlinkMessage().extack(reinterpret_cast<nlmsghdr*>(bytes.data()));

@@ -19,7 +19,7 @@ static LogLine labels(int level, const char* format, Arguments... arguments)
 static Operation address(const char* device, const char* text, unsigned prefix, int change, unsigned valid)
 {
     return [=] {
-        std::string name         = device;
+        std::string name = device;
         sockaddr_storage address = socketAddress(text);
         return RTNetlinkAddressCfg(name, &address, prefix, static_cast<AddressLifetimeChange>(change), valid);
     };
@@ -28,7 +28,7 @@ static Operation address(const char* device, const char* text, unsigned prefix, 
 TEST(Operations, ConfigureAnAddress)
 {
     const std::string v4 = "00000000 00000000 | 00 18 00 00 03000000 | 0800 0200 c0000201 | 1400 0600"; // /24, wlan0
-    const auto cfg       = "RTNetlinkAddressCfg";
+    const auto cfg = "RTNetlinkAddressCfg";
 
     check("add", address("wlan0", "192.0.2.1", 24, AddressAdd, 60), 0,
           route("34000000 1400 0500" + v4 + "ffffffff ffffffff 00000000 00000000"), {kAcked});

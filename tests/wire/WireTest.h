@@ -18,9 +18,9 @@ namespace wire {
 using namespace Vesk::Testing;
 
 using Operation = std::function<int()>;
-using Log       = std::vector<LogLine>;
+using Log = std::vector<LogLine>;
 
-inline const Sends kNothing  = std::vector<Sent>{};
+inline const Sends kNothing = std::vector<Sent>{};
 inline const Sends kAnything = std::nullopt;
 
 inline Sends route(std::string digits)
@@ -30,7 +30,8 @@ inline Sends route(std::string digits)
 
 // The kernel knows "lo" as 1 and "wlan0" as 3; requests without an answer get what `answerAsUsual` gives.
 inline void check(const char* what, const Operation& call, int result, const Sends& sends, const Log& log,
-                  const std::vector<Reply>& answer = {}, const std::function<void(ScriptedKernel&)>& trouble = {})
+                  const std::vector<Reply>& answer = {}, const std::function<void(ScriptedKernel&)>& trouble = {},
+                  log_level from = log_level_verbose)
 {
     ScriptedKernel kernel;
     kernel.addInterface("lo", 1);
@@ -40,8 +41,9 @@ inline void check(const char* what, const Operation& call, int result, const Sen
     if (trouble)
         trouble(kernel);
     EXPECT_EQ(kernel.run(call), result) << what;
-    const std::string differences = unmet(kernel, sends, log);
-    EXPECT_TRUE(differences.empty()) << what << '\n' << differences;
+    const std::string differences = unmet(kernel, sends, log, from);
+    EXPECT_TRUE(differences.empty()) << what << '\n'
+                                     << differences;
 }
 
 // Lines of the sources.
@@ -50,7 +52,7 @@ LogLine core(int level, const char* format, Arguments... arguments)
 {
     return logLine("src/netlink/NetlinkHelper", level, format, arguments...);
 }
-inline const LogLine kAcked        = core(3, "%s(): NL ACK received form kernel", "messageTransact");
+inline const LogLine kAcked = core(3, "%s(): NL ACK received form kernel", "messageTransact");
 inline const LogLine kNoExtAckText = core(3, "%s(): No EXTACK content", "extack");
 
 inline LogLine refused(int error)
