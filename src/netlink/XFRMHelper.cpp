@@ -1,0 +1,837 @@
+// Requests to NETLINK_XFRM, made from the modem's record of a pair of security associations (SAs):
+//
+//     XFRM_MSG_NEWSA, UPDSA   xfrm_usersa_info       XFRMA_ALG_CRYPT, ALG_AUTH_TRUNC, [ENCAP,] [SET_MARK, [SET_MARK_MASK]]
+//     XFRM_MSG_DELSA          xfrm_usersa_id         XFRMA_SRCADDR
+//     XFRM_MSG_GETSA (dump)
+//     XFRM_MSG_NEWAE          xfrm_aevent_id         XFRMA_SET_MARK, SET_MARK_MASK, REPLAY_VAL or REPLAY_ESN_VAL
+//     XFRM_MSG_NEWPOLICY      xfrm_userpolicy_info   [XFRMA_TMPL]
+//     XFRM_MSG_DELPOLICY      xfrm_userpolicy_id
+//     XFRM_MSG_MIGRATE        xfrm_userpolicy_id     XFRMA_MIGRATE, [ENCAP]
+//
+// In this order: the translation of the record, installing SAs, finding them again to remove or update them, policies,
+// migration.
+
+#include <vesk/netlink.h>
+
+#include "Attributes.h"
+#include "Checked.h"
+#include "Log.h"
+#include "Wipe.h"
+#include "Zeroed.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <cstring>
+
+#include <arpa/inet.h>
+#include <linux/udp.h>
+#include <linux/xfrm.h>
+
+namespace Vesk {
+
+namespace {
+
+constexpr char kLogSource[] = "src/netlink/XFRMHelper";
+
+using SaRecord   = tro_ipsec_static_sa_config_ex_info_ind_msg_v01;
+using Technology = tro_technology_name_enum_v01;
+
+constexpr unsigned short kAcknowledged = NLM_F_REQUEST | NLM_F_ACK;
+constexpr unsigned short kDump         = NLM_F_REQUEST | NLM_F_DUMP;
+
+constexpr unsigned int kOutputMark       = 0x20000; // on all of TX, added to the caller's mark and mask
+constexpr unsigned int kMarkedRx         = 0x20002;
+constexpr __u32 kPolicyPriority          = 100;
+constexpr __u32 kBypassPriority          = 10;
+constexpr std::uint16_t kNatTraversal    = 4500; // the peer's UDP port
+constexpr std::size_t kAlgorithmCapacity = 512;
+
+// Keys and addresses have lines in the log, which show them empty.
+constexpr const char* kUnsaid = "";
+
+// The modem's codes
+enum : std::uint32_t {
+    kAH  = 2,
+    kESP = 3
+};
+enum : std::uint32_t {
+    kTunnel    = 1,
+    kTransport = 2
+};
+enum : std::uint32_t {
+    kIPv4 = 4,
+    kIPv6 = 6
+};
+enum : std::uint32_t {
+    kCBC = 1,
+    kCTR = 2
+};
+
+struct Cipher {
+    std::uint32_t code;
+    const char* name;
+    const char* counterModeName; // null: the cipher has no modes
+};
+
+constexpr Cipher kCiphers[] = {
+    {9, "cbc(des)", nullptr},
+    {10, "cbc(des3_ede)", nullptr},
+    {12, "cbc(aes)", "rfc3686(ctr(aes))"},
+    {19, "cbc(aes)", "rfc3686(ctr(aes))"},
+};
+
+struct Hash {
+    std::uint32_t code;
+    const char* name;
+    unsigned int truncation; // bits
+};
+
+constexpr Hash kHashes[] = {
+    {5, "hmac(sha1)", 96}, {6, "hmac(sha256)", 128},  {7, "hmac(md5)", 96},
+    {12, "xcbc(aes)", 96}, {20, "hmac(sha384)", 192}, {21, "hmac(sha512)", 256},
+};
+
+// The entry of a table with this code, or null.
+template <typename Entry, std::size_t size>
+const Entry* lookUp(const Entry (&table)[size], std::uint32_t code)
+{
+    const Entry* found = std::find_if(table, table + size, [code](const Entry& entry) { return entry.code == code; });
+    return found != table + size ? found : nullptr;
+}
+
+// The translation of the record
+
+struct Key {
+    std::uint8_t valid;
+    std::uint32_t length; // bytes
+    const std::uint8_t* bytes;
+    std::size_t field; // bytes that the record has for it
+};
+
+// What a direction reads from the record.
+struct Half {
+    const char* name;
+    std::uint8_t spiValid;
+    std::uint32_t spi;
+    const tro_ip_addr_type_v01& source;
+    const tro_ip_addr_type_v01& destination;
+    Key cipherKey;
+    Key hashKey;
+    std::uint16_t sourcePort; // both in network order
+    std::uint16_t destinationPort;
+};
+
+Half halfOf(const SaRecord& record, bool tx)
+{
+    const auto& r = record;
+    if (tx)
+        return {"TX",
+                r.spi_tx_valid,
+                r.spi_tx,
+                r.local_addr,
+                r.remote_addr,
+                {r.crypto_key_tx_valid, r.crypto_key_tx_len, r.crypto_key_tx, sizeof r.crypto_key_tx},
+                {r.hash_key_tx_valid, r.hash_key_tx_len, r.hash_key_tx, sizeof r.hash_key_tx},
+                r.udp_encap_port,
+                htons(kNatTraversal)};
+    return {"RX",
+            r.spi_rx_valid,
+            r.spi_rx,
+            r.remote_addr,
+            r.local_addr,
+            {r.crypto_key_rx_valid, r.crypto_key_rx_len, r.crypto_key_rx, sizeof r.crypto_key_rx},
+            {r.hash_key_rx_valid, r.hash_key_rx_len, r.hash_key_rx, sizeof r.hash_key_rx},
+            htons(kNatTraversal),
+            r.udp_encap_port};
+}
+
+// Zero for an address that is neither IPv4 nor IPv6.
+__u16 familyOf(const tro_ip_addr_type_v01& address)
+{
+    return address.ip_type == kIPv4 ? AF_INET : address.ip_type == kIPv6 ? AF_INET6 : AF_UNSPEC;
+}
+
+// The log calls whatever is not IPv4 IPv6.
+const char* familySuffix(__u16 family)
+{
+    return family == AF_INET ? "" : "6";
+}
+
+// The modem keeps an IPv4 address as a word in host order.
+__be32 wordOf(const tro_ip_addr_type_v01& address)
+{
+    std::uint32_t word;
+    std::memcpy(&word, address.addr, sizeof word);
+    return htonl(word);
+}
+
+// An address of another type is logged and left as it is; the request goes on.
+void setXFRMAddrFromBexa(const tro_ip_addr_type_v01& from, xfrm_address_t* to)
+{
+    if (from.ip_type == kIPv6)
+        std::memcpy(to->a6, from.addr, std::min<std::size_t>(from.addr_len, sizeof from.addr));
+    else if (from.ip_type == kIPv4)
+        to->a4 = wordOf(from);
+    else
+        LOG(failure, "%s(): invalid addr family %u\n", from.ip_type);
+}
+
+int setXFRMIdFromBexa(const SaRecord& record, xfrm_address_t* saddr, xfrm_id* id, bool tx)
+{
+    const Half half = halfOf(record, tx);
+    if (record.remote_addr_valid == 0 || record.local_addr_valid == 0 || record.ipsec_protocol_valid == 0)
+        return FAIL("%s(): IPSEC addresses or protocol is marked as invalid\n");
+    if (half.spiValid == 0)
+        return FAIL("%s(): %s SPI value is marked as invalid\n", half.name);
+
+    const std::uint32_t protocol = record.ipsec_protocol & 0xff; // sic: elsewhere the whole value counts
+    if (protocol != kAH && protocol != kESP)
+        return FAIL("%s(): invalid IPSEC protocol %d\n", static_cast<int>(record.ipsec_protocol));
+    id->proto = protocol == kAH ? IPPROTO_AH : IPPROTO_ESP;
+    LOG(detail, "%s():\t..id.proto = %s\n", protocol == kAH ? "ah" : "esp");
+    LOG(detail, "%s():\t..saddr = %s\n", kUnsaid);
+    LOG(detail, "%s():\t..id.daddr = %s\n", kUnsaid);
+    setXFRMAddrFromBexa(half.source, saddr);
+    setXFRMAddrFromBexa(half.destination, &id->daddr);
+    LOG(detail, "%s():\t..id.spi = 0x%x\n", half.spi);
+    id->spi = htonl(half.spi);
+    return 0;
+}
+
+int setXFRMMode(const SaRecord& record, __u8* mode)
+{
+    if (record.encap_mode_valid == 0)
+        return FAIL("%s(): encapsulation mode marked as invalid\n");
+    if (record.encap_mode != kTunnel && record.encap_mode != kTransport)
+        return FAIL("%s(): invalid XFRM mode 0x%x\n", record.encap_mode);
+    *mode = record.encap_mode == kTunnel ? XFRM_MODE_TUNNEL : XFRM_MODE_TRANSPORT;
+    LOG(detail, "%s():\t..mode = %s\n", *mode == XFRM_MODE_TUNNEL ? "tunnel" : "transport");
+    return 0;
+}
+
+void setXFRMEncap(const SaRecord& record, NetlinkMessage& msg, bool tx)
+{
+    if (record.udp_encap_port_valid == 0 || record.udp_encap_valid == 0 || record.udp_encap == 0)
+        return LOG(notice, "%s(): not setting encapsulation params\n");
+
+    const Half half   = halfOf(record, tx);
+    auto encap        = zeroed<xfrm_encap_tmpl>();
+    encap.encap_type  = UDP_ENCAP_ESPINUDP;
+    encap.encap_sport = half.sourcePort;
+    encap.encap_dport = half.destinationPort;
+    LOG(detail, "%s():\t..encap = %u -> %u\n", ntohs(encap.encap_sport), ntohs(encap.encap_dport));
+    msg.addNLAttribute(XFRMA_ENCAP, sizeof encap, &encap);
+}
+
+// An xfrm_algo or xfrm_algo_auth with its key behind it; wiped when it has been copied into the request. A key that does
+// not fit its field of the record, or this buffer, ends the process.
+template <typename Algorithm>
+class AlgorithmWithKey {
+public:
+    AlgorithmWithKey(const char* name, const Key& key, const char* operation = __builtin_FUNCTION())
+    {
+        const std::size_t room = std::min(key.field, sizeof bytes - sizeof(Algorithm));
+        static_cast<void>(subOrAbort<std::size_t>(room, key.length, operation));
+        std::strncpy(head().alg_name, name, sizeof head().alg_name - 1);
+        head().alg_key_len = key.length * 8;
+        std::memcpy(bytes + sizeof(Algorithm), key.bytes, key.length);
+    }
+    ~AlgorithmWithKey() { wipe(bytes, sizeof bytes); }
+    AlgorithmWithKey(const AlgorithmWithKey&)            = delete;
+    AlgorithmWithKey& operator=(const AlgorithmWithKey&) = delete;
+
+    Algorithm& head() { return *reinterpret_cast<Algorithm*>(bytes); }
+    void addTo(NetlinkMessage& msg, int type)
+    {
+        msg.addNLAttribute(type, static_cast<int>(sizeof(Algorithm) + head().alg_key_len / 8), bytes);
+    }
+
+private:
+    alignas(Algorithm) unsigned char bytes[kAlgorithmCapacity] = {};
+};
+
+int setXFRMCryptoAlg(const SaRecord& record, NetlinkMessage& msg, bool tx)
+{
+    const Half half = halfOf(record, tx);
+    if (record.crypto_algo_valid == 0)
+        return FAIL("%s(): crypto algorithm marked as invalid\n");
+    if (half.cipherKey.valid == 0)
+        return FAIL("%s(): %s crypto key marked as invalid\n", half.name);
+    const Cipher* cipher = lookUp(kCiphers, record.crypto_algo);
+    if (cipher == nullptr)
+        return FAIL("%s(): invalid crypto algo %d\n", static_cast<int>(record.crypto_algo));
+    const std::uint32_t mode =
+        cipher->counterModeName != nullptr && record.aes_mode_valid != 0 ? record.aes_mode : kCBC;
+    if (mode != kCBC && mode != kCTR)
+        return FAIL("%s(): invalid AES mode %d\n", static_cast<int>(mode));
+
+    AlgorithmWithKey<xfrm_algo> algorithm(mode == kCTR ? cipher->counterModeName : cipher->name, half.cipherKey);
+    LOG(detail, "%s():\t..crypt.alg_name = %s\n", algorithm.head().alg_name);
+    LOG(detail, "%s():\t..crypt.alg_key_len = %u\n", algorithm.head().alg_key_len);
+    LOG(detail, "%s():\t..crypt.alg_key = %s\n", kUnsaid);
+    algorithm.addTo(msg, XFRMA_ALG_CRYPT);
+    return 0;
+}
+
+int setXFRMAuthAlg(const SaRecord& record, NetlinkMessage& msg, bool tx)
+{
+    const Half half = halfOf(record, tx);
+    if (record.hash_algo_valid == 0)
+        return FAIL("%s(): hash algo marked as invalid\n");
+    if (half.hashKey.valid == 0)
+        return tx ? FAIL("%s(): TX hash key marked as invalid\n") : FAIL("%s(): RX hash key marked as invalid\n");
+    const Hash* hash = lookUp(kHashes, record.hash_algo);
+    if (hash == nullptr)
+        return FAIL("%s(): invalid autho algo %d\n", static_cast<int>(record.hash_algo)); // sic
+
+    AlgorithmWithKey<xfrm_algo_auth> algorithm(hash->name, half.hashKey);
+    algorithm.head().alg_trunc_len = hash->truncation;
+    LOG(detail, "%s():\t..auth.algo = %s\n", algorithm.head().alg_name);
+    LOG(detail, "%s():\t..auth.trunc_len = %u\n", algorithm.head().alg_trunc_len);
+    LOG(detail, "%s():\t..auth.key_len = %u\n", algorithm.head().alg_key_len);
+    LOG(detail, "%s():\t..auth.key = %s\n", kUnsaid);
+    algorithm.addTo(msg, XFRMA_ALG_AUTH_TRUNC);
+    return 0;
+}
+
+void setNoLimits(xfrm_lifetime_cfg& lifetime)
+{
+    lifetime.soft_byte_limit   = XFRM_INF;
+    lifetime.hard_byte_limit   = XFRM_INF;
+    lifetime.soft_packet_limit = XFRM_INF;
+    lifetime.hard_packet_limit = XFRM_INF;
+}
+
+// Installing SAs
+
+int addXFRMState(const SaRecord& record, bool tx, Technology technology, unsigned int mark, unsigned int mask,
+                 unsigned short msgType)
+{
+    NetlinkMessage msg;
+    msg.setNLMsgHeader(NETLINK_XFRM, msgType, kAcknowledged);
+
+    auto sinfo = zeroed<xfrm_usersa_info>();
+    setNoLimits(sinfo.lft);
+    if (setXFRMIdFromBexa(record, &sinfo.saddr, &sinfo.id, tx) != 0)
+        return FAIL("%s(): setting XFRM state ID failed\n");
+    if (setXFRMMode(record, &sinfo.mode) != 0)
+        return FAIL("%s(): setting XFRM state mode failed\n");
+    if (setXFRMCryptoAlg(record, msg, tx) != 0)
+        return FAIL("%s(): setting XFRM state crypto failed\n");
+    if (setXFRMAuthAlg(record, msg, tx) != 0)
+        return FAIL("%s(): setting XFRM state auth failed\n");
+    setXFRMEncap(record, msg, tx);
+
+    sinfo.flags = XFRM_STATE_AF_UNSPEC | (tx ? XFRM_STATE_NOPMTUDISC : 0);
+    LOG(detail, "%s():\t..sinfo.flags = 0x%x\n", sinfo.flags);
+    sinfo.family = familyOf(halfOf(record, tx).source);
+    LOG(detail, "%s():\t..sinfo.family = AF_INET%s\n", familySuffix(sinfo.family));
+
+    if (tx) {
+        LOG(detail, "%s():\t..output_mark = 0x%x\n", mark | kOutputMark);
+        LOG(detail, "%s():\t..output_mask = 0x%x\n", mask | kOutputMark);
+        msg.addNLAttribute(XFRMA_SET_MARK, mark | kOutputMark);
+        msg.addNLAttribute(XFRMA_SET_MARK_MASK, mask | kOutputMark);
+    } else if (technology == TRO_TECHNOLOGY_NAME_MARKED_RX_V01) {
+        LOG(detail, "%s():\t..output_mark = 0x%x\n", kMarkedRx);
+        msg.addNLAttribute(XFRMA_SET_MARK, kMarkedRx);
+    }
+
+    msg.addMsgPayload(sizeof sinfo, &sinfo);
+    const int result = msg.messageTransact();
+    if (result != 0)
+        LOG(failure, "%s(): sending XFRM state failed\n");
+    return result;
+}
+
+// Finding SAs again
+
+// 0 when the address is the modem's, 1 otherwise.
+int XFRMAddrCmp(const xfrm_address_t* address, unsigned short family, const tro_ip_addr_type_v01* modemAddress)
+{
+    if (family == 0 || family != familyOf(*modemAddress))
+        return 1;
+    if (family == AF_INET6)
+        return std::memcmp(address->a6, modemAddress->addr, sizeof address->a6) == 0 ? 0 : 1;
+    return address->a4 == wordOf(*modemAddress) ? 0 : 1;
+}
+
+bool connects(const xfrm_usersa_info& state, const tro_ip_addr_type_v01& source,
+              const tro_ip_addr_type_v01& destination)
+{
+    return XFRMAddrCmp(&state.saddr, state.family, &source) == 0 &&
+           XFRMAddrCmp(&state.id.daddr, state.family, &destination) == 0;
+}
+
+enum class Match {
+    None,
+    Tx,
+    Rx
+};
+
+// Which SA of the record a dumped message shows; copied into `state`. What does not match is logged under the name of
+// the callback that asks. The record's values are compared as they are, whatever their flags say.
+Match matchXFRMState(nlmsghdr* message, const SaRecord& record, xfrm_usersa_info& state, const char* callback)
+{
+    const auto no = Match::None;
+    if (message->nlmsg_type != XFRM_MSG_NEWSA)
+        return LOG_AS(verbose, callback, "%s(): ignoring non-XFRM state message\n"), no;
+    if (message->nlmsg_len < NLMSG_SPACE(sizeof state))
+        return LOG_AS(failure, callback, "%s(): invalid XFRM state message received\n"), no;
+    std::memcpy(&state, NLMSG_DATA(message), sizeof state);
+
+    if (state.id.proto != IPPROTO_AH && state.id.proto != IPPROTO_ESP)
+        return LOG_AS(verbose, callback, "%s(): ignoring non-ESP/AH protocol"), no;
+    if (record.ipsec_protocol != (state.id.proto == IPPROTO_AH ? kAH : kESP))
+        return LOG_AS(verbose, callback, "%s(): ignoring non-matching protocol"), no;
+
+    if (state.id.spi == htonl(record.spi_tx)) {
+        if (connects(state, record.local_addr, record.remote_addr))
+            return Match::Tx;
+        return LOG_AS(verbose, callback, "%s(): ignoring non-matching TX address\n"), no;
+    }
+    if (state.id.spi == htonl(record.spi_rx)) {
+        if (connects(state, record.remote_addr, record.local_addr))
+            return Match::Rx;
+        return LOG_AS(verbose, callback, "%s(): ignoring non-matching RX address\n"), no;
+    }
+    return LOG_AS(verbose, callback, "%s(): ignoring non-matching SPI\n"), no;
+}
+
+void removeXFRMStateCb(nlmsghdr* message, void* context)
+{
+    const auto& record = *static_cast<const SaRecord*>(context);
+    xfrm_usersa_info state;
+    const Match match = matchXFRMState(message, record, state, __func__);
+    if (match == Match::None)
+        return;
+
+    if (match == Match::Tx)
+        LOG(notice, "%s(): removing TX XFRM state\n");
+    else
+        LOG(notice, "%s(): removing RX XFRM state\n");
+    LOG(detail, "%s():\t..src %s\n", kUnsaid);
+    LOG(detail, "%s():\t..dst %s\n", kUnsaid);
+    LOG(detail, "%s():\t..proto %u\n", state.id.proto);
+    LOG(detail, "%s():\t..spi 0x%x\n", ntohl(state.id.spi));
+
+    auto id   = zeroed<xfrm_usersa_id>();
+    id.daddr  = state.id.daddr;
+    id.spi    = state.id.spi;
+    id.family = state.family;
+    id.proto  = state.id.proto;
+
+    NetlinkMessage msg;
+    msg.setNLMsgHeader(NETLINK_XFRM, XFRM_MSG_DELSA, kAcknowledged);
+    msg.addMsgPayload(sizeof id, &id);
+    msg.addNLAttribute(XFRMA_SRCADDR, sizeof state.saddr, &state.saddr);
+    if (msg.messageTransact() != 0)
+        LOG(failure, "%s(): deleting XFRM state failed\n");
+}
+
+// An xfrm_replay_state, or an xfrm_replay_state_esn without its bitmap.
+using ReplayRecord = std::array<unsigned char, sizeof(xfrm_replay_state_esn)>;
+
+// What an update finds out about the installed SAs before it changes them.
+struct XFRMSeqMatchCtx {
+    const SaRecord& record;
+    bool txEsn;
+    bool rxEsn;
+    unsigned int mark;
+    unsigned int mask;
+    xfrm_usersa_info txState;
+    xfrm_usersa_info rxState;
+    ReplayRecord txReplay;
+    ReplayRecord rxReplay;
+};
+
+// Sic: both kinds of record are kept for TX, whichever SA they belong to, and one of the extended kind takes RX's flag
+// away. So TX gets the counters of the SA that was dumped last, and RX zeros.
+void keepReplay(XFRMSeqMatchCtx& context, bool tx, unsigned int type, nlattr* attribute, const char* callback)
+{
+    if (type == XFRMA_REPLAY_VAL && attributeLength(attribute) >= sizeof(xfrm_replay_state)) {
+        xfrm_replay_state replay;
+        std::memcpy(&replay, attributeValue(attribute), sizeof replay);
+        LOG_AS(notice, callback, "%s(): Replay Seq: seq: %u oseq: %u", replay.seq, replay.oseq);
+        std::memcpy(context.txReplay.data(), &replay, sizeof replay);
+    }
+    if (type == XFRMA_REPLAY_ESN_VAL && attributeLength(attribute) >= sizeof(xfrm_replay_state_esn)) {
+        xfrm_replay_state_esn replay;
+        std::memcpy(&replay, attributeValue(attribute), sizeof replay);
+        LOG_AS(notice, callback, "%s(): Replay Seq ESN: seq: %u oseq: %u", replay.seq, replay.oseq);
+        std::memcpy(context.txReplay.data(), &replay, sizeof replay);
+        (tx ? context.txEsn : context.rxEsn) = tx;
+    }
+}
+
+void queryXFRMStateCb(nlmsghdr* message, void* given)
+{
+    auto& context = *static_cast<XFRMSeqMatchCtx*>(given);
+    xfrm_usersa_info state;
+    const Match match = matchXFRMState(message, context.record, state, __func__);
+    if (match == Match::None)
+        return;
+
+    const bool tx = match == Match::Tx;
+    if (tx)
+        LOG(notice, "%s(): Setting TX seq");
+    else
+        LOG(notice, "%s(): Setting RX seq");
+    (tx ? context.txState : context.rxState) = state;
+
+    constexpr unsigned int start = NLMSG_SPACE(sizeof state);
+    auto* first                  = reinterpret_cast<nlattr*>(reinterpret_cast<unsigned char*>(message) + start);
+    const char* const name       = __func__;
+    forEachAttribute(first, subOrAbort<unsigned int>(message->nlmsg_len, start), XFRMA_REPLAY_ESN_VAL,
+                     [&](unsigned int type, nlattr* attribute) { keepReplay(context, tx, type, attribute, name); });
+}
+
+int updateXFRMSeq(XFRMSeqMatchCtx& context, bool tx)
+{
+    const xfrm_usersa_info& state = tx ? context.txState : context.rxState;
+    const bool esn                = tx ? context.txEsn : context.rxEsn;
+    ReplayRecord& replay          = tx ? context.txReplay : context.rxReplay;
+
+    auto aevent         = zeroed<xfrm_aevent_id>();
+    aevent.sa_id.daddr  = state.id.daddr;
+    aevent.sa_id.spi    = state.id.spi;
+    aevent.sa_id.family = state.family;
+    aevent.sa_id.proto  = state.id.proto;
+
+    // Sic: without NLM_F_REQUEST. A mainline kernel acknowledges this and leaves the counters alone, which keeps traffic
+    // going, since the update of an SA does not touch them either.
+    NetlinkMessage msg;
+    msg.setNLMsgHeader(NETLINK_XFRM, XFRM_MSG_NEWAE, NLM_F_ACK | NLM_F_REPLACE);
+    msg.addNLAttribute(XFRMA_SET_MARK, context.mark);
+    msg.addNLAttribute(XFRMA_SET_MARK_MASK, context.mask);
+    if (esn)
+        msg.addNLAttribute(XFRMA_REPLAY_ESN_VAL, sizeof(xfrm_replay_state_esn), replay.data());
+    else
+        msg.addNLAttribute(XFRMA_REPLAY_VAL, sizeof(xfrm_replay_state), replay.data());
+    msg.addMsgPayload(sizeof aevent, &aevent);
+    const int result = msg.messageTransact();
+    if (result != 0)
+        LOG(failure, "%s(): sending XFRM state failed\n");
+    return result;
+}
+
+// Policies
+
+// "address" or "address/prefix". A prefix that is no number counts as 0.
+int setXFRMAddress(xfrm_address_t* address, __u8* prefixLength, __u16* family, const std::string& text)
+{
+    char buffer[64] = {};
+    std::strncpy(buffer, text.c_str(), sizeof buffer - 1);
+    char* const slash = std::strchr(buffer, '/');
+    if (slash != nullptr)
+        *slash = '\0';
+
+    const bool v6 = std::strchr(buffer, ':') != nullptr;
+    if (v6 && inet_pton(AF_INET6, buffer, address) < 1)
+        return FAIL("%s(): invalid IPv6 address %s\n", buffer);
+    if (!v6 && inet_pton(AF_INET, buffer, address) < 1)
+        return FAIL("%s(): invalid IPv4 address %s\n", buffer);
+
+    *family       = v6 ? AF_INET6 : AF_INET;
+    *prefixLength = slash != nullptr ? static_cast<__u8>(std::strtoul(slash + 1, nullptr, 0)) : v6 ? 128 : 32;
+    return 0;
+}
+
+// The selector arrives zeroed. With two addresses, the destination's family stays.
+int setXFRMSel(xfrm_selector* sel, const std::string& source, const std::string& destination, unsigned char protocol)
+{
+    if (!source.empty()) {
+        if (setXFRMAddress(&sel->saddr, &sel->prefixlen_s, &sel->family, source) != 0)
+            return FAIL("%s(): setting selector source address failed\n");
+        LOG(detail, "%s()\t..sel.saddr = %s/%u\n", source.c_str(), sel->prefixlen_s);
+    } else if (destination.empty()) {
+        return FAIL("%s(): selector must have either source or destination\n");
+    }
+    if (!destination.empty()) {
+        if (setXFRMAddress(&sel->daddr, &sel->prefixlen_d, &sel->family, destination) != 0)
+            return FAIL("%s(): setting selector destination address failed\n");
+        LOG(detail, "%s()\t..sel.daddr = %s/%u\n", destination.c_str(), sel->prefixlen_d);
+    }
+    if (protocol != 0) {
+        sel->proto = protocol;
+        LOG(detail, "%s()\t..sel.proto = %u\n", protocol);
+    }
+    return 0;
+}
+
+int setXFRMTmpl(const SaRecord& record, xfrm_user_tmpl* tmpl, bool outbound)
+{
+    if (setXFRMIdFromBexa(record, &tmpl->saddr, &tmpl->id, outbound) != 0)
+        return FAIL("%s(): setting template ID failed\n");
+    if (setXFRMMode(record, &tmpl->mode) != 0)
+        return FAIL("%s(): setting templade mode failed\n"); // sic
+    tmpl->family = familyOf(halfOf(record, outbound).source);
+    LOG(detail, "%s(): \t..tmpl.family = AF_INET%s\n", familySuffix(tmpl->family));
+    tmpl->aalgos = tmpl->ealgos = tmpl->calgos = ~__u32{0}; // any algorithm
+    return 0;
+}
+
+xfrm_userpolicy_info allowingPolicy(unsigned char direction, __u32 priority)
+{
+    auto policy     = zeroed<xfrm_userpolicy_info>();
+    policy.priority = priority;
+    policy.dir      = direction;
+    setNoLimits(policy.lft);
+    return policy;
+}
+
+int addXFRMPolicy(const SaRecord& record, const std::string& source, const std::string& destination,
+                  unsigned char protocol, unsigned char direction)
+{
+    auto policy = allowingPolicy(direction, kPolicyPriority);
+    if (setXFRMSel(&policy.sel, source, destination, protocol) != 0)
+        return FAIL("%s(): setting policy selector failed\n");
+    auto tmpl = zeroed<xfrm_user_tmpl>();
+    if (setXFRMTmpl(record, &tmpl, direction == XFRM_POLICY_OUT) != 0)
+        return FAIL("%s(): setting policy templace failed\n"); // sic
+
+    NetlinkMessage msg;
+    msg.setNLMsgHeader(NETLINK_XFRM, XFRM_MSG_NEWPOLICY, kAcknowledged);
+    msg.addMsgPayload(sizeof policy, &policy);
+    msg.addNLAttribute(XFRMA_TMPL, sizeof tmpl, &tmpl);
+    const int result = msg.messageTransact();
+    if (result != 0)
+        LOG(failure, "%s(): sending XFRM policy failed\n");
+    return result;
+}
+
+int removeXFRMPolicy(const std::string& source, const std::string& destination, unsigned char protocol,
+                     unsigned char direction)
+{
+    auto id = zeroed<xfrm_userpolicy_id>();
+    id.dir  = direction;
+    if (setXFRMSel(&id.sel, source, destination, protocol) != 0)
+        return FAIL("%s(): setting policy selector failed\n");
+
+    NetlinkMessage msg;
+    msg.setNLMsgHeader(NETLINK_XFRM, XFRM_MSG_DELPOLICY, kAcknowledged);
+    msg.addMsgPayload(sizeof id, &id);
+    const int result = msg.messageTransact();
+    if (result != 0)
+        LOG(failure, "%s(): sending XFRM policy delete failed\n");
+    return result;
+}
+
+// What the bypass policies select.
+constexpr const char* kLinkLocal = "fe80::/64";
+
+// Migration
+
+// Whether the peer is the same; whatever `addr_len` says, an IPv6 address has 16 bytes.
+bool sameAddress(const tro_ip_addr_type_v01& one, const tro_ip_addr_type_v01& other)
+{
+    const std::size_t size = one.ip_type == kIPv6 ? 16 : one.ip_type == kIPv4 ? 4 : 0;
+    return size != 0 && one.ip_type == other.ip_type && std::memcmp(one.addr, other.addr, size) == 0;
+}
+
+int migrateOneXFRM(const SaRecord& from, const SaRecord& to, const std::string& localText,
+                   const std::string& remoteText, unsigned char protocol, unsigned char direction)
+{
+    NetlinkMessage msg;
+    msg.setNLMsgHeader(NETLINK_XFRM, XFRM_MSG_MIGRATE, kAcknowledged);
+
+    auto entry = zeroed<xfrm_user_migrate>();
+    if (to.ipsec_protocol != kAH && to.ipsec_protocol != kESP)
+        return FAIL("%s(): invalid IPSEC protocol %d\n", static_cast<int>(to.ipsec_protocol));
+    entry.proto = to.ipsec_protocol == kAH ? IPPROTO_AH : IPPROTO_ESP;
+
+    const bool outbound = direction == XFRM_POLICY_OUT;
+    if (outbound) {
+        setXFRMAddrFromBexa(from.remote_addr, &entry.old_daddr);
+        setXFRMAddrFromBexa(from.remote_addr, &entry.new_daddr);
+        setXFRMAddrFromBexa(from.local_addr, &entry.old_saddr);
+        setXFRMAddrFromBexa(to.local_addr, &entry.new_saddr);
+    } else {
+        setXFRMAddrFromBexa(from.local_addr, &entry.old_daddr);
+        setXFRMAddrFromBexa(to.local_addr, &entry.new_daddr);
+        setXFRMAddrFromBexa(from.remote_addr, &entry.old_saddr);
+        setXFRMAddrFromBexa(from.remote_addr, &entry.new_saddr);
+    }
+    entry.old_family = familyOf(from.local_addr);
+    entry.new_family = familyOf(to.local_addr);
+    if (setXFRMMode(to, &entry.mode) != 0)
+        return FAIL("%s(): setting XFRM state mode failed\n");
+    msg.addNLAttribute(XFRMA_MIGRATE, sizeof entry, &entry);
+    setXFRMEncap(to, msg, outbound);
+
+    auto id = zeroed<xfrm_userpolicy_id>();
+    id.dir  = direction;
+    if (setXFRMSel(&id.sel, outbound ? localText : remoteText, outbound ? remoteText : localText, protocol) != 0)
+        return FAIL("%s(): setting policy selector failed\n");
+    msg.addMsgPayload(sizeof id, &id);
+    const int result = msg.messageTransact();
+    if (result != 0)
+        LOG(failure, "%s(): sending XFRM migration failed\n");
+    return result;
+}
+
+} // namespace
+
+int addXFRMStates(SaRecord& record, Technology technology, unsigned int mark, unsigned int mask) noexcept
+{
+    LOG(notice, "%s(): inserting outgoing XFRM state\n");
+    int result = addXFRMState(record, true, technology, mark, mask, XFRM_MSG_NEWSA);
+    if (result != 0) {
+        LOG(failure, "%s(): setting TX XFRM state failed\n");
+        return result;
+    }
+
+    LOG(notice, "%s(): inserting incoming XFRM state\n");
+    result = addXFRMState(record, false, technology, mark, mask, XFRM_MSG_NEWSA);
+    if (result != 0)
+        LOG(failure, "%s(): setting RX XFRM state failed\n"); // TX stays
+    return result;
+}
+
+int updateXFRMStates(SaRecord& record, Technology technology, unsigned int mark, unsigned int mask) noexcept
+{
+    XFRMSeqMatchCtx context = {record, false, false, mark, mask, {}, {}, {}, {}};
+    NetlinkMessage dump;
+    dump.setNLMsgHeader(NETLINK_XFRM, XFRM_MSG_GETSA, kDump);
+    dump.setDumpCb(queryXFRMStateCb, &context);
+    if (dump.messageDump() != 0)
+        LOG(failure, "%s(): failed to query XFRM");
+
+    LOG(notice, "%s(): updating outgoing XFRM state\n");
+    const int result = addXFRMState(record, true, technology, mark, mask, XFRM_MSG_UPDSA);
+    if (result != 0) {
+        LOG(failure, "%s(): updating TX XFRM state failed\n");
+        return result;
+    }
+
+    // From here on only the last step decides.
+    LOG(notice, "%s(): updating incoming XFRM state\n");
+    if (addXFRMState(record, false, technology, mark, mask, XFRM_MSG_UPDSA) != 0)
+        LOG(failure, "%s(): updating RX XFRM state failed\n");
+    LOG(notice, "%s(): updating Sequence number TX\n");
+    if (updateXFRMSeq(context, true) != 0)
+        LOG(failure, "%s(): updating sequence TX failed\n");
+    LOG(notice, "%s(): updating Sequence number RX\n");
+    const int last = updateXFRMSeq(context, false);
+    if (last != 0)
+        LOG(failure, "%s(): updating sequence RX failed\n");
+    return last;
+}
+
+int removeXFRMStates(SaRecord& record) noexcept
+{
+    NetlinkMessage msg;
+    msg.setNLMsgHeader(NETLINK_XFRM, XFRM_MSG_GETSA, kDump);
+    msg.setDumpCb(removeXFRMStateCb, &record);
+    const int result = msg.messageDump();
+    if (result != 0)
+        LOG(failure, "%s(): removing XFRM states failed");
+    return result;
+}
+
+int addXFRMPolicies(SaRecord& record, std::string& source, std::string& destination, unsigned char protocol,
+                    bool outbound) noexcept
+{
+    if (outbound) {
+        LOG(notice, "%s(): inserting output XFRM policy\n");
+        const int result = addXFRMPolicy(record, source, destination, protocol, XFRM_POLICY_OUT);
+        if (result != 0)
+            LOG(failure, "%s(): setting outgoing XFRM policy failed\n");
+        return result;
+    }
+
+    LOG(notice, "%s(): inserting input XFRM policy\n");
+    int result = addXFRMPolicy(record, source, destination, protocol, XFRM_POLICY_IN);
+    if (result != 0) {
+        LOG(failure, "%s(): inserting incoming XFRM policy failed");
+        return result;
+    }
+    LOG(notice, "%s(): inserting forward XFRM policy\n");
+    result = addXFRMPolicy(record, source, destination, protocol, XFRM_POLICY_FWD);
+    if (result != 0)
+        LOG(failure, "%s(): inserting forwarding XFRM policy failed\n");
+    return result;
+}
+
+int removeXFRMPolicies(std::string& source, std::string& destination, unsigned char protocol, bool outbound) noexcept
+{
+    if (outbound) {
+        LOG(notice, "%s(): removing output XFRM policy\n");
+        const int result = removeXFRMPolicy(source, destination, protocol, XFRM_POLICY_OUT);
+        if (result != 0)
+            LOG(failure, "%s(): removing outgoing XFRM policy failed\n");
+        return result;
+    }
+
+    LOG(notice, "%s(): removing input XFRM policy\n");
+    int result = removeXFRMPolicy(source, destination, protocol, XFRM_POLICY_IN);
+    if (result != 0) {
+        LOG(failure, "%s(): removing incoming XFRM policy failed");
+        return result;
+    }
+    LOG(notice, "%s(): removing forward XFRM policy\n");
+    result = removeXFRMPolicy(source, destination, protocol, XFRM_POLICY_FWD);
+    if (result != 0)
+        LOG(failure, "%s(): removing forwarding XFRM policy failed\n");
+    return result;
+}
+
+int addXFRMPolicyEx(unsigned char direction) noexcept
+{
+    auto policy = allowingPolicy(direction, kBypassPriority);
+    if (setXFRMSel(&policy.sel, "", kLinkLocal, IPPROTO_ICMPV6) != 0)
+        return FAIL("%s(): setting policy selector failed\n");
+
+    NetlinkMessage msg; // no template, so that what matches passes IPsec by
+    msg.setNLMsgHeader(NETLINK_XFRM, XFRM_MSG_NEWPOLICY, kAcknowledged);
+    msg.addMsgPayload(sizeof policy, &policy);
+    const int result = msg.messageTransact();
+    if (result != 0)
+        LOG(failure, "%s(): sending XFRM policy failed\n");
+    return result;
+}
+
+int removeXFRMPolicyEx(unsigned char direction) noexcept
+{
+    return removeXFRMPolicy("", kLinkLocal, IPPROTO_ICMPV6, direction);
+}
+
+int migrateXFRMInfo(SaRecord& oldRecord, SaRecord& newRecord, std::string& localSelector, std::string& remoteSelector,
+                    unsigned char protocol) noexcept
+{
+    if (oldRecord.encap_mode != newRecord.encap_mode)
+        return FAIL("%s(): XFRM mode has changed\n");
+    if (oldRecord.ipsec_protocol != newRecord.ipsec_protocol)
+        return FAIL("%s(): XFRM protocol has changed\n");
+    if (!sameAddress(oldRecord.remote_addr, newRecord.remote_addr))
+        return FAIL("%s(): remote address has changed\n");
+
+    const auto migrate = [&](const SaRecord& from, const SaRecord& to, unsigned char direction) {
+        return migrateOneXFRM(from, to, localSelector, remoteSelector, protocol, direction);
+    };
+
+    LOG(notice, "%s(): migrating outgoing XFRM info\n");
+    const int result = migrate(oldRecord, newRecord, XFRM_POLICY_OUT);
+    if (result != 0) {
+        LOG(failure, "%s(): migrating TX XFRM info failed\n");
+        return result;
+    }
+
+    LOG(notice, "%s(): migrating incoming XFRM info\n");
+    if (migrate(oldRecord, newRecord, XFRM_POLICY_IN) != 0) {
+        LOG(failure, "%s(): migrating RX XFRM info failed\n");
+    } else {
+        LOG(notice, "%s(): migrating forwarding XFRM info\n");
+        if (migrate(oldRecord, newRecord, XFRM_POLICY_FWD) == 0)
+            return 0;
+        LOG(failure, "%s(): migrating FWD XFRM info failed\n");
+        if (migrate(newRecord, oldRecord, XFRM_POLICY_IN) != 0)
+            LOG(failure, "%s(): rolling back RX XFRM migration failed\n");
+    }
+    if (migrate(newRecord, oldRecord, XFRM_POLICY_OUT) != 0)
+        LOG(failure, "%s(): rolling back TX XFRM migration failed\n");
+    return -1;
+}
+
+} // namespace Vesk
