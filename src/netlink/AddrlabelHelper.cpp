@@ -1,12 +1,25 @@
 // Requests to NETLINK_ROUTE about the table of address labels, which source-address selection consults:
 //
 //     RTM_NEWADDRLABEL, RTM_DELADDRLABEL   ifaddrlblmsg   IFAL_LABEL, IFAL_ADDRESS
+//     RTM_GETADDRLABEL (query)             ifaddrlblmsg   IFAL_ADDRESS
+//     RTM_GETADDRLABEL (dump)              ifaddrlblmsg
+//
+// Labels below 21 are the system's own, of which 1 is the default; those above are handed out here.
 
 #include <vesk/netlink.h>
 
 #include "AddressBytes.h"
+#include "Checked.h"
 #include "Log.h"
+#include "Message.h"
 #include "Zeroed.h"
+
+#include <algorithm>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <iterator>
+#include <set>
 
 #include <linux/if_addrlabel.h>
 #include <linux/rtnetlink.h>
@@ -19,6 +32,13 @@ constexpr char kLogSource[] = "src/netlink/AddrlabelHelper";
 
 constexpr unsigned short kDelete = NLM_F_REQUEST | NLM_F_ACK;
 constexpr unsigned short kCreate = kDelete | NLM_F_EXCL | NLM_F_CREATE;
+constexpr unsigned short kDump   = NLM_F_REQUEST | NLM_F_DUMP;
+
+constexpr unsigned int kDefaultLabel    = 1;
+constexpr unsigned int kLastSystemLabel = 20;
+
+using LabelAttributes = AttributeTable<IFAL_LABEL>;
+using LabelSet        = std::set<unsigned int>;
 
 int addrlabelModify(int type, sockaddr_storage* address, unsigned int prefixLength, unsigned int label,
                     unsigned int ifIndex)
@@ -50,6 +70,103 @@ int addrlabelModify(int type, sockaddr_storage* address, unsigned int prefixLeng
     return result;
 }
 
+void addrlabelGenerateCb(nlmsghdr* message, void* context)
+{
+    auto& labels = *static_cast<LabelSet*>(context);
+    if (message->nlmsg_type != RTM_NEWADDRLABEL)
+        return LOG(verbose, "%s(): ignoring non-NEWADDRLABEL message");
+    if (message->nlmsg_len < kMessageSize<ifaddrlblmsg>)
+        return LOG(failure, "%s(): invalid NEWADDRLABEL message received");
+
+    nlattr* label = LabelAttributes(message, kMessageSize<ifaddrlblmsg>)[IFAL_LABEL];
+    if (label == nullptr)
+        return LOG(failure, "%s(): label attribute is missing in NEWADDRLABEL message");
+    if (!holdsU32(label))
+        return LOG(failure, "%s(): label attribute is malformed");
+    if (!labels.insert(u32Of(label)).second)
+        LOG(failure, "%s(): inserting label %u failed", u32Of(label));
+}
+
+// What the two callbacks of a purge share.
+struct addrlabelPurgeCtx {
+    sockaddr_storage* addr;
+    __u32 prefixlen;
+    __u32 label; // 0: not found, or not one to purge
+    __u32 ifindex;
+};
+
+// 0 when the message shows an entry of the caller's family, prefix length and interface, with address and label.
+int addrlabelPurgeNLMsgParse(nlmsghdr* message, LabelAttributes& attributes, const addrlabelPurgeCtx& context)
+{
+    if (message->nlmsg_type != RTM_NEWADDRLABEL) {
+        LOG(verbose, "%s(): ignoring non-NEWADDRLABEL message");
+        return -1;
+    }
+    if (message->nlmsg_len < kMessageSize<ifaddrlblmsg>) {
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat"
+        return FAIL("%S(): invalid NEWADDRLABEL message received"); // sic: the logger reads %S as %s
+#pragma GCC diagnostic pop
+    }
+
+    const auto entry = payloadOf<ifaddrlblmsg>(message);
+    if (entry.ifal_family != context.addr->ss_family || entry.ifal_prefixlen != context.prefixlen ||
+        entry.ifal_index != context.ifindex)
+        return -1;
+    attributes = LabelAttributes(message, kMessageSize<ifaddrlblmsg>);
+    if (attributes[IFAL_ADDRESS] == nullptr || attributes[IFAL_LABEL] == nullptr)
+        return FAIL("%s(): address/label is missing in NEWADDRLABEL message");
+    return 0;
+}
+
+VeskNetlinkQueryReturn addrlabelPurgeQueryCb(nlmsghdr* message, void* given)
+{
+    auto& context = *static_cast<addrlabelPurgeCtx*>(given);
+    LabelAttributes attributes;
+    if (addrlabelPurgeNLMsgParse(message, attributes, context) != 0)
+        return NetlinkQueryContinue;
+    nlattr* label = attributes[IFAL_LABEL];
+    if (attributeLength(label) < sizeof(__u32))
+        return NetlinkQueryContinue;
+
+    const __u32 value = u32Of(label);
+    const bool purged = value >= kLastSystemLabel || value == kDefaultLabel;
+    context.label     = purged ? value : 0;
+    return purged ? NetlinkQueryDone : NetlinkQueryContinue;
+}
+
+void addrlabelPurgeDumpCb(nlmsghdr* message, void* given)
+{
+    const auto& context = *static_cast<addrlabelPurgeCtx*>(given);
+    LabelAttributes attributes;
+    if (addrlabelPurgeNLMsgParse(message, attributes, context) != 0)
+        return;
+
+    // Of an IPv6 prefix whole bytes are compared, of an IPv4 address all of it.
+    const AddressBytes own = addressBytes(context.addr);
+    const auto width       = static_cast<std::size_t>(own.size);
+    const std::size_t compared =
+        context.addr->ss_family == AF_INET ? width : std::min<std::size_t>(context.prefixlen / 8, width);
+    nlattr *address = attributes[IFAL_ADDRESS], *label = attributes[IFAL_LABEL];
+    if (attributeLength(address) < compared || attributeLength(label) < sizeof(__u32))
+        return;
+
+    auto victim = zeroed<sockaddr_storage>();
+    if (std::memcmp(attributeValue(address), own.data, compared) == 0) {
+        LOG_TEXT(detail, "Matches address");
+        victim = *context.addr;
+    } else if (context.label != 0 && u32Of(label) == context.label && attributeLength(address) >= width) {
+        LOG_TEXT(detail, "Label match for");
+        victim.ss_family = context.addr->ss_family;
+        std::memcpy(addressBytes(&victim).data, attributeValue(address), width);
+    } else {
+        return;
+    }
+
+    if (addrlabelModify(RTM_DELADDRLABEL, &victim, context.prefixlen, u32Of(label), context.ifindex) != 0)
+        LOG(failure, "%s(): purging address with label %u failed", u32Of(label));
+}
+
 } // namespace
 
 int addrlabelAdd(sockaddr_storage* address, unsigned int prefixLength, unsigned int label,
@@ -62,6 +179,81 @@ int addrlabelDel(sockaddr_storage* address, unsigned int prefixLength, unsigned 
                  unsigned int ifIndex) noexcept
 {
     return addrlabelModify(RTM_DELADDRLABEL, address, prefixLength, label, ifIndex);
+}
+
+int addrlabelGenerate(int family, bool useDefault, unsigned int* label) noexcept
+{
+    if (useDefault) {
+        *label = kDefaultLabel;
+        return 0;
+    }
+    if (family != AF_INET && family != AF_INET6)
+        return FAIL("%s(): invalid addr type 0x%x", static_cast<unsigned int>(family));
+
+    auto any        = zeroed<ifaddrlblmsg>();
+    any.ifal_family = static_cast<__u8>(family);
+
+    NetlinkMessage msg;
+    msg.setNLMsgHeader(NETLINK_ROUTE, RTM_GETADDRLABEL, kDump);
+    msg.addMsgPayload(sizeof any, &any);
+    LabelSet labels;
+    msg.setDumpCb(addrlabelGenerateCb, &labels);
+    const int result = msg.messageDump();
+    if (result != 0) {
+        LOG(failure, "%s(): gathering list of currentl labels failed"); // sic
+        return result;
+    }
+
+    // A gap is between a label and the one before it. Sic: the first label is compared with the second, so that it ends
+    // the process when it is none of the system's.
+    unsigned int last = kLastSystemLabel;
+    for (auto it = labels.upper_bound(kLastSystemLabel); it != labels.end(); ++it) {
+        const auto partner = it == labels.begin() ? std::next(it) : std::prev(it);
+        if (partner != labels.end() && subOrAbort<unsigned int>(*it, *partner) >= 2) {
+            *label = *it - 1;
+            return 0;
+        }
+        last = *it;
+    }
+    if (last > INT_MAX)
+        return FAIL("%s(): generating unique label failed");
+    *label = addOrAbort<unsigned int>(last, rand());
+    return 0;
+}
+
+int addrlabelPurge(sockaddr_storage* address, unsigned int prefixLength, unsigned int ifIndex) noexcept
+{
+    const AddressBytes bytes = addressBytes(address);
+    if (bytes.size == 0)
+        return FAIL("%s(): invalid addr type 0x%x", address->ss_family);
+
+    addrlabelPurgeCtx context = {address, prefixLength, 0, ifIndex};
+    auto entry                = zeroed<ifaddrlblmsg>();
+    entry.ifal_family         = static_cast<__u8>(address->ss_family);
+    entry.ifal_prefixlen      = static_cast<__u8>(8 * bytes.size); // the kernel looks an address up, not a prefix
+    entry.ifal_index          = ifIndex;
+
+    NetlinkMessage query;
+    query.setNLMsgHeader(NETLINK_ROUTE, RTM_GETADDRLABEL, NLM_F_REQUEST);
+    query.addMsgPayload(sizeof entry, &entry);
+    query.addNLAttribute(IFAL_ADDRESS, bytes.size, bytes.data);
+    query.setQueryCb(addrlabelPurgeQueryCb, &context, false);
+    int result = query.messageQuery();
+    if (result != 0) {
+        LOG(failure, "%s(): querying label failed");
+        return result;
+    }
+    if (context.label == 0)
+        return 0;
+
+    NetlinkMessage dump;
+    dump.setNLMsgHeader(NETLINK_ROUTE, RTM_GETADDRLABEL, kDump);
+    dump.addMsgPayload(sizeof entry, &entry);
+    dump.setDumpCb(addrlabelPurgeDumpCb, &context);
+    result = dump.messageDump();
+    if (result != 0)
+        LOG(failure, "%s(): dumping labels failed");
+    return result;
 }
 
 } // namespace Vesk

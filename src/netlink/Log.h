@@ -25,8 +25,10 @@ inline LogMgr& logger()
 #define LOG(level, format, ...) LOG_AS(level, __func__, format __VA_OPT__(, ) __VA_ARGS__)
 
 // The same under a given name, where functions share the code that logs.
-#define LOG_AS(level, name, format, ...)                                                                               \
-    ::Vesk::logger().doLog(log_level_##level, kLogSource, __LINE__, format, name __VA_OPT__(, ) __VA_ARGS__)
+#define LOG_AS(level, name, format, ...) LOG_TEXT(level, format, name __VA_OPT__(, ) __VA_ARGS__)
+
+// The same without a name.
+#define LOG_TEXT(level, ...) ::Vesk::logger().doLog(log_level_##level, kLogSource, __LINE__, __VA_ARGS__)
 
 // Logs a failure and yields the -1 that reports it: `return FAIL("%s(): no such device %s", device.c_str());`
 #define FAIL(format, ...) (LOG(failure, format __VA_OPT__(, ) __VA_ARGS__), -1)

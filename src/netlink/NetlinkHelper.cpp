@@ -9,9 +9,9 @@
 
 #include <vesk/netlink.h>
 
-#include "Attributes.h"
 #include "Checked.h"
 #include "Log.h"
+#include "Message.h"
 #include "Wipe.h"
 
 #include <algorithm>
@@ -37,8 +37,8 @@ constexpr char kLogSource[] = "src/netlink/NetlinkHelper";
 
 constexpr std::size_t kNoSuchBlock  = SIZE_MAX;
 constexpr std::size_t kReceiveSize  = 4096;
-constexpr std::size_t kMinErrorSize = NLMSG_HDRLEN + sizeof(nlmsgerr);
-constexpr std::size_t kMinDoneSize  = NLMSG_HDRLEN + sizeof(int);
+constexpr std::size_t kMinErrorSize = kMessageSize<nlmsgerr>;
+constexpr std::size_t kMinDoneSize  = kMessageSize<int>;
 
 // A refusal: header, error, echo of the request (its header alone when capped), attributes. The walk over the attributes
 // starts 12 bytes early, inside the echo, and stays so: daemons rely on which texts are found and which are not.
@@ -62,14 +62,6 @@ std::size_t blockSize(const nlattr* block)
 int positive(int status)
 {
     return static_cast<int>(0U - static_cast<unsigned int>(status));
-}
-
-template <typename T>
-T messageData(nlmsghdr* message)
-{
-    T data;
-    std::memcpy(&data, reinterpret_cast<unsigned char*>(message) + NLMSG_HDRLEN, sizeof data);
-    return data;
 }
 
 // The messages of one reply datagram, in place.
@@ -347,7 +339,7 @@ int NetlinkMessage::messageTransact() noexcept
         if (message->nlmsg_len < kMinErrorSize)
             return FAIL("%s(): invalid NL error received");
 
-        const int error = messageData<nlmsgerr>(message).error;
+        const int error = payloadOf<nlmsgerr>(message).error;
         if (error == 0) {
             LOG(notice, "%s(): NL ACK received form kernel"); // sic
             return 0;
@@ -421,7 +413,7 @@ int NetlinkMessage::messageQuery(QueryCallback* cb, void* ctx, bool responseRequ
         if (message->nlmsg_type == NLMSG_ERROR) {
             if (message->nlmsg_len < kMinErrorSize)
                 return FAIL("%s(): invalid NL error received");
-            const int error = messageData<nlmsgerr>(message).error;
+            const int error = payloadOf<nlmsgerr>(message).error;
             LOG(failure, "%s(): kernel reports error %d", error);
             extack(message);
             kernelError = error;
@@ -461,7 +453,7 @@ int NetlinkMessage::messageDump(DumpCallback* cb, void* ctx) noexcept
             if (message->nlmsg_type == NLMSG_ERROR) {
                 if (message->nlmsg_len < kMinErrorSize)
                     return FAIL("%s(): invalid NL ERR received");
-                const int error = messageData<nlmsgerr>(message).error;
+                const int error = payloadOf<nlmsgerr>(message).error;
                 if (error != 0) {
                     LOG(failure, "%s(): kernel reports errno [%d, %s]", positive(error), strerror(positive(error)));
                     kernelError = error;
@@ -470,7 +462,7 @@ int NetlinkMessage::messageDump(DumpCallback* cb, void* ctx) noexcept
             } else if (message->nlmsg_type == NLMSG_DONE) {
                 if (message->nlmsg_len < kMinDoneSize)
                     return FAIL("%s(): invalid dump done message");
-                const int status = messageData<int>(message);
+                const int status = payloadOf<int>(message);
                 if (status < 0)
                     return FAIL("%s(): NL dump reports errno [%d, %s]", positive(status), strerror(positive(status)));
                 return 0;
@@ -494,12 +486,8 @@ void NetlinkMessage::parseAttributes(nlattr* first, std::unordered_map<int, nlat
 
 static VeskNetlinkQueryReturn queryGENLCb(nlmsghdr* msg, void* ctx)
 {
-    constexpr unsigned int start = NLMSG_HDRLEN + GENL_HDRLEN;
-
-    auto* id    = static_cast<int*>(ctx);
-    auto* first = reinterpret_cast<nlattr*>(reinterpret_cast<unsigned char*>(msg) + start);
-    const AttributeTable<CTRL_ATTR_OP> attributes(first, subOrAbort<unsigned int>(msg->nlmsg_len, start));
-
+    auto* id = static_cast<int*>(ctx);
+    const AttributeTable<CTRL_ATTR_OP> attributes(msg, kMessageSize<genlmsghdr>);
     nlattr* family = attributes[CTRL_ATTR_FAMILY_ID];
     if (family == nullptr || attributeLength(family) < sizeof(__u16))
         return NetlinkQueryContinue;

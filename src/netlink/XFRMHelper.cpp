@@ -13,9 +13,9 @@
 
 #include <vesk/netlink.h>
 
-#include "Attributes.h"
 #include "Checked.h"
 #include "Log.h"
+#include "Message.h"
 #include "Wipe.h"
 #include "Zeroed.h"
 
@@ -377,9 +377,9 @@ Match matchXFRMState(nlmsghdr* message, const SaRecord& record, xfrm_usersa_info
     const auto no = Match::None;
     if (message->nlmsg_type != XFRM_MSG_NEWSA)
         return LOG_AS(verbose, callback, "%s(): ignoring non-XFRM state message\n"), no;
-    if (message->nlmsg_len < NLMSG_SPACE(sizeof state))
+    if (message->nlmsg_len < kMessageSize<xfrm_usersa_info>)
         return LOG_AS(failure, callback, "%s(): invalid XFRM state message received\n"), no;
-    std::memcpy(&state, NLMSG_DATA(message), sizeof state);
+    state = payloadOf<xfrm_usersa_info>(message);
 
     if (state.id.proto != IPPROTO_AH && state.id.proto != IPPROTO_ESP)
         return LOG_AS(verbose, callback, "%s(): ignoring non-ESP/AH protocol"), no;
@@ -480,7 +480,7 @@ void queryXFRMStateCb(nlmsghdr* message, void* given)
         LOG(notice, "%s(): Setting RX seq");
     (tx ? context.txState : context.rxState) = state;
 
-    constexpr unsigned int start = NLMSG_SPACE(sizeof state);
+    constexpr unsigned int start = kMessageSize<xfrm_usersa_info>;
     auto* first                  = reinterpret_cast<nlattr*>(reinterpret_cast<unsigned char*>(message) + start);
     const char* const name       = __func__;
     forEachAttribute(first, subOrAbort<unsigned int>(message->nlmsg_len, start), XFRMA_REPLAY_ESN_VAL,

@@ -20,6 +20,12 @@ using namespace Vesk::Testing;
 using Operation = std::function<int()>;
 using Log = std::vector<LogLine>;
 
+inline Log operator+(Log first, const Log& second)
+{
+    first.insert(first.end(), second.begin(), second.end());
+    return first;
+}
+
 inline const Sends kNothing = std::vector<Sent>{};
 inline const Sends kAnything = std::nullopt;
 

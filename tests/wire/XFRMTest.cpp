@@ -21,12 +21,6 @@ static LogLine xfrm(int level, const char* format, Arguments... arguments)
     return logLine("src/netlink/XFRMHelper", level, format, arguments...);
 }
 
-static Log operator+(Log first, const Log& second)
-{
-    first.insert(first.end(), second.begin(), second.end());
-    return first;
-}
-
 static Sends requests(std::initializer_list<std::string> all)
 {
     std::vector<Sent> sent;

@@ -1,8 +1,10 @@
-// Reading attributes:
+// Reading a message:
 //
-//     | nla_len (2) | nla_type (2) | value (nla_len - 4) | padding to a multiple of 4 | next attribute ...
-#ifndef VESK_ATTRIBUTES_H
-#define VESK_ATTRIBUTES_H
+//     header      | nlmsg_len (4) | nlmsg_type (2) | nlmsg_flags (2) | nlmsg_seq (4) | nlmsg_pid (4) |
+//     payload     | fixed structure of the message's type |
+//     attributes  | nla_len (2) | nla_type (2) | value (nla_len - 4), padded to a multiple of 4 | ...
+#ifndef VESK_MESSAGE_H
+#define VESK_MESSAGE_H
 
 #include "Checked.h"
 
@@ -13,6 +15,19 @@
 #include <cstring>
 
 namespace Vesk {
+
+// The length of a message that is a header and a payload.
+template <typename Payload>
+constexpr unsigned int kMessageSize = NLMSG_SPACE(sizeof(Payload));
+
+// A copy, since messages are aligned to 4 bytes only. The message must be long enough.
+template <typename Payload>
+Payload payloadOf(const nlmsghdr* message)
+{
+    Payload payload;
+    std::memcpy(&payload, reinterpret_cast<const unsigned char*>(message) + NLMSG_HDRLEN, sizeof payload);
+    return payload;
+}
 
 // Shows `visit` the type, without flag bits, and the place of each attribute whose type is at most `maxType`. A length
 // below the header's or beyond the run ends the walk; padding that is missing at the run's end ends the process.
@@ -41,12 +56,20 @@ void forEachAttribute(nlattr* first, unsigned int len, unsigned int maxType, Vis
 template <unsigned int maxType>
 class AttributeTable {
 public:
+    AttributeTable() = default;
     AttributeTable(nlattr* first, unsigned int len, const char* operation = __builtin_FUNCTION(),
                    int line = __builtin_LINE())
     {
         const auto keep = [this](unsigned int type, nlattr* attribute) { byType[type] = attribute; };
         forEachAttribute(first, len, maxType, keep, operation, line);
     }
+
+    // Those that follow the payload of a message, which begin `start` bytes into it.
+    AttributeTable(nlmsghdr* message, unsigned int start, const char* operation = __builtin_FUNCTION(),
+                   int line = __builtin_LINE())
+        : AttributeTable(reinterpret_cast<nlattr*>(reinterpret_cast<unsigned char*>(message) + start),
+                         subOrAbort<unsigned int>(message->nlmsg_len, start, operation, line), operation, line)
+    {}
 
     // Null when the message carries none.
     nlattr* operator[](unsigned int type) const { return byType[type]; }
@@ -66,6 +89,20 @@ inline std::size_t attributeLength(const nlattr* attribute)
     nlattr header;
     std::memcpy(&header, attribute, sizeof header);
     return static_cast<std::size_t>(header.nla_len - NLA_HDRLEN);
+}
+
+// Whether the value is one of 32 bits and nothing else.
+inline bool holdsU32(const nlattr* attribute)
+{
+    return attributeLength(attribute) == sizeof(__u32);
+}
+
+// The value's first 32 bits; there must be so many.
+inline __u32 u32Of(nlattr* attribute)
+{
+    __u32 value;
+    std::memcpy(&value, attributeValue(attribute), sizeof value);
+    return value;
 }
 
 } // namespace Vesk
