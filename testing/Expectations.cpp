@@ -78,6 +78,31 @@ LogLine logLine(const std::string& source, int level, const char* format, ...)
     return {static_cast<log_level>(level), source, format, text};
 }
 
+LogLine acknowledged()
+{
+    return core(3, "%s(): NL ACK received form kernel", "messageTransact");
+}
+
+Log refusedBy(int error, const LogLine& operation)
+{
+    return {core(4, "%s(): kernel reports error %d", "messageTransact", error),
+            core(3, "%s(): No EXTACK content", "extack"), operation};
+}
+
+Log operator+(Log first, const Log& second)
+{
+    first.insert(first.end(), second.begin(), second.end());
+    return first;
+}
+
+Sends requests(int protocol, std::initializer_list<std::string> datagrams)
+{
+    std::vector<Sent> all;
+    for (const std::string& datagram : datagrams)
+        all.push_back({protocol, datagram});
+    return all;
+}
+
 std::vector<Reply> replies(std::initializer_list<std::string> datagrams)
 {
     std::vector<Reply> all;

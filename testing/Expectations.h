@@ -31,8 +31,46 @@ using Sends = std::optional<std::vector<Sent>>;
 /// The same of a request that was recorded, without spaces and with every byte written out.
 std::string digits(const Request& request);
 
+/// Requests to one protocol.
+Sends requests(int protocol, std::initializer_list<std::string> datagrams);
+
+using Log = std::vector<LogLine>;
+Log operator+(Log first, const Log& second);
+
 /// A log line by its source, level, format, and what fills the format.
 LogLine logLine(const std::string& source, int level, const char* format, ...);
+
+// Lines of the library's sources, from `core(4, "%s(): kernel reports error %d", "messageTransact", -17)` on.
+
+template <typename... Arguments>
+LogLine core(int level, const char* format, Arguments... arguments)
+{
+    return logLine("src/netlink/NetlinkHelper", level, format, arguments...);
+}
+
+template <typename... Arguments>
+LogLine rtnl(int level, const char* format, Arguments... arguments)
+{
+    return logLine("src/netlink/RTNetlinkHelper", level, format, arguments...);
+}
+
+template <typename... Arguments>
+LogLine labels(int level, const char* format, Arguments... arguments)
+{
+    return logLine("src/netlink/AddrlabelHelper", level, format, arguments...);
+}
+
+template <typename... Arguments>
+LogLine xfrm(int level, const char* format, Arguments... arguments)
+{
+    return logLine("src/netlink/XFRMHelper", level, format, arguments...);
+}
+
+/// What a transaction logs when it is acknowledged.
+LogLine acknowledged();
+
+/// What a transaction logs when it is refused without a text, and then the operation that it is part of.
+Log refusedBy(int error, const LogLine& operation);
 
 /// One receive's datagram each.
 std::vector<Reply> replies(std::initializer_list<std::string> datagrams);

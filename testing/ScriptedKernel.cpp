@@ -183,6 +183,12 @@ void ScriptedKernel::answerAsUsual()
     scripts.push_back({true, {}});
 }
 
+void ScriptedKernel::answerEach(const std::vector<std::vector<Reply>>& all)
+{
+    for (const std::vector<Reply>& one : all)
+        one.empty() ? answerAsUsual() : answer(one);
+}
+
 void ScriptedKernel::fail(Call call, int error, int nth)
 {
     failures[{call, nth}] = error;

@@ -131,6 +131,7 @@ public:
      */
     void answer(std::vector<Reply> replies);
     void answerAsUsual(); ///< Leaves the next request to what kernels say when all is well.
+    void answerEach(const std::vector<std::vector<Reply>>& all); ///< One request each; an empty one as usual.
 
     void fail(Call call, int error,
               int nth = 1); ///< The nth of these calls, counted from the start, sets errno, fails.

@@ -1,5 +1,8 @@
 // Families, labels, and what mainline kernels refuse.
-#include "KernelTest.h"
+#include <RealKernel.h>
+#include <vesk/netlink.h>
+
+#include <gtest/gtest.h>
 
 #include <Expectations.h>
 
@@ -7,7 +10,6 @@
 
 #include <linux/rtnetlink.h>
 
-using namespace kernel;
 using namespace Vesk;
 using namespace Vesk::Testing;
 
@@ -21,8 +23,7 @@ TEST(Kernel, NumbersAFamily)
     EXPECT_EQ(failures(log), "");
     EXPECT_EQ(queryGenericNetlinkFamily(unknown, 2, &id), -1);
     EXPECT_EQ(id, 16);
-    EXPECT_EQ(failures(log),
-              "messageQuery(): kernel reports error -2\nqueryGenericNetlinkFamily(): Netlink query failed\n");
+    EXPECT_EQ(failures(log), "messageQuery(): kernel reports error -2\nqueryGenericNetlinkFamily(): Netlink query failed\n");
 }
 
 TEST(Kernel, KeepsLabels)
@@ -37,8 +38,7 @@ TEST(Kernel, KeepsLabels)
     EXPECT_EQ(failures(log), "");
 
     EXPECT_EQ(addrlabelAdd(&address, 48, 4711, loopback), -1) << "it exists";
-    EXPECT_EQ(failures(log),
-              "messageTransact(): kernel reports error -17\naddrlabelModify(): modifying address label failed\n");
+    EXPECT_EQ(failures(log), "messageTransact(): kernel reports error -17\naddrlabelModify(): modifying address label failed\n");
 
     EXPECT_EQ(addrlabelDel(&address, 48, 4711, loopback), 0);
     EXPECT_EQ(output("ip addrlabel").find("2001:db8:1::"), std::string::npos);
@@ -79,8 +79,7 @@ TEST(MainlineRefuses, TheAddressOfAnyFamily)
 
 TEST(MainlineRefuses, TheGSOSizeInTwoBytes)
 {
-    if (!succeeds("ip link add gso0 type dummy"))
-        GTEST_SKIP() << "this kernel has no dummy device";
+    if (!succeeds("ip link add gso0 type dummy")) GTEST_SKIP() << "this kernel has no dummy device";
     std::string device = "gso0";
     LogCapture log;
     EXPECT_EQ(RTNetlinkSetGSOMaxSize(device, 16384), -1);
@@ -94,6 +93,5 @@ TEST(MainlineRefuses, AnIPv4Label)
     sockaddr_storage address = socketAddress("192.0.2.1");
     LogCapture log;
     EXPECT_EQ(addrlabelAdd(&address, 32, 4711, 0), -1);
-    EXPECT_EQ(failures(log),
-              "messageTransact(): kernel reports error -95\naddrlabelModify(): modifying address label failed\n");
+    EXPECT_EQ(failures(log), "messageTransact(): kernel reports error -95\naddrlabelModify(): modifying address label failed\n");
 }

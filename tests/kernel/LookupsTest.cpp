@@ -1,11 +1,13 @@
 // Routes, rules, labels and queueing disciplines; `ip` and `tc` are the witnesses.
-#include "KernelTest.h"
+#include <RealKernel.h>
+#include <vesk/netlink.h>
+
+#include <gtest/gtest.h>
 
 #include <Expectations.h>
 
 #include <net/if.h>
 
-using namespace kernel;
 using namespace Vesk;
 using namespace Vesk::Testing;
 
@@ -16,8 +18,7 @@ struct OnADevice : testing::Test {
 
     void SetUp() override
     {
-        if (!succeeds("ip link add wan0 type dummy"))
-            GTEST_SKIP() << "this kernel has no dummy device";
+        if (!succeeds("ip link add wan0 type dummy")) GTEST_SKIP() << "this kernel has no dummy device";
         output("ip address add 192.0.2.1/24 dev wan0");
         output("ip link set wan0 up");
         output("ip route add default via 192.0.2.254");
@@ -69,7 +70,9 @@ TEST_F(Routes, AreLookedUpAsTheKernelWould)
 
 TEST(Rules, AreFoundAmongAThousand)
 {
-    const auto batch = [](const char* verb) { return "seq 15500 16500 | grep -v 16000 | sed 's/.*/rule " + std::string(verb) + " priority & fwmark & table 1001/' | ip -batch -"; };
+    const auto batch = [](const char* verb) {
+        return "seq 15500 16500 | grep -v 16000 | sed 's/.*/rule " + std::string(verb) + " priority & fwmark & table 1001/' | ip -batch -";
+    };
     output(batch("add"));
     LogCapture log;
     EXPECT_EQ(RTNetlinkGetRule("lo"), std::nullopt);
@@ -96,8 +99,7 @@ TEST(Labels, AreGeneratedAroundWhatIsInstalled)
     EXPECT_EQ(generates(), 20u);
     EXPECT_EQ(addrlabelAdd(&prefixes[2], 64, 20, 1), 0);
     EXPECT_GE(generates(), 22u) << "no gap is left";
-    for (unsigned int i = 0; i < 3; ++i)
-        EXPECT_EQ(addrlabelDel(&prefixes[i], 64, 22 - i, 1), 0);
+    for (unsigned int i = 0; i < 3; ++i) EXPECT_EQ(addrlabelDel(&prefixes[i], 64, 22 - i, 1), 0);
 }
 
 TEST(Labels, ArePurgedWithTheirCompanionsAndNobodyElse)
@@ -140,7 +142,7 @@ TEST_F(Qdiscs, OfThePlatformAreRefusedByMainline)
     EXPECT_EQ(RTNetlinkFlowControl(device, 0, 0x10000, 1, 0), -1);
     output("tc qdisc add dev wan0 root handle 1: prio");
     EXPECT_EQ(RTNetlinkFlowControl(device, 0, 0x10000, 0, 2), -1);
-    EXPECT_EQ(failures(log), refused + "RTNetlinkTCPrio(): tc qdisc transaction failed\n" + refused + "RTNetlinkFlowControl(): tc qdisc transaction failed\n" + refused +
-                                 "RTNetlinkFlowControl(): tc qdisc transaction failed\n");
+    EXPECT_EQ(failures(log), refused + "RTNetlinkTCPrio(): tc qdisc transaction failed\n" + refused + "RTNetlinkFlowControl(): tc qdisc transaction failed\n" +
+                                 refused + "RTNetlinkFlowControl(): tc qdisc transaction failed\n");
     EXPECT_EQ(RTNetlinkTCPrio(device, 0, 0x10000, 1), 0) << "deleting needs no options";
 }

@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <climits>
-#include <csignal>
 #include <stdexcept>
 
 using namespace wire;
@@ -42,23 +41,18 @@ static std::function<void(ScriptedKernel&)> outOfMemory(int nth)
 
 TEST(Building, PutsBlocksOnTheWire)
 {
-    const auto builds = [](const char* what, void (*build)(NetlinkMessage&), const char* wire) {
-        check(what, request(build), 0, route(wire), {kAcked});
-    };
+    const auto builds = [](const char* what, void (*build)(NetlinkMessage&), const char* wire) { check(what, request(build), 0, route(wire), {kAcked}); };
     using M = NetlinkMessage;
 
     builds(
         "nothing but the header", [](M&) {}, "10000000 3412 0500 00000000 00000000");
     builds(
-        "a payload is padded with zeros", [](M& m) { m.addMsgPayload(6, kBytes); },
-        "18000000 3412 0500 00000000 00000000 | a1a2a3a4 a5a60000");
+        "a payload is padded with zeros", [](M& m) { m.addMsgPayload(6, kBytes); }, "18000000 3412 0500 00000000 00000000 | a1a2a3a4 a5a60000");
     builds(
-        "a second payload replaces the first, its length too",
-        [](M& m) { m.addMsgPayload(6, kBytes), m.addMsgPayload(4, kBytes + 2); },
+        "a second payload replaces the first, its length too", [](M& m) { m.addMsgPayload(6, kBytes), m.addMsgPayload(4, kBytes + 2); },
         "14000000 3412 0500 00000000 00000000 | a3a4a5a6");
     builds(
-        "an empty payload is a block of no bytes", [](M& m) { m.addMsgPayload(0, nullptr); },
-        "10000000 3412 0500 00000000 00000000 |");
+        "an empty payload is a block of no bytes", [](M& m) { m.addMsgPayload(0, nullptr); }, "10000000 3412 0500 00000000 00000000 |");
     builds(
         "the payload goes first, each width of value is padded",
         [](M& m) {
@@ -71,8 +65,7 @@ TEST(Building, PutsBlocksOnTheWire)
         "38000000 3412 0500 00000000 00000000 | a1a2a3a4 | 0500 0100 11000000 | 0600 0200 22220000 |"
         "0800 0300 33333333 | 0900 0400 a1a2a3a4 a5000000");
     builds(
-        "a value may be empty; one of negative length is no attribute",
-        [](M& m) { m.addNLAttribute(7, 0, nullptr), m.addNLAttribute(8, -1, kBytes); },
+        "a value may be empty; one of negative length is no attribute", [](M& m) { m.addNLAttribute(7, 0, nullptr), m.addNLAttribute(8, -1, kBytes); },
         "14000000 3412 0500 00000000 00000000 | 0400 0700");
     builds(
         "texts carry their NUL, and a string those inside it",
@@ -111,32 +104,25 @@ TEST(Building, GoesOnWithoutWhatCannotBeAdded)
     const LogLine payload = core(4, "%s(): adding payload failed", "addMsgPayload");
 
     check("no memory for a payload: the earlier one is gone, its length still counts",
-          request([](auto& m) { m.addMsgPayload(4, kBytes), m.addMsgPayload(6, kBytes); }), -1,
-          route("14000000 3412 0500 00000000 00000000"), {payload, sentShort(16, 20)}, {}, outOfMemory(2));
-    check("a negative length is a failed allocation", request([](auto& m) { m.addMsgPayload(-5, kBytes); }), 0,
-          route("10000000 3412 0500 00000000 00000000"), {payload, kAcked});
-    check("no memory for an attribute", request([](auto& m) { m.addNLAttribute(9, 1u), m.addNLAttribute(3, 3u); }), 0,
-          child, {core(4, "%s(): adding attribute of type %d failed", "addNLAttribute", 9), kAcked}, {},
-          outOfMemory(1));
+          request([](auto& m) { m.addMsgPayload(4, kBytes), m.addMsgPayload(6, kBytes); }), -1, route("14000000 3412 0500 00000000 00000000"),
+          {payload, sentShort(16, 20)}, {}, outOfMemory(2));
+    check("a negative length is a failed allocation", request([](auto& m) { m.addMsgPayload(-5, kBytes); }), 0, route("10000000 3412 0500 00000000 00000000"),
+          {payload, kAcked});
+    check("no memory for an attribute", request([](auto& m) { m.addNLAttribute(9, 1u), m.addNLAttribute(3, 3u); }), 0, child,
+          {core(4, "%s(): adding attribute of type %d failed", "addNLAttribute", 9), kAcked}, {}, outOfMemory(1));
     check("no memory for a nest: its end does not touch the child in its place", request([](auto& m) {
               NestedAttrHandle nest;
               m.startNestedNLAttribute(2, nest);
               m.addNLAttribute(3, 3u);
               m.endNestedNLAttribute(nest);
           }),
-          0, child,
-          {core(4, "%s(): adding attribute of type %d failed", "addNLAttribute", 0x8002),
-           badHandle(SIZE_MAX, 1),
-           kAcked},
-          {}, outOfMemory(1));
+          0, child, {core(4, "%s(): adding attribute of type %d failed", "addNLAttribute", 0x8002), badHandle(SIZE_MAX, 1), kAcked}, {}, outOfMemory(1));
     check("a handle one past the last block", request([](auto& m) {
               NestedAttrHandle nest{99, 1}; // and a start behind the end
               m.addNLAttribute(3, 3u);
               m.endNestedNLAttribute(nest);
           }),
-          0, child,
-          {badHandle(1, 1),
-           kAcked});
+          0, child, {badHandle(1, 1), kAcked});
     check("a handle of an attribute that is no nest", request([](auto& m) {
               NestedAttrHandle nest{0, 0};
               m.addNLAttribute(3, 3u);
@@ -161,12 +147,10 @@ TEST(Building, ServesOneRequest)
               msg.addMsgPayload(4, kBytes);
               return 10 * msg.messageTransact() + msg.messageTransact();
           },
-          -1,
-          {{{NETLINK_ROUTE, "14000000 3412 0100 00000000 00000000 | a1a2a3a4"},
-            {NETLINK_ROUTE, "24000000 3412 0100 00000000 00000000 | a1a2a3a4"}}},
+          -1, {{{NETLINK_ROUTE, "14000000 3412 0100 00000000 00000000 | a1a2a3a4"}, {NETLINK_ROUTE, "24000000 3412 0100 00000000 00000000 | a1a2a3a4"}}},
           {core(2, "%s(): not requesting ACK for NL message\n", "messageTransact"), sentShort(20, 36)});
-    check("a cleared payload still counts", request([](auto& m) { m.addMsgPayload(4, kBytes), m.clearMsgPayload(); }),
-          -1, route("14000000 3412 0500 00000000 00000000"), {sentShort(16, 20)});
+    check("a cleared payload still counts", request([](auto& m) { m.addMsgPayload(4, kBytes), m.clearMsgPayload(); }), -1,
+          route("14000000 3412 0500 00000000 00000000"), {sentShort(16, 20)});
     check("cleared attributes are freed once",
           [] {
               NetlinkMessage msg;

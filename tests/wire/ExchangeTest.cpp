@@ -1,7 +1,6 @@
 // The socket, the three exchanges, extended acknowledgements, attributes, and the look-up of a family.
 #include "WireTest.h"
 
-#include <csignal>
 #include <map>
 
 #include <linux/xfrm.h>
@@ -21,10 +20,7 @@ static const std::string kTooLong = "15000000 1000 0000 00000000 00000000  aabbc
 static const std::string kOdd = "11000000 1000 0000 00000000 00000000  aa"; // padded by "000000", or the end
 
 // The result of an exchange; the kernel's error where there was one.
-static int outcome(NetlinkMessage& msg, int result)
-{
-    return msg.getKernelError() != 0 ? msg.getKernelError() : result;
-}
+static int outcome(NetlinkMessage& msg, int result) { return msg.getKernelError() != 0 ? msg.getKernelError() : result; }
 
 static Operation transact(int protocol = NETLINK_ROUTE)
 {
@@ -73,14 +69,10 @@ TEST(Exchange, NeedsASocket)
         for (const Operation& exchange : {transact(), query(NetlinkQueryDone, true, 0), dump(0)})
             check(what, exchange, -1, kNothing, {line}, {}, [=](ScriptedKernel& k) { k.fail(call, error); });
     };
-    fails("no socket", Call::Socket, EMFILE,
-          core(4, "%s(): opening NL socket failed: errno=[%d, %s]", "openSocket", EMFILE, "Too many open files"));
-    fails("not bound", Call::Bind, EACCES,
-          core(4, "%s(): binding NL socket failed: errno=[%d, %s]", "openSocket", EACCES, "Permission denied"));
-    fails("not sent", Call::SendMsg, EPERM,
-          core(4, "%s(): sending NL message failed. errno=[%d, %s]", "messageSend", EPERM, "Operation not permitted"));
-    check("no protocol", [] { return NetlinkMessage().messageTransact(); }, -1, kNothing,
-          {core(4, "%s(): NL protocol not yet set. Aborting", "openSocket")});
+    fails("no socket", Call::Socket, EMFILE, core(4, "%s(): opening NL socket failed: errno=[%d, %s]", "openSocket", EMFILE, "Too many open files"));
+    fails("not bound", Call::Bind, EACCES, core(4, "%s(): binding NL socket failed: errno=[%d, %s]", "openSocket", EACCES, "Permission denied"));
+    fails("not sent", Call::SendMsg, EPERM, core(4, "%s(): sending NL message failed. errno=[%d, %s]", "messageSend", EPERM, "Operation not permitted"));
+    check("no protocol", [] { return NetlinkMessage().messageTransact(); }, -1, kNothing, {core(4, "%s(): NL protocol not yet set. Aborting", "openSocket")});
     check("sent, but not whole", transact(), -1, kAnything, {sentShort(15, 16)}, {}, [](ScriptedKernel& k) {
         k.sendShort();
         k.answer({});
@@ -96,7 +88,7 @@ TEST(Exchange, NeedsASocket)
 TEST(Exchange, TransactTakesTheFirstError)
 {
     const auto gets = [](const char* what, const std::vector<Reply>& answer, int result, const Log& log) {
-        check(what, transact(), result, route("10000000 1000 0500 00000000 00000000"), log, answer);
+        check(what, transact(), result, route("10000000 1000 0500 00000000 00000000"), log, {answer});
     };
     const LogLine noAck = core(4, "%s(): no NL ACK received from kernel", "messageTransact");
     const LogLine invalid = core(4, "%s(): invalid NL error received", "messageTransact");
@@ -117,8 +109,7 @@ TEST(Exchange, TransactTakesTheFirstError)
     gets("4,096 bytes are read", replies({"dc0f0000 1000 0000 00000000 00000000 999*00 999*00 999*00 999*00 48*00" + kAck}), 0, {kAcked});
     gets("and no more", replies({"e00f0000 1000 0000 00000000 00000000 999*00 999*00 999*00 999*00 52*00" + kAck}), -1, {noAck});
     gets("nothing", {failedReceive(ENOBUFS)}, -1,
-         {core(4, "%s(): receiving NL ACK from kernel failed: errno=[%d, %s]", "messageTransact", ENOBUFS,
-               "No buffer space available")});
+         {core(4, "%s(): receiving NL ACK from kernel failed: errno=[%d, %s]", "messageTransact", ENOBUFS, "No buffer space available")});
 }
 
 TEST(Exchange, FindsExtendedText)
@@ -130,38 +121,33 @@ TEST(Exchange, FindsExtendedText)
     const std::string text = "0a00 0100 6e6f20676f00 0000"; // NLMSGERR_ATTR_MSG "no go"
     const auto gets = [](const char* what, const std::string& refusal, bool found, int protocol) {
         Log log{refused(-EINVAL)};
-        if (found)
-            log.push_back(core(4, "%s(): EXTACK reports %s", "extack", "no go"));
-        check(what, transact(protocol), -EINVAL, kAnything, log, replies({refusal}));
+        if (found) log.push_back(core(4, "%s(): EXTACK reports %s", "extack", "no go"));
+        check(what, transact(protocol), -EINVAL, kAnything, log, {replies({refusal})});
     };
 
-    gets("the echo ends in 12 bytes of attributes, the walk arrives at the text",
-         "34000000" + tlvs + "14000000 4800 0506 0c000200 aaaaaaaa bbbbbbbb" + text, true, NETLINK_ROUTE);
-    gets("it does not end so", "34000000" + tlvs + "14000000 4800 0506 00000000 00000000 bbbbbbbb" + text, false,
-         NETLINK_ROUTE);
-    gets("capped: the walk starts in the echoed header",
-         "30000000" + capped + "18000000 0c00 0500 00000000 00000000" + text, true, NETLINK_ROUTE);
-    gets("the last text wins, a type of 7 is no text",
-         "44000000" + tlvs + "14000000 4800 0506 0c000200 00000000 00000000 0700 0100 61626300" + text +
-             "0800 0700 63636300",
+    gets("the echo ends in 12 bytes of attributes, the walk arrives at the text", "34000000" + tlvs + "14000000 4800 0506 0c000200 aaaaaaaa bbbbbbbb" + text,
          true, NETLINK_ROUTE);
-    gets("a text without NUL ends where its attribute does",
-         "34000000" + tlvs + "14000000 4800 0506 0c000200 00000000 00000000 0900 0100 6e6f20676f 666666", true,
-         NETLINK_ROUTE);
+    gets("it does not end so", "34000000" + tlvs + "14000000 4800 0506 00000000 00000000 bbbbbbbb" + text, false, NETLINK_ROUTE);
+    gets("capped: the walk starts in the echoed header", "30000000" + capped + "18000000 0c00 0500 00000000 00000000" + text, true, NETLINK_ROUTE);
+    gets("the last text wins, a type of 7 is no text",
+         "44000000" + tlvs + "14000000 4800 0506 0c000200 00000000 00000000 0700 0100 61626300" + text + "0800 0700 63636300", true, NETLINK_ROUTE);
+    gets("a text without NUL ends where its attribute does", "34000000" + tlvs + "14000000 4800 0506 0c000200 00000000 00000000 0900 0100 6e6f20676f 666666",
+         true, NETLINK_ROUTE);
     gets("the echo of an SA ends in key bytes that look like a text, which must not be logged",
          "30000000" + tlvs + "1c000000 1000 0500 00000000 00000000 0c000100 53454352 45540000", false, NETLINK_XFRM);
-    gets("nor may those of an SA's update, where the text begins later", "34000000" + tlvs + "20000000 1a00 0500 00000000 00000000 53454352 04000200 08000100 53454352", false, NETLINK_XFRM);
+    gets("nor may those of an SA's update, where the text begins later",
+         "34000000" + tlvs + "20000000 1a00 0500 00000000 00000000 53454352 04000200 08000100 53454352", false, NETLINK_XFRM);
     gets("what follows the echo may", "3c000000" + tlvs + "1c000000 1a00 0500 00000000 00000000 0c000100 53454352 45540000" + text, true, NETLINK_XFRM);
-    gets("the echo of another XFRM request has no keys",
-         "30000000" + tlvs + "1c000000 1300 0500 00000000 00000000 0c000100 6e6f2067 6f000000", true, NETLINK_XFRM);
-    gets("nor has that of another protocol",
-         "30000000" + tlvs + "1c000000 1000 0500 00000000 00000000 0c000100 6e6f2067 6f000000", true, NETLINK_ROUTE);
+    gets("the echo of another XFRM request has no keys", "30000000" + tlvs + "1c000000 1300 0500 00000000 00000000 0c000100 6e6f2067 6f000000", true,
+         NETLINK_XFRM);
+    gets("nor has that of another protocol", "30000000" + tlvs + "1c000000 1000 0500 00000000 00000000 0c000100 6e6f2067 6f000000", true, NETLINK_ROUTE);
 }
 
 TEST(Exchange, QueryStopsWhenTheCallbackIsSatisfied)
 {
-    const auto gets = [](const char* what, VeskNetlinkQueryReturn verdict, bool required, const std::vector<Reply>& answer, int messages, int result, const Log& log) {
-        check(what, query(verdict, required, messages), result, route("10000000 1a00 0100 00000000 00000000"), log, answer);
+    const auto gets = [](const char* what, VeskNetlinkQueryReturn verdict, bool required, const std::vector<Reply>& answer, int messages, int result,
+                         const Log& log) {
+        check(what, query(verdict, required, messages), result, route("10000000 1a00 0100 00000000 00000000"), log, {answer});
     };
     const auto reported = [](int error) { return core(4, "%s(): kernel reports error %d", "messageQuery", error); };
     const LogLine notFound = core(4, "%s(): netlink query response not found", "messageQuery");
@@ -181,8 +167,7 @@ TEST(Exchange, QueryStopsWhenTheCallbackIsSatisfied)
     gets("a refusal", NetlinkQueryDone, false, replies({kNoEntry}), 0, -ENOENT, {reported(-ENOENT), kNoExtAckText});
     gets("an error message of 35 bytes", NetlinkQueryDone, false, replies({kShortErr}), 0, -1, {invalid});
     gets("nothing", NetlinkQueryDone, false, {failedReceive(EINTR)}, 0, -1,
-         {core(4, "%s(): receiving query response from kernel failed: errno=[%d, %s]", "messageQuery", EINTR,
-               "Interrupted system call")});
+         {core(4, "%s(): receiving query response from kernel failed: errno=[%d, %s]", "messageQuery", EINTR, "Interrupted system call")});
     check("no callback", [] { return NetlinkMessage().messageQuery(); }, -1, kNothing,
           {core(4, "%s(): attempting to query without valid callback. Aborting", "messageQuery")});
 }
@@ -190,7 +175,7 @@ TEST(Exchange, QueryStopsWhenTheCallbackIsSatisfied)
 TEST(Exchange, DumpGoesOnUntilDone)
 {
     const auto gets = [](const char* what, const std::vector<Reply>& answer, int messages, int result, const Log& log) {
-        check(what, dump(messages), result, route("10000000 1a00 0103 00000000 00000000"), log, answer);
+        check(what, dump(messages), result, route("10000000 1a00 0103 00000000 00000000"), log, {answer});
     };
     const auto errors = [](const char* format, int error, const char* text) { return core(4, format, "messageDump", error, text); };
     const std::string interrupted = "14000000 1000 1000 00000000 00000000  aabbccdd";
@@ -224,8 +209,7 @@ TEST(Attributes, AreFoundByType)
         std::unordered_map<int, nlattr*> map{{9, reinterpret_cast<nlattr*>(bytes + 9)}}; // must stay
         NetlinkMessage::parseAttributes(reinterpret_cast<nlattr*>(bytes), map, static_cast<unsigned>(given.size()), 6);
         std::map<int, std::ptrdiff_t> found;
-        for (const auto& [type, attribute] : map)
-            found[type] = reinterpret_cast<unsigned char*>(attribute) - bytes;
+        for (const auto& [type, attribute] : map) found[type] = reinterpret_cast<unsigned char*>(attribute) - bytes;
         EXPECT_EQ(found, typesAndOffsets) << what;
     };
     finds("three bytes are no attribute", "040005", {{9, 9}});
@@ -253,15 +237,13 @@ TEST(GenericFamily, IsLookedUpByName)
 
     check("the second message answers, its second id", lookUp("nlctrl", 0x11c), 0,
           {{{NETLINK_GENERIC, "20000000 1000 0100 00000000 00000000 | 03 02 0000 | 0b00 0200 6e6c6374 726c0000"}}}, {},
-          replies({"14000000 1000 0000 00000000 00000000 01020000"
-                   "24000000 1000 0000 00000000 00000000 01020000 0600 0100 1000 0000 0600 0100 1c01 0000"}));
+          {replies({"14000000 1000 0000 00000000 00000000 01020000"
+                    "24000000 1000 0000 00000000 00000000 01020000 0600 0100 1000 0000 0600 0100 1c01 0000"})});
     check("an empty name; an id without its two bytes", lookUp("", 0xffff), -1,
           {{{NETLINK_GENERIC, "1c000000 1000 0100 00000000 00000000 | 03 02 0000 | 0500 0200 00000000"}}},
-          {core(4, "%s(): netlink query response not found", "messageQuery"), failed},
-          replies({"18000000 1000 0000 00000000 00000000 01020000 0400 0100"}));
-    check("an unknown name", lookUp("x", 0xffff), -1, kAnything,
-          {core(4, "%s(): kernel reports error %d", "messageQuery", -ENOENT), kNoExtAckText, failed},
-          {refusal(-ENOENT)});
+          {core(4, "%s(): netlink query response not found", "messageQuery"), failed}, {replies({"18000000 1000 0000 00000000 00000000 01020000 0400 0100"})});
+    check("an unknown name", lookUp("x", 0xffff), -1, kAnything, {core(4, "%s(): kernel reports error %d", "messageQuery", -ENOENT), kNoExtAckText, failed},
+          {{refusal(-ENOENT)}});
 }
 
 TEST(ExchangeDeathTest, EndsTheProcess)
@@ -277,8 +259,7 @@ TEST(ExchangeDeathTest, EndsTheProcess)
 
     std::unordered_map<int, nlattr*> map;
     alignas(nlattr) unsigned char unpadded[] = {5, 0, 1, 0, 0};
-    EXPECT_EXIT(NetlinkMessage::parseAttributes(reinterpret_cast<nlattr*>(unpadded), map, 5, 6), killed,
-                "parseAttributes\\(\\): .*overflow");
+    EXPECT_EXIT(NetlinkMessage::parseAttributes(reinterpret_cast<nlattr*>(unpadded), map, 5, 6), killed, "parseAttributes\\(\\): .*overflow");
 
     ScriptedKernel kernel;
     kernel.answer(replies({"10000000 1000 0000 00000000 00000000"}));

@@ -7,6 +7,7 @@
 #include <vesk/netlink.h>
 
 #include <cerrno>
+#include <csignal>
 #include <functional>
 #include <string>
 #include <vector>
@@ -18,57 +19,41 @@ namespace wire {
 using namespace Vesk::Testing;
 
 using Operation = std::function<int()>;
-using Log = std::vector<LogLine>;
-
-inline Log operator+(Log first, const Log& second)
-{
-    first.insert(first.end(), second.begin(), second.end());
-    return first;
-}
+using Answers = std::vector<std::vector<Reply>>; // to each request; an empty one is the usual
 
 inline const Sends kNothing = std::vector<Sent>{};
 inline const Sends kAnything = std::nullopt;
+inline const std::string kSeqPid = "00000000 00000000 |";                         // of the header, which ends there
+inline const std::string kEnd = " 14000000 0300 0200 00000000 00000000 00000000"; // of a dump
+inline const LogLine kAcked = acknowledged();
+inline const LogLine kNoExtAckText = core(3, "%s(): No EXTACK content", "extack");
 
-inline Sends route(std::string digits)
-{
-    return {{{NETLINK_ROUTE, std::move(digits)}}};
-}
+inline LogLine refused(int error) { return core(4, "%s(): kernel reports error %d", "messageTransact", error); }
 
-// The kernel knows "lo" as 1 and "wlan0" as 3; requests without an answer get what `answerAsUsual` gives.
-inline void check(const char* what, const Operation& call, int result, const Sends& sends, const Log& log,
-                  const std::vector<Reply>& answer = {}, const std::function<void(ScriptedKernel&)>& trouble = {},
-                  log_level from = log_level_verbose)
+inline LogLine sentShort(int sent, unsigned int length) { return core(4, "%s(): sending full NL message failed: %d of %u", "messageSend", sent, length); }
+
+inline Sends route(const std::string& digits) { return requests(NETLINK_ROUTE, {digits}); }
+
+inline LogLine dumpRefused() { return core(4, "%s(): kernel reports errno [%d, %s]", "messageDump", EPERM, "Operation not permitted"); }
+
+// The kernel knows "lo" as 1 and "wlan0" as 3.
+inline void check(const char* what, const Operation& call, int result, const Sends& sends, const Log& log, const Answers& answers = {},
+                  const std::function<void(ScriptedKernel&)>& trouble = {}, log_level from = log_level_verbose)
 {
     ScriptedKernel kernel;
     kernel.addInterface("lo", 1);
     kernel.addInterface("wlan0", 3);
-    if (!answer.empty())
-        kernel.answer(answer);
-    if (trouble)
-        trouble(kernel);
+    kernel.answerEach(answers);
+    if (trouble) trouble(kernel);
     EXPECT_EQ(kernel.run(call), result) << what;
     const std::string differences = unmet(kernel, sends, log, from);
-    EXPECT_TRUE(differences.empty()) << what << '\n'
-                                     << differences;
+    EXPECT_TRUE(differences.empty()) << what << '\n' << differences;
 }
 
-// Lines of the sources.
-template <typename... Arguments>
-LogLine core(int level, const char* format, Arguments... arguments)
+// Of the log, the lines of level 3 and 4 are compared.
+inline void notable(const char* what, const Operation& call, int result, const Sends& sends, const Log& log, const Answers& answers = {})
 {
-    return logLine("src/netlink/NetlinkHelper", level, format, arguments...);
-}
-inline const LogLine kAcked = core(3, "%s(): NL ACK received form kernel", "messageTransact");
-inline const LogLine kNoExtAckText = core(3, "%s(): No EXTACK content", "extack");
-
-inline LogLine refused(int error)
-{
-    return core(4, "%s(): kernel reports error %d", "messageTransact", error);
-}
-
-inline LogLine sentShort(int sent, unsigned int length)
-{
-    return core(4, "%s(): sending full NL message failed: %d of %u", "messageSend", sent, length);
+    check(what, call, result, sends, log, answers, {}, log_level_notice);
 }
 
 } // namespace wire

@@ -1,0 +1,29 @@
+/**
+ * @file
+ * For tests on a real kernel: a network to throw away, and commands as independent witnesses.
+ */
+#ifndef VESK_REAL_KERNEL_H
+#define VESK_REAL_KERNEL_H
+
+#include <ScriptedKernel.h>
+
+#include <string>
+
+namespace Vesk::Testing {
+
+/// Moves the calling thread, and what it starts, into a network of its own with nothing but a loopback device, which
+/// is gone with the process. @return false without the right to do so, which root has
+bool enterOwnNetwork();
+
+/// What a shell command prints on standard output. @throw std::runtime_error when it does not succeed
+std::string output(const std::string& command);
+
+/// Whether a shell command succeeds; what it prints is dropped. For what a kernel may lack.
+bool succeeds(const std::string& command);
+
+/// The texts of the captured lines of level 4, each with a line feed at its end.
+std::string failures(const LogCapture& log);
+
+} // namespace Vesk::Testing
+
+#endif
