@@ -224,7 +224,15 @@ private:
 /**
  * Looks the number of a generic netlink family up.
  *
- * Sends CTRL_CMD_GETFAMILY with CTRL_ATTR_FAMILY_NAME to the generic netlink controller.
+ * Sends, as a query to NETLINK_GENERIC:
+ *
+ * | part                  | value |
+ * | ---                   | --- |
+ * | header                | GENL_ID_CTRL, NLM_F_REQUEST |
+ * | `genlmsghdr`          | CTRL_CMD_GETFAMILY, `version` |
+ * | CTRL_ATTR_FAMILY_NAME | `name` and its NUL |
+ *
+ * Mainline answers with CTRL_ATTR_FAMILY_ID, or with ENOENT. Logs "Netlink query failed" after the reason.
  * @param name     the family's name, such as "nlctrl"
  * @param version  `genlmsghdr.version`
  * @param id       the number
@@ -243,8 +251,17 @@ enum AddressLifetimeChange : int {
 /**
  * Puts an address on an interface, or replaces it, with its lifetimes.
  *
- * Sends RTM_NEWADDR with IFA_LOCAL and IFA_CACHEINFO. `ifa_family` is 0 (AF_UNSPEC) for both families: the platform's
- * kernel judges by the address; a mainline kernel refuses it (EOPNOTSUPP).
+ * Sends, as a transaction on NETLINK_ROUTE:
+ *
+ * | part          | value |
+ * | ---           | --- |
+ * | header        | RTM_NEWADDR, NLM_F_REQUEST, NLM_F_ACK; NLM_F_REPLACE unless `change` adds |
+ * | `ifaddrmsg`   | family 0 for both families, the low 8 bits of `prefixLength`, the device's index |
+ * | IFA_LOCAL     | the address, 4 or 16 bytes |
+ * | IFA_CACHEINFO | preferred lifetime 0 or infinite, valid lifetime `validLifetime` or infinite |
+ *
+ * The platform's kernel judges by the address; a mainline kernel refuses the family (EOPNOTSUPP). Logs
+ * "no duch device", "invalid addr family", or "configuring address failed" after the reason.
  * @param device         interface name
  * @param address        AF_INET or AF_INET6; port, flow and scope are ignored
  * @param prefixLength   bits; the low 8 bits are sent
@@ -258,7 +275,16 @@ VESK_EXPORT int RTNetlinkAddressCfg(std::string& device, sockaddr_storage* addre
 /**
  * Sets the largest packet that generic segmentation offload may build on an interface.
  *
- * Sends RTM_NEWLINK with IFLA_GSO_MAX_SIZE in 2 bytes; a mainline kernel wants 4 and refuses it (ERANGE).
+ * Sends, as a transaction on NETLINK_ROUTE:
+ *
+ * | part              | value |
+ * | ---               | --- |
+ * | header            | RTM_NEWLINK, NLM_F_REQUEST, NLM_F_ACK |
+ * | `ifinfomsg`       | the device's index |
+ * | IFLA_GSO_MAX_SIZE | `gsoMaxSize`, 2 bytes |
+ *
+ * A mainline kernel wants 4 bytes and refuses it (ERANGE). Logs "no such device", or "configuring gso max size failed"
+ * after the reason; "configured gso max size" at level 1.
  * @param device      interface name
  * @param gsoMaxSize  bytes
  * @return 0, or -1: no such device, refused by the kernel
@@ -268,8 +294,21 @@ VESK_EXPORT int RTNetlinkSetGSOMaxSize(std::string& device, unsigned short gsoMa
 /**
  * Installs a host route through the gateway that the kernel uses for the destination now.
  *
- * Looks the gateway up as `RTNetlinkGetRoute` does, then sends RTM_NEWROUTE (static, unicast, metric 100, advertised
- * MSS 1140; created exclusively).
+ * Looks the gateway up as `RTNetlinkGetRoute` does, then sends, as a transaction on NETLINK_ROUTE:
+ *
+ * | part         | value |
+ * | ---          | --- |
+ * | header       | RTM_NEWROUTE, NLM_F_REQUEST, NLM_F_ACK, NLM_F_EXCL, NLM_F_CREATE |
+ * | `rtmsg`      | `family`, 32 or 128 bits, table 0, RTPROT_STATIC, RT_SCOPE_UNIVERSE, RTN_UNICAST |
+ * | RTA_TABLE    | `table`, 4 bytes |
+ * | RTA_DST      | the destination, 4 or 16 bytes |
+ * | RTA_OIF      | `outputIfIndex`, 4 bytes |
+ * | RTA_GATEWAY  | the gateway, 4 or 16 bytes |
+ * | RTA_METRICS  | nested: RTAX_ADVMSS 1140, 4 bytes |
+ * | RTA_PRIORITY | 100, 4 bytes |
+ *
+ * Mainline answers 0, or EEXIST. Logs "Invalid family", "inet_pton failed on ...", "Unable to get gateway address", or
+ * "Failed to install ip route" after the reason.
  * @param destination    address text
  * @param mark           firewall mark of the look-up; not part of the route
  * @param family         AF_INET or AF_INET6; IPv6 gateways are not accepted, so only IPv4 routes can be installed
@@ -283,7 +322,8 @@ VESK_EXPORT int RTNetlinkAddRoute(std::string destination, unsigned int mark, un
 /**
  * Removes the route that `RTNetlinkAddRoute` installed; the arguments are the same.
  *
- * Sends RTM_DELROUTE without asking for an acknowledgement.
+ * Sends the same request as RTM_DELROUTE with NLM_F_REQUEST alone: nobody waits for an answer, so a refusal (ESRCH on
+ * mainline, when there is no such route) is not seen. Logs as there, with texts of its own.
  * @return 0 as soon as the request was sent, whether or not there was such a route; -1: bad family or text, no gateway
  */
 VESK_EXPORT int RTNetlinkDeleteRoute(std::string destination, unsigned int mark, unsigned char family,
@@ -298,7 +338,17 @@ struct RouterAddressResult {
 /**
  * Asks the kernel for the gateway of the route that it would use.
  *
- * Sends RTM_GETROUTE with RTA_DST and RTA_MARK.
+ * Sends, as a query on NETLINK_ROUTE:
+ *
+ * | part     | value |
+ * | ---      | --- |
+ * | header   | RTM_GETROUTE, NLM_F_REQUEST |
+ * | `rtmsg`  | `family`, 32 or 128 bits, RTM_F_LOOKUP_TABLE |
+ * | RTA_DST  | the destination, 4 or 16 bytes |
+ * | RTA_MARK | `mark`, 4 bytes |
+ *
+ * Mainline answers with the route, or with ENETUNREACH or EHOSTUNREACH. What makes a route unusable (no gateway, an IPv6
+ * one) is logged by the callback `getRouterAddress`; it leaves the gateway empty and the status 0.
  * @param destination  address text
  * @param mark         firewall mark of the look-up
  * @param family       AF_INET or AF_INET6
@@ -311,7 +361,14 @@ VESK_EXPORT RouterAddressResult RTNetlinkGetRoute(std::string destination, unsig
  * Finds the firewall mark of a device's IPv4 policy rule: priority 16000, table = interface index + 1000. The last such
  * rule wins.
  *
- * Dumps the rules with RTM_GETRULE.
+ * Sends, as a dump on NETLINK_ROUTE:
+ *
+ * | part           | value |
+ * | ---            | --- |
+ * | header         | RTM_GETRULE, NLM_F_REQUEST, NLM_F_DUMP |
+ * | `fib_rule_hdr` | AF_INET |
+ *
+ * Works on mainline. Each rule of another priority is a line of level 3. Logs "Getting rules failed" or "Invalid fwmark".
  * @param device  interface name
  * @return mark and mask; no value when the dump fails, no rule matches, or either of them is 0
  */
@@ -320,7 +377,17 @@ VESK_EXPORT std::optional<std::pair<unsigned int, unsigned int>> RTNetlinkGetRul
 /**
  * Installs or removes a queueing discipline without options.
  *
- * Sends RTM_NEWQDISC (created exclusively) or RTM_DELQDISC with TCA_KIND.
+ * Sends, as a transaction on NETLINK_ROUTE:
+ *
+ * | part           | value |
+ * | ---            | --- |
+ * | header, add    | RTM_NEWQDISC, NLM_F_REQUEST, NLM_F_ACK, NLM_F_EXCL, NLM_F_CREATE |
+ * | header, delete | RTM_DELQDISC, NLM_F_REQUEST, NLM_F_ACK |
+ * | `tcmsg`        | the device's index, `handle`, `parent` or TC_H_ROOT |
+ * | TCA_KIND       | `kind` and its NUL |
+ *
+ * Works on mainline for kinds that need no options; a second addition is EEXIST. Logs "no such device", "tc qdisc invalid
+ * flag operation", or "tc qdisc transaction failed" after the reason.
  * @param device     interface name
  * @param kind       "pfifo", "fq_codel", ...
  * @param parent     0 for the root
@@ -334,7 +401,17 @@ VESK_EXPORT int RTNetlinkTCQdisc(std::string& device, std::string& kind, unsigne
 /**
  * Installs or removes the platform's five-band "prio" queueing discipline; arguments as for `RTNetlinkTCQdisc`.
  *
- * Its option block is the platform's own: a mainline kernel refuses the addition (EINVAL).
+ * Sends what `RTNetlinkTCQdisc` sends for the kind "prio", and to add also:
+ *
+ * | part               | value |
+ * | ---                | --- |
+ * | TCA_OPTIONS        | nested: one attribute of type 2, 24 bytes |
+ * | ... bytes 0 to 3   | 5, the number of bands |
+ * | ... bytes 4 to 19  | the band of each packet priority: 3 4 4 4 3 4 2 2 4 3 2 1 0 0 0 0 |
+ * | ... byte 20        | 1, the flow-control switch |
+ * | ... bytes 21 to 23 | 0 |
+ *
+ * The block is the platform's own: a mainline kernel refuses the addition (EINVAL).
  * @return 0, or -1: no such device, another operation, refused by the kernel
  */
 VESK_EXPORT int RTNetlinkTCPrio(std::string& device, unsigned int parent, unsigned int handle,
@@ -343,7 +420,16 @@ VESK_EXPORT int RTNetlinkTCPrio(std::string& device, unsigned int parent, unsign
 /**
  * Installs, changes or removes the platform's three-band "prio" queueing discipline with its flow-control switch.
  *
- * Its option block is the platform's own: a mainline kernel refuses addition and change (EINVAL).
+ * Sends what `RTNetlinkTCPrio` sends; a change is RTM_NEWQDISC with NLM_F_REQUEST and NLM_F_ACK. Its options:
+ *
+ * | part           | value |
+ * | ---            | --- |
+ * | bytes 0 to 3   | 3, the number of bands |
+ * | bytes 4 to 19  | the band of each packet priority: 1 2 2 2 1 2 0 0 1 1 1 1 1 1 1 1 |
+ * | byte 20        | `enable` |
+ * | bytes 21 to 23 | 1 |
+ *
+ * The block is the platform's own: a mainline kernel refuses addition and change (EINVAL). Logs the request at level 1.
  * @param device     interface name
  * @param parent     0 for the root
  * @param handle     major and minor number
@@ -357,7 +443,17 @@ VESK_EXPORT int RTNetlinkFlowControl(std::string& device, unsigned int parent, u
 /**
  * Adds an entry to the kernel's table of address labels.
  *
- * Sends RTM_NEWADDRLABEL (created exclusively) with IFAL_LABEL and IFAL_ADDRESS.
+ * Sends, as a transaction on NETLINK_ROUTE:
+ *
+ * | part           | value |
+ * | ---            | --- |
+ * | header         | RTM_NEWADDRLABEL, NLM_F_REQUEST, NLM_F_ACK, NLM_F_EXCL, NLM_F_CREATE |
+ * | `ifaddrlblmsg` | the address's family, the low 8 bits of `prefixLength`, `ifIndex` |
+ * | IFAL_LABEL     | `label`, 4 bytes |
+ * | IFAL_ADDRESS   | the address, 4 or 16 bytes |
+ *
+ * Mainline answers 0, EEXIST, or EINVAL for a prefix that is too long. Logs "invalid addr family", or "modifying address
+ * label failed" after the reason.
  * @param address       AF_INET6; AF_INET is sent too, and refused by mainline kernels (EOPNOTSUPP)
  * @param prefixLength  bits; the low 8 bits are sent, the kernel judges them
  * @param label         the label
@@ -367,14 +463,24 @@ VESK_EXPORT int RTNetlinkFlowControl(std::string& device, unsigned int parent, u
 VESK_EXPORT int addrlabelAdd(sockaddr_storage* address, unsigned int prefixLength, unsigned int label,
                              unsigned int ifIndex) noexcept;
 
-/// Deletes an entry that `addrlabelAdd` added: RTM_DELADDRLABEL with the same arguments. @return as there
+/// Deletes an entry that `addrlabelAdd` added. Sends the same as RTM_DELADDRLABEL with NLM_F_REQUEST and NLM_F_ACK;
+/// mainline answers 0, or ESRCH when there is none. Arguments, result and log as there.
 VESK_EXPORT int addrlabelDel(sockaddr_storage* address, unsigned int prefixLength, unsigned int label,
                              unsigned int ifIndex) noexcept;
 
 /**
  * Proposes a label: one below the first gap in the kernel's labels above 20, or a random one above the largest.
  *
- * Dumps the labels with RTM_GETADDRLABEL. The proposal is not reserved, and the random one not checked for use.
+ * Sends, as a dump on NETLINK_ROUTE:
+ *
+ * | part           | value |
+ * | ---            | --- |
+ * | header         | RTM_GETADDRLABEL, NLM_F_REQUEST, NLM_F_DUMP |
+ * | `ifaddrlblmsg` | `family` |
+ *
+ * Works on mainline. The proposal is not reserved, and the random one not checked for use. A table whose lowest label is
+ * above 20 and not the only one ends the process. Logs "invalid addr type", "generating unique label failed", or
+ * "gathering list of currentl labels failed" after the reason.
  * @param family      AF_INET or AF_INET6; not looked at for the default
  * @param useDefault  propose label 1, without asking the kernel
  * @param label       the proposal
@@ -385,8 +491,18 @@ VESK_EXPORT int addrlabelGenerate(int family, bool useDefault, unsigned int* lab
 /**
  * Deletes the entry of an address, and all entries of the same prefix length and interface that carry its label.
  *
- * Queries the label with RTM_GETADDRLABEL; if it is 1, or 20 or more, dumps the table and deletes entry by entry while
- * the dump is read. More than about 70 deletions can make the kernel skip some: purge again.
+ * Sends a query on NETLINK_ROUTE; if the label that it finds is 1, or 20 or more, the same request without the address
+ * and with NLM_F_DUMP; and while that is read, a deletion as `addrlabelDel` does for each entry found:
+ *
+ * | part           | value |
+ * | ---            | --- |
+ * | header         | RTM_GETADDRLABEL, NLM_F_REQUEST |
+ * | `ifaddrlblmsg` | the address's family, 32 or 128 bits, `ifIndex` |
+ * | IFAL_ADDRESS   | the address, 4 or 16 bytes |
+ *
+ * Works on mainline; more than about 70 deletions can make the kernel skip some: purge again. Of an IPv6 prefix whole bytes
+ * are compared. Logs "invalid addr type", "querying label failed", "dumping labels failed", or, for a single deletion,
+ * "purging address with label ... failed".
  * @param address       AF_INET or AF_INET6
  * @param prefixLength  bits
  * @param ifIndex       interface index, 0 for entries of no interface
@@ -398,8 +514,21 @@ VESK_EXPORT int addrlabelPurge(sockaddr_storage* address, unsigned int prefixLen
 /**
  * Installs the two security associations of a record, TX then RX.
  *
- * Sends XFRM_MSG_NEWSA for each, with replay window 0 and no extended sequence numbers. When RX fails, TX stays
- * installed: remove both for a clean slate.
+ * Sends, for each, as a transaction on NETLINK_XFRM:
+ *
+ * | part                 | value |
+ * | ---                  | --- |
+ * | header               | XFRM_MSG_NEWSA, NLM_F_REQUEST, NLM_F_ACK |
+ * | `xfrm_usersa_info`   | addresses, SPI, protocol, mode and family of the record; no limits; replay window 0; XFRM_STATE_AF_UNSPEC, for TX also XFRM_STATE_NOPMTUDISC |
+ * | XFRMA_ALG_CRYPT      | name and key of the cipher |
+ * | XFRMA_ALG_AUTH_TRUNC | name, truncation and key of the hash |
+ * | XFRMA_ENCAP          | UDP ports, when the record asks for it |
+ * | XFRMA_SET_MARK       | TX: `mark` and 0x20000; RX: 0x20002, for one technology only |
+ * | XFRMA_SET_MARK_MASK  | TX: `mask` and 0x20000 |
+ *
+ * Mainline answers 0, EEXIST, or EINVAL for AH, which takes no cipher there. When RX fails, TX stays installed: remove
+ * both for a clean slate. Logs the step that refuses the record and then "setting XFRM state ... failed", or "sending XFRM
+ * state failed" after the kernel's reason; then "setting TX (RX) XFRM state failed". Each field is a line of level 2.
  * @param record      the SAs; a key longer than its field ends the process
  * @param technology  the radio technology
  * @param mark        output mark of TX; bit 0x20000 is added
@@ -413,8 +542,19 @@ VESK_EXPORT int addXFRMStates(tro_ipsec_static_sa_config_ex_info_ind_msg_v01& re
  * Gives the installed SAs of a record new keys and algorithms in place, then asks the kernel to restore their sequence
  * counters. Arguments as for `addXFRMStates`.
  *
- * Dumps the SAs, then sends XFRM_MSG_UPDSA and XFRM_MSG_NEWAE for each. A failed TX update ends the operation; a failed
- * dump, RX update or TX counter update is logged only. Nothing is rolled back.
+ * Dumps the SAs with XFRM_MSG_GETSA, sends what `addXFRMStates` sends as XFRM_MSG_UPDSA for TX and RX, then for each:
+ *
+ * | part                | value |
+ * | ---                 | --- |
+ * | header              | XFRM_MSG_NEWAE, NLM_F_ACK, NLM_F_REPLACE; no NLM_F_REQUEST |
+ * | `xfrm_aevent_id`    | destination, SPI, family and protocol of the SA as it was dumped |
+ * | XFRMA_SET_MARK      | `mark`, as it is |
+ * | XFRMA_SET_MARK_MASK | `mask`, as it is |
+ * | XFRMA_REPLAY_VAL    | TX: the counters of the SA that was dumped last; RX: zeros |
+ *
+ * A mainline kernel takes the marks and limits of the update, keeps the keys of a living SA and its counters, and answers
+ * 0 to the last two requests without carrying them out; ESRCH when there are no such SAs. A failed TX update ends the
+ * operation; a failed dump, RX update or TX counter update is logged only. Nothing is rolled back.
  * @return the result of the TX update when that fails, else that of the RX counter update: 0 or -1
  */
 VESK_EXPORT int updateXFRMStates(tro_ipsec_static_sa_config_ex_info_ind_msg_v01& record,
@@ -424,7 +564,16 @@ VESK_EXPORT int updateXFRMStates(tro_ipsec_static_sa_config_ex_info_ind_msg_v01&
 /**
  * Deletes the installed SAs whose protocol, SPI and both addresses are those of a record; others are left alone.
  *
- * Dumps the SAs with XFRM_MSG_GETSA and sends XFRM_MSG_DELSA for each match while the dump is read.
+ * Dumps the SAs with XFRM_MSG_GETSA and, for each match, while the dump is read, sends as a transaction on NETLINK_XFRM:
+ *
+ * | part             | value |
+ * | ---              | --- |
+ * | header           | XFRM_MSG_DELSA, NLM_F_REQUEST, NLM_F_ACK |
+ * | `xfrm_usersa_id` | destination, SPI, family and protocol of the SA |
+ * | XFRMA_SRCADDR    | its source, 16 bytes |
+ *
+ * Works on mainline. Each SA that does not match is a line of level 1. Logs "deleting XFRM state failed" for a single
+ * deletion, "removing XFRM states failed" for the dump.
  * @return 0, also when nothing matched or a deletion failed (logged); -1: failed dump
  */
 VESK_EXPORT int removeXFRMStates(tro_ipsec_static_sa_config_ex_info_ind_msg_v01& record) noexcept;
@@ -432,7 +581,16 @@ VESK_EXPORT int removeXFRMStates(tro_ipsec_static_sa_config_ex_info_ind_msg_v01&
 /**
  * Installs the policies of one side of a tunnel: out, or in and then fwd.
  *
- * Sends XFRM_MSG_NEWPOLICY with one template, priority 100. When fwd fails, in stays installed.
+ * Sends, for each, as a transaction on NETLINK_XFRM:
+ *
+ * | part                   | value |
+ * | ---                    | --- |
+ * | header                 | XFRM_MSG_NEWPOLICY, NLM_F_REQUEST, NLM_F_ACK |
+ * | `xfrm_userpolicy_info` | the selector, priority 100, the direction, allow, no limits |
+ * | XFRMA_TMPL             | addresses, SPI, protocol, mode and family of the SA; any algorithm |
+ *
+ * Works on mainline; a second addition is EEXIST. When fwd fails, in stays installed. Logs the step that refuses selector
+ * or record and then "setting policy ... failed", or "sending XFRM policy failed" after the kernel's reason.
  * @param record       the SAs that the traffic shall use
  * @param source       source of the selector, "address" or "address/prefix" (decimal, 0x.. or octal 0..), or empty
  * @param destination  destination of the selector, likewise; not both may be empty
@@ -446,7 +604,15 @@ VESK_EXPORT int addXFRMPolicies(tro_ipsec_static_sa_config_ex_info_ind_msg_v01& 
 /**
  * Deletes the policies that `addXFRMPolicies` installed with the same texts, protocol and side.
  *
- * Sends XFRM_MSG_DELPOLICY. When in fails, fwd is not attempted.
+ * Sends, for each, as a transaction on NETLINK_XFRM:
+ *
+ * | part                 | value |
+ * | ---                  | --- |
+ * | header               | XFRM_MSG_DELPOLICY, NLM_F_REQUEST, NLM_F_ACK |
+ * | `xfrm_userpolicy_id` | the selector, the direction |
+ *
+ * Works on mainline; ENOENT when there is none. When in fails, fwd is not attempted. Logs "setting policy selector failed",
+ * or "sending XFRM policy delete failed" after the kernel's reason.
  * @return 0, or -1: refused selector, refused by the kernel
  */
 VESK_EXPORT int removeXFRMPolicies(std::string& source, std::string& destination, unsigned char protocol,
@@ -455,7 +621,8 @@ VESK_EXPORT int removeXFRMPolicies(std::string& source, std::string& destination
 /**
  * Lets ICMPv6 to fe80::/64 past IPsec: a policy without template, of priority 10.
  *
- * Sends XFRM_MSG_NEWPOLICY.
+ * Sends what `addXFRMPolicies` sends, without XFRMA_TMPL, with priority 10 and this selector: any source, destination
+ * fe80::/64, protocol 58. Works on mainline.
  * @param direction  XFRM_POLICY_IN, XFRM_POLICY_OUT or XFRM_POLICY_FWD; others are sent, and refused by the kernel
  * @return 0, or -1: refused by the kernel (a policy that exists is refused)
  */
@@ -468,7 +635,18 @@ VESK_EXPORT int removeXFRMPolicyEx(unsigned char direction) noexcept;
  * Moves SAs and policies from an old local address to a new one, in place: out, in, fwd. When in or fwd fails, what was
  * moved is moved back; the caller must not change the same SAs meanwhile.
  *
- * Sends XFRM_MSG_MIGRATE for each direction.
+ * Sends, for each direction, as a transaction on NETLINK_XFRM:
+ *
+ * | part                 | value |
+ * | ---                  | --- |
+ * | header               | XFRM_MSG_MIGRATE, NLM_F_REQUEST, NLM_F_ACK |
+ * | `xfrm_userpolicy_id` | the selector, the direction |
+ * | XFRMA_MIGRATE        | old and new addresses, protocol, mode, any reqid, old and new family |
+ * | XFRMA_ENCAP          | UDP ports, when the new record asks for it |
+ *
+ * Works on mainline; ENODATA or ESRCH when there is nothing to move. Logs "XFRM mode (protocol) has changed", "remote address
+ * has changed", the step that refuses a record, or "sending XFRM migration failed" after the kernel's reason; then which
+ * direction failed, and whether moving back did too.
  * @param oldRecord       the record as it was installed
  * @param newRecord       the record as it is now; mode, protocol and peer must be the same
  * @param localSelector   this end's selector, as given to `addXFRMPolicies`
