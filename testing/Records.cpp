@@ -39,8 +39,8 @@ tro_ipsec_static_sa_config_ex_info_ind_msg_v01 espTunnel(const char* local, cons
         length = size;
         std::fill_n(key, size, byte);
     };
-    set(record.spi_rx_valid, record.spi_rx, 0x22222222u);
-    set(record.spi_tx_valid, record.spi_tx, 0x11111111u);
+    set(record.spi_rx_valid, record.spi_rx, 0x55667788u);
+    set(record.spi_tx_valid, record.spi_tx, 0x11223344u);
     set(record.ipsec_protocol_valid, record.ipsec_protocol, 3u); // ESP
     set(record.encap_mode_valid, record.encap_mode, 1u);         // tunnel
     set(record.remote_addr_valid, record.remote_addr, modemAddress(remote));

@@ -7,7 +7,8 @@
  * fills the record; the library only reads it and keeps no reference to it after a call.
  *
  * Each optional field follows a one-byte flag of the same name with the suffix `_valid`; non-zero means that the
- * field holds a value. Fields that the library never reads are not declared.
+ * field holds a value. Finding SAs again (to remove or update them) and migration compare the values of SPIs, addresses
+ * and protocol whatever their flags say. Fields that the library never reads are not declared.
  */
 #ifndef VESK_IPSEC_SA_RECORD_H
 #define VESK_IPSEC_SA_RECORD_H
@@ -17,7 +18,7 @@
 /// An IP address as the modem writes it.
 struct tro_ip_addr_type_v01 {
     std::uint32_t ip_type;  ///< 4: IPv4, 6: IPv6; any other value is invalid.
-    std::uint32_t addr_len; ///< Meaningful bytes of `addr`, at most 16; read for IPv6 only.
+    std::uint32_t addr_len; ///< Meaningful bytes of `addr`; read for IPv6 only, above 16 counts as 16.
     std::uint8_t addr[16];  ///< IPv6: 16 bytes in network order. IPv4: the first 4 bytes are one word in HOST order.
 };
 

@@ -529,7 +529,7 @@ VESK_EXPORT int addrlabelPurge(sockaddr_storage* address, unsigned int prefixLen
  * Mainline answers 0, EEXIST, or EINVAL for AH, which takes no cipher there. When RX fails, TX stays installed: remove
  * both for a clean slate. Logs the step that refuses the record and then "setting XFRM state ... failed", or "sending XFRM
  * state failed" after the kernel's reason; then "setting TX (RX) XFRM state failed". Each field is a line of level 2.
- * @param record      the SAs; a key longer than its field ends the process
+ * @param record      the SAs; a cipher key above 128 bytes, or an integrity key above 440, ends the process
  * @param technology  the radio technology
  * @param mark        output mark of TX; bit 0x20000 is added
  * @param mask        its mask; bit 0x20000 is added
@@ -539,8 +539,8 @@ VESK_EXPORT int addXFRMStates(tro_ipsec_static_sa_config_ex_info_ind_msg_v01& re
                               tro_technology_name_enum_v01 technology, unsigned int mark, unsigned int mask) noexcept;
 
 /**
- * Gives the installed SAs of a record new keys and algorithms in place, then asks the kernel to restore their sequence
- * counters. Arguments as for `addXFRMStates`.
+ * Sends the installed SAs of a record its new values in place, then their sequence counters as they were. What is taken
+ * over is the kernel's affair: see below. Arguments as for `addXFRMStates`.
  *
  * Dumps the SAs with XFRM_MSG_GETSA, sends what `addXFRMStates` sends as XFRM_MSG_UPDSA for TX and RX, then for each:
  *

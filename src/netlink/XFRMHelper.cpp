@@ -21,6 +21,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 
@@ -47,26 +48,22 @@ constexpr __u32 kBypassPriority          = 10;
 constexpr std::uint16_t kNatTraversal    = 4500; // the peer's UDP port
 constexpr std::size_t kAlgorithmCapacity = 512;
 
+// What the bypass policies select.
+constexpr const char* kLinkLocal = "fe80::/64";
+
 // Keys and addresses have lines in the log, which show them empty.
 constexpr const char* kUnsaid = "";
 
+// The decoder of the modem's messages and this file must agree on where the fields lie.
+static_assert(sizeof(tro_ip_addr_type_v01) == 24 && sizeof(SaRecord) == 2452);
+static_assert(offsetof(SaRecord, spi_tx) == 12 && offsetof(SaRecord, local_addr) == 64);
+static_assert(offsetof(SaRecord, crypto_key_rx) == 112 && offsetof(SaRecord, hash_key_tx) == 1428);
+
 // The modem's codes
-enum : std::uint32_t {
-    kAH  = 2,
-    kESP = 3
-};
-enum : std::uint32_t {
-    kTunnel    = 1,
-    kTransport = 2
-};
-enum : std::uint32_t {
-    kIPv4 = 4,
-    kIPv6 = 6
-};
-enum : std::uint32_t {
-    kCBC = 1,
-    kCTR = 2
-};
+constexpr std::uint32_t kAH = 2, kESP = 3;
+constexpr std::uint32_t kTunnel = 1, kTransport = 2;
+constexpr std::uint32_t kIPv4 = 4, kIPv6 = 6;
+constexpr std::uint32_t kCBC = 1, kCTR = 2;
 
 struct Cipher {
     std::uint32_t code;
@@ -152,7 +149,7 @@ __u16 familyOf(const tro_ip_addr_type_v01& address)
     return address.ip_type == kIPv4 ? AF_INET : address.ip_type == kIPv6 ? AF_INET6 : AF_UNSPEC;
 }
 
-// The log calls whatever is not IPv4 IPv6.
+// In the log every family but IPv4, none included, reads as IPv6.
 const char* familySuffix(__u16 family)
 {
     return family == AF_INET ? "" : "6";
@@ -357,11 +354,16 @@ int XFRMAddrCmp(const xfrm_address_t* address, unsigned short family, const tro_
     return address->a4 == wordOf(*modemAddress) ? 0 : 1;
 }
 
-bool connects(const xfrm_usersa_info& state, const tro_ip_addr_type_v01& source,
-              const tro_ip_addr_type_v01& destination)
+// Whether an SA has the SPI, or both addresses, that the record has for a direction.
+bool hasSPI(const xfrm_usersa_info& state, const Half& half)
 {
-    return XFRMAddrCmp(&state.saddr, state.family, &source) == 0 &&
-           XFRMAddrCmp(&state.id.daddr, state.family, &destination) == 0;
+    return state.id.spi == htonl(half.spi);
+}
+
+bool connects(const xfrm_usersa_info& state, const Half& half)
+{
+    return XFRMAddrCmp(&state.saddr, state.family, &half.source) == 0 &&
+           XFRMAddrCmp(&state.id.daddr, state.family, &half.destination) == 0;
 }
 
 enum class Match {
@@ -386,13 +388,14 @@ Match matchXFRMState(nlmsghdr* message, const SaRecord& record, xfrm_usersa_info
     if (record.ipsec_protocol != (state.id.proto == IPPROTO_AH ? kAH : kESP))
         return LOG_AS(verbose, callback, "%s(): ignoring non-matching protocol"), no;
 
-    if (state.id.spi == htonl(record.spi_tx)) {
-        if (connects(state, record.local_addr, record.remote_addr))
+    const Half tx = halfOf(record, true), rx = halfOf(record, false);
+    if (hasSPI(state, tx)) {
+        if (connects(state, tx))
             return Match::Tx;
         return LOG_AS(verbose, callback, "%s(): ignoring non-matching TX address\n"), no;
     }
-    if (state.id.spi == htonl(record.spi_rx)) {
-        if (connects(state, record.remote_addr, record.local_addr))
+    if (hasSPI(state, rx)) {
+        if (connects(state, rx))
             return Match::Rx;
         return LOG_AS(verbose, callback, "%s(): ignoring non-matching RX address\n"), no;
     }
@@ -446,8 +449,8 @@ struct XFRMSeqMatchCtx {
     ReplayRecord rxReplay;
 };
 
-// Sic: both kinds of record are kept for TX, whichever SA they belong to, and one of the extended kind takes RX's flag
-// away. So TX gets the counters of the SA that was dumped last, and RX zeros.
+// Sic: a record of either kind is kept for TX, whichever SA it belongs to, and an extended one of RX clears RX's flag.
+// So TX gets the counters of the SA that was dumped last, and RX zeros.
 void keepReplay(XFRMSeqMatchCtx& context, bool tx, unsigned int type, nlattr* attribute, const char* callback)
 {
     if (type == XFRMA_REPLAY_VAL && attributeLength(attribute) >= sizeof(xfrm_replay_state)) {
@@ -618,9 +621,6 @@ int removeXFRMPolicy(const std::string& source, const std::string& destination, 
     return result;
 }
 
-// What the bypass policies select.
-constexpr const char* kLinkLocal = "fe80::/64";
-
 // Migration
 
 // Whether the peer is the same; whatever `addr_len` says, an IPv6 address has 16 bytes.
@@ -673,6 +673,8 @@ int migrateOneXFRM(const SaRecord& from, const SaRecord& to, const std::string& 
 
 } // namespace
 
+// The exported operations
+
 int addXFRMStates(SaRecord& record, Technology technology, unsigned int mark, unsigned int mask) noexcept
 {
     LOG(notice, "%s(): inserting outgoing XFRM state\n");
@@ -691,7 +693,8 @@ int addXFRMStates(SaRecord& record, Technology technology, unsigned int mark, un
 
 int updateXFRMStates(SaRecord& record, Technology technology, unsigned int mark, unsigned int mask) noexcept
 {
-    XFRMSeqMatchCtx context = {record, false, false, mark, mask, {}, {}, {}, {}};
+    const auto none         = zeroed<xfrm_usersa_info>();
+    XFRMSeqMatchCtx context = {record, false, false, mark, mask, none, none, {}, {}};
     NetlinkMessage dump;
     dump.setNLMsgHeader(NETLINK_XFRM, XFRM_MSG_GETSA, kDump);
     dump.setDumpCb(queryXFRMStateCb, &context);

@@ -36,10 +36,10 @@ TEST_F(States, AreInstalledWithEveryFieldAndRemoved)
     record.udp_encap_port = 0x3412; // 0x1234 in network order
     ASSERT_EQ(addXFRMStates(record, TRO_TECHNOLOGY_NAME_MARKED_RX_V01, 0x1, 0xff), 0);
     expectListed("ip xfrm state list src 192.0.2.1",
-                 {"dst 198.51.100.7", "proto esp spi 0x11111111 reqid 0 mode tunnel", "replay-window 0 flag nopmtudisc af-unspec\n",
+                 {"dst 198.51.100.7", "proto esp spi 0x11223344 reqid 0 mode tunnel", "replay-window 0 flag nopmtudisc af-unspec\n",
                   "output-mark 0x20001/0x200ff", "auth-trunc hmac(sha256) 0xa1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1 128\n",
                   "enc cbc(aes) 0xc1c1c1c1c1c1c1c1c1c1c1c1c1c1c1c1\n", "encap type espinudp sport 4660 dport 4500 addr 0.0.0.0"});
-    expectListed("ip xfrm state list src 198.51.100.7", {"dst 192.0.2.1", "proto esp spi 0x22222222", "flag af-unspec\n", "output-mark 0x20002/0xffffffff",
+    expectListed("ip xfrm state list src 198.51.100.7", {"dst 192.0.2.1", "proto esp spi 0x55667788", "flag af-unspec\n", "output-mark 0x20002/0xffffffff",
                                                          "auth-trunc hmac(sha256) 0xa2a2", "enc cbc(aes) 0xc2c2", "sport 4500 dport 4660"});
     expectListed("ip -s xfrm state",
                  {"limit: soft (INF)(bytes), hard (INF)(bytes)", "limit: soft (INF)(packets), hard (INF)(packets)", "expire add: soft 0(sec), hard 0(sec)"});
@@ -89,7 +89,7 @@ TEST_F(States, OfAHAreRefusedForTheirCipher)
               "messageTransact(): kernel reports error -22\naddXFRMState(): sending XFRM state failed\naddXFRMStates(): setting TX XFRM state failed\n");
 
     output(
-        "ip xfrm state add src 192.0.2.1 dst 198.51.100.7 proto ah spi 0x11111111 mode tunnel auth-trunc 'hmac(sha1)' 0x000102030405060708090a0b0c0d0e0f10111213 96");
+        "ip xfrm state add src 192.0.2.1 dst 198.51.100.7 proto ah spi 0x11223344 mode tunnel auth-trunc 'hmac(sha1)' 0x000102030405060708090a0b0c0d0e0f10111213 96");
     EXPECT_EQ(removeXFRMStates(record), 0);
     EXPECT_EQ(output("ip xfrm state"), "");
 }
@@ -110,11 +110,11 @@ TEST_F(States, AreUpdatedInPlace)
     EXPECT_EQ(updateXFRMStates(record, kTechnology, 1, 0xff), -1) << "there are none";
     const std::string keys =
         " mode tunnel enc 'cbc(aes)' 0x00112233445566778899aabbccddeeff auth-trunc 'hmac(sha256)' 0x0011223344556677889900112233445566778899001122334455667788990011 128";
-    output("ip xfrm state add src 192.0.2.1 dst 198.51.100.7 proto esp spi 0x11111111 replay-oseq 7" + keys);
-    output("ip xfrm state add src 198.51.100.7 dst 192.0.2.1 proto esp spi 0x22222222 replay-seq 9" + keys);
+    output("ip xfrm state add src 192.0.2.1 dst 198.51.100.7 proto esp spi 0x11223344 replay-oseq 7" + keys);
+    output("ip xfrm state add src 198.51.100.7 dst 192.0.2.1 proto esp spi 0x55667788 replay-seq 9" + keys);
     EXPECT_EQ(updateXFRMStates(record, kTechnology, 2, 0xfff), 0);
     expectListed("ip xfrm state list src 192.0.2.1", {"output-mark 0x20002/0x20fff", "oseq 0x7"});
-    expectListed("ip xfrm state list src 198.51.100.7", {"seq 0x9"});
+    expectListed("ip xfrm state list src 198.51.100.7", {"seq 0x9, oseq 0x0"});
     EXPECT_EQ(removeXFRMStates(record), 0);
 }
 
@@ -125,10 +125,10 @@ TEST(Policies, AreListedWithTheirTemplates)
     ASSERT_EQ(addXFRMPolicies(record, here, there, 17, true), 0);
     ASSERT_EQ(addXFRMPolicies(record, there, here, 17, false), 0);
     expectListed("ip xfrm policy list dir out", {"src 10.0.0.0/8 dst 10.1.0.0/16 proto udp", "dir out priority 100", "tmpl src 192.0.2.1 dst 198.51.100.7",
-                                                 "proto esp spi 0x11111111 reqid 0 mode tunnel"});
+                                                 "proto esp spi 0x11223344 reqid 0 mode tunnel"});
     for (const char* direction : {"in", "fwd"})
         expectListed(std::string("ip xfrm policy list dir ") + direction,
-                     {"src 10.1.0.0/16 dst 10.0.0.0/8 proto udp", "tmpl src 198.51.100.7 dst 192.0.2.1", "spi 0x22222222"});
+                     {"src 10.1.0.0/16 dst 10.0.0.0/8 proto udp", "tmpl src 198.51.100.7 dst 192.0.2.1", "spi 0x55667788"});
 
     EXPECT_EQ(addXFRMPolicies(record, there, here, 17, false), -1) << "it exists";
     EXPECT_EQ(removeXFRMPolicies(here, there, 17, true) + removeXFRMPolicies(there, here, 17, false), 0);

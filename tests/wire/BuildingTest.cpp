@@ -41,62 +41,41 @@ static std::function<void(ScriptedKernel&)> outOfMemory(int nth)
 
 TEST(Building, PutsBlocksOnTheWire)
 {
-    const auto builds = [](const char* what, void (*build)(NetlinkMessage&), const char* wire) { check(what, request(build), 0, route(wire), {kAcked}); };
+    const auto builds = [](const char* what, const char* wire, void (*build)(NetlinkMessage&)) { check(what, request(build), 0, route(wire), {kAcked}); };
     using M = NetlinkMessage;
 
-    builds(
-        "nothing but the header", [](M&) {}, "10000000 3412 0500 00000000 00000000");
-    builds(
-        "a payload is padded with zeros", [](M& m) { m.addMsgPayload(6, kBytes); }, "18000000 3412 0500 00000000 00000000 | a1a2a3a4 a5a60000");
-    builds(
-        "a second payload replaces the first, its length too", [](M& m) { m.addMsgPayload(6, kBytes), m.addMsgPayload(4, kBytes + 2); },
-        "14000000 3412 0500 00000000 00000000 | a3a4a5a6");
-    builds(
-        "an empty payload is a block of no bytes", [](M& m) { m.addMsgPayload(0, nullptr); }, "10000000 3412 0500 00000000 00000000 |");
-    builds(
-        "the payload goes first, each width of value is padded",
-        [](M& m) {
-            m.addNLAttribute(1, static_cast<unsigned char>(0x11));
-            m.addNLAttribute(2, static_cast<unsigned short>(0x2222));
-            m.addNLAttribute(3, 0x33333333u);
-            m.addNLAttribute(4, 5, kBytes);
-            m.addMsgPayload(4, kBytes);
-        },
-        "38000000 3412 0500 00000000 00000000 | a1a2a3a4 | 0500 0100 11000000 | 0600 0200 22220000 |"
-        "0800 0300 33333333 | 0900 0400 a1a2a3a4 a5000000");
-    builds(
-        "a value may be empty; one of negative length is no attribute", [](M& m) { m.addNLAttribute(7, 0, nullptr), m.addNLAttribute(8, -1, kBytes); },
-        "14000000 3412 0500 00000000 00000000 | 0400 0700");
-    builds(
-        "texts carry their NUL, and a string those inside it",
-        [](M& m) {
-            char text[] = "prio";
-            std::string two("a\0b", 3);
-            m.addNLAttribute(1, text), m.addNLAttribute(2, ""), m.addNLAttribute(3, two);
-        },
-        "2c000000 3412 0500 00000000 00000000 | 0900 0100 7072696f 00000000 | 0500 0200 00000000 |"
-        "0800 0300 61006200");
-    builds(
-        "flag bits of a type pass through; of a nest the header alone is sent",
-        [](M& m) { m.addNLAttribute(0x14005, 2, kBytes), m.addNLAttribute(0x8006, 0, nullptr); },
-        "1c000000 3412 0500 00000000 00000000 | 0600 0540 a1a20000 | 0400 0680");
-    builds(
-        "a nest counts its children, those of a nest inside it too, and nothing that follows",
-        [](M& m) {
-            NestedAttrHandle outer, inner, empty;
-            m.addNLAttribute(1, 0u);
-            m.startNestedNLAttribute(2, outer);
-            m.startNestedNLAttribute(3, inner);
-            m.addNLAttribute(4, 0x44444444u);
-            m.endNestedNLAttribute(inner);
-            m.addNLAttribute(5, static_cast<unsigned char>(0x55));
-            m.endNestedNLAttribute(outer);
-            m.startNestedNLAttribute(6, empty);
-            m.endNestedNLAttribute(empty);
-        },
-        "34000000 3412 0500 00000000 00000000 | 0800 0100 00000000 |"
-        "1800 0280 | 0c00 0380 | 0800 0400 44444444 | 0500 0500 55000000 | 0400 0680");
+    builds("nothing but the header", "10000000 3412 0500 00000000 00000000", [](M&) {});
+    builds("a payload is padded with zeros", "18000000 3412 0500 00000000 00000000 | a1a2a3a4 a5a60000", [](M& m) { m.addMsgPayload(6, kBytes); });
+    builds("a second payload replaces the first, its length too", "14000000 3412 0500 00000000 00000000 | a3a4a5a6",
+           [](M& m) { m.addMsgPayload(6, kBytes), m.addMsgPayload(4, kBytes + 2); });
+    builds("an empty payload is a block of no bytes", "10000000 3412 0500 00000000 00000000 |", [](M& m) { m.addMsgPayload(0, nullptr); });
+    builds("the payload goes first, each width of value is padded",
+           "38000000 3412 0500 00000000 00000000 | a1a2a3a4 | 0500 0100 11000000 | 0600 0200 22220000 | 0800 0300 33333333 | 0900 0400 a1a2a3a4 a5000000",
+           [](M& m) {
+               m.addNLAttribute(1, static_cast<unsigned char>(0x11)), m.addNLAttribute(2, static_cast<unsigned short>(0x2222));
+               m.addNLAttribute(3, 0x33333333u), m.addNLAttribute(4, 5, kBytes), m.addMsgPayload(4, kBytes);
+           });
+    builds("a value may be empty; one of negative length is no attribute", "14000000 3412 0500 00000000 00000000 | 0400 0700",
+           [](M& m) { m.addNLAttribute(7, 0, nullptr), m.addNLAttribute(8, -1, kBytes); });
+    builds("texts carry their NUL, and a string those inside it",
+           "2c000000 3412 0500 00000000 00000000 | 0900 0100 7072696f 00000000 | 0500 0200 00000000 | 0800 0300 61006200", [](M& m) {
+               char text[] = "prio";
+               std::string two("a\0b", 3);
+               m.addNLAttribute(1, text), m.addNLAttribute(2, ""), m.addNLAttribute(3, two);
+           });
+    builds("flag bits of a type pass through; of a nest the header alone is sent", "1c000000 3412 0500 00000000 00000000 | 0600 0540 a1a20000 | 0400 0680",
+           [](M& m) { m.addNLAttribute(0x14005, 2, kBytes), m.addNLAttribute(0x8006, 0, nullptr); });
+    builds("a nest counts its children, those of a nest inside it too, and nothing that follows",
+           "34000000 3412 0500 00000000 00000000 | 0800 0100 00000000 | 1800 0280 | 0c00 0380 | 0800 0400 44444444 | 0500 0500 55000000 | 0400 0680", [](M& m) {
+               NestedAttrHandle outer, inner, empty;
+               m.addNLAttribute(1, 0u), m.startNestedNLAttribute(2, outer), m.startNestedNLAttribute(3, inner), m.addNLAttribute(4, 0x44444444u);
+               m.endNestedNLAttribute(inner), m.addNLAttribute(5, static_cast<unsigned char>(0x55)), m.endNestedNLAttribute(outer);
+               m.startNestedNLAttribute(6, empty), m.endNestedNLAttribute(empty);
+           });
 }
+
+// Adds an attribute of type 3 and ends a nest that never began.
+static void misuse(NetlinkMessage& msg, NestedAttrHandle nest) { msg.addNLAttribute(3, 3u), msg.endNestedNLAttribute(nest); }
 
 TEST(Building, GoesOnWithoutWhatCannotBeAdded)
 {
@@ -118,15 +97,11 @@ TEST(Building, GoesOnWithoutWhatCannotBeAdded)
           }),
           0, child, {core(4, "%s(): adding attribute of type %d failed", "addNLAttribute", 0x8002), badHandle(SIZE_MAX, 1), kAcked}, {}, outOfMemory(1));
     check("a handle one past the last block", request([](auto& m) {
-              NestedAttrHandle nest{99, 1}; // and a start behind the end
-              m.addNLAttribute(3, 3u);
-              m.endNestedNLAttribute(nest);
+              misuse(m, {99, 1}); /* and a start behind the end */
           }),
           0, child, {badHandle(1, 1), kAcked});
     check("a handle of an attribute that is no nest", request([](auto& m) {
-              NestedAttrHandle nest{0, 0};
-              m.addNLAttribute(3, 3u);
-              m.endNestedNLAttribute(nest);
+              misuse(m, {0, 0});
           }),
           0, child, {core(4, "%s(): invalid attribute handle %zu: %s", "endNestedNLAttribute", std::size_t{0}, "not a nested attribute"), kAcked});
     check("no memory for the scatter list", request([](auto& m) { m.addMsgPayload(4, kBytes); }), -1, kNothing,
