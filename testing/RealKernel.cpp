@@ -30,6 +30,16 @@ bool succeeds(const std::string& command)
     return std::system(("{ " + command + "\n} >/dev/null 2>&1").c_str()) == 0;
 }
 
+std::string lacking(const std::string& command, std::initializer_list<const char*> pieces)
+{
+    const std::string text = output(command);
+    std::string missing;
+    for (const char* piece : pieces)
+        if (text.find(piece) == std::string::npos)
+            missing += std::string("\"") + piece + "\" is not in the output of " + command + '\n';
+    return missing.empty() ? missing : missing + text;
+}
+
 std::string failures(const LogCapture& log)
 {
     std::string text;

@@ -7,6 +7,7 @@
 
 #include <ScriptedKernel.h>
 
+#include <initializer_list>
 #include <string>
 
 namespace Vesk::Testing {
@@ -20,6 +21,9 @@ std::string output(const std::string& command);
 
 /// Whether a shell command succeeds; what it prints is dropped. For what a kernel may lack.
 bool succeeds(const std::string& command);
+
+/// Which of these pieces the output of a command lacks, and the output; empty when it lacks none.
+std::string lacking(const std::string& command, std::initializer_list<const char*> pieces);
 
 /// The texts of the captured lines of level 4, each with a line feed at its end.
 std::string failures(const LogCapture& log);

@@ -133,20 +133,43 @@ public:
 
     /**
      * Opens and binds the socket; the exchanges do it when it is not open yet. One that is open is closed first.
-     * @return 0; -1 when no protocol was set, or when the system refuses (errno in the log)
+     *
+     * | log | level | when |
+     * |---|---|---|
+     * | "NL protocol not yet set. Aborting" | 4 | `setNLMsgHeader` was not called, or with a negative protocol |
+     * | "opening NL socket failed", "binding NL socket failed" | 4 | the system refuses; errno is in the line |
+     * | "EXTACK not supported" | 3 | the kernel will not explain refusals; no failure |
+     *
+     * @return 0 or -1
      */
     int openSocket() noexcept;
 
     /**
      * Sends the request as one datagram, from the blocks where they lie. The socket must be open.
-     * @return 0; -1 when the system refuses or sends less than the header's length
+     *
+     * | log | level | when |
+     * |---|---|---|
+     * | "msg allocation failed" | 4 | no memory for the list of blocks |
+     * | "sending NL message failed" | 4 | the system refuses; errno is in the line |
+     * | "sending full NL message failed: %d of %u" | 4 | the header's length is not that of the blocks: a second send, a payload that was cleared or could not be added, an attribute that is too long |
+     *
+     * @return 0 or -1
      */
     int messageSend() noexcept;
 
     /**
      * Sends the request and, if its flags carry NLM_F_ACK, reads one datagram for the acknowledgement: its first
      * NLMSG_ERROR decides. Without NLM_F_ACK nothing is read.
-     * @return 0 when acknowledged (or not asked to be), -1 otherwise; see `getKernelError`
+     *
+     * | log | level | when |
+     * |---|---|---|
+     * | "not requesting ACK for NL message" | 2 | nothing is read; the result is 0 |
+     * | "NL ACK received form kernel" | 3 | acknowledged |
+     * | "kernel reports error %d" | 4 | refused; `getKernelError` says so too, and `extack` the kernel's text |
+     * | "receiving NL ACK from kernel failed" | 4 | the system refuses; errno is in the line |
+     * | "no NL ACK received from kernel", "invalid NL error received" | 4 | the reply holds no whole NLMSG_ERROR |
+     *
+     * @return 0 when acknowledged (or not asked to be), -1 otherwise
      */
     int messageTransact() noexcept;
 
@@ -172,6 +195,15 @@ public:
      * @param cb                called until it is satisfied
      * @param ctx               handed to the callback
      * @param responseRequired  whether a reply in which the callback found nothing is a failure
+     *
+     * | log, level 4 | when |
+     * |---|---|
+     * | "attempting to query without valid callback. Aborting" | `cb` is null |
+     * | "receiving query response from kernel failed" | the system refuses; errno is in the line |
+     * | "kernel reports error %d", "invalid NL error received" | the reply holds an NLMSG_ERROR, whole or not |
+     * | "netlink query cb reports failure" | the callback returned `NetlinkQueryFailed` |
+     * | "netlink query response not found" | a response is required, and no message satisfied the callback |
+     *
      * @return 0 or -1
      */
     int messageQuery(QueryCallback* cb, void* ctx, bool responseRequired) noexcept;
@@ -187,6 +219,15 @@ public:
      * interrupted dump is logged and goes on; an NLMSG_ERROR with error 0 is handed on like any other message. There is
      * no time-out: kernels with pages of more than 4 KiB may send datagrams larger than the receive buffer; what is cut
      * off is lost, and if NLMSG_DONE is in it, this does not return.
+     *
+     * | log | level | when |
+     * |---|---|---|
+     * | "attempting to dump without valid callback. Aborting" | 4 | `cb` is null |
+     * | "receiving NL dump failed" | 4 | the system refuses; errno is in the line |
+     * | "kernel reports errno [%d, %s]", "invalid NL ERR received" | 4 | an NLMSG_ERROR, whole or not |
+     * | "NL dump reports errno [%d, %s]", "invalid dump done message" | 4 | NLMSG_DONE with a negative status, or without one |
+     * | "NL dump was interrupted" | 3 | the table changed meanwhile; what is shown may be incomplete |
+     *
      * @return 0; -1 on a refusal, a failed receive or a negative status of NLMSG_DONE
      */
     int messageDump(DumpCallback* cb, void* ctx) noexcept;

@@ -24,10 +24,9 @@ static Record v4(Change change = [](Record&) {})
 static Record v6() { return espTunnel("fe80::1", "fe80::2"); }
 
 // An operation on a record, with mark 0x20003 and mask 0x200ff where it takes them.
-static Operation install(Record record, tro_technology_name_enum_v01 technology = kTechnology)
-{
-    return [=]() mutable { return addXFRMStates(record, technology, 0x20003, 0x200ff); };
-}
+static const auto install = [](Record record, tro_technology_name_enum_v01 technology = kTechnology) {
+    return Operation([=]() mutable { return addXFRMStates(record, technology, 0x20003, 0x200ff); });
+};
 
 static const auto update = [](Record record) {
     return Operation([=]() mutable { return updateXFRMStates(record, TRO_TECHNOLOGY_NAME_MARKED_RX_V01, 0x20003, 0x200ff); });
@@ -329,15 +328,13 @@ TEST(States, AreUpdatedInPlace)
             {{}, {}, {}, {}, no});
 }
 
-static Operation addPolicies(Record record, std::string source, std::string destination, unsigned char protocol, bool outbound)
-{
-    return [=]() mutable { return addXFRMPolicies(record, source, destination, protocol, outbound); };
-}
+static const auto addPolicies = [](Record record, std::string source, std::string destination, unsigned char protocol, bool outbound) {
+    return Operation([=]() mutable { return addXFRMPolicies(record, source, destination, protocol, outbound); });
+};
 
-static Operation removePolicies(std::string source, std::string destination, bool outbound, unsigned char protocol = 0)
-{
-    return [=]() mutable { return removeXFRMPolicies(source, destination, protocol, outbound); };
-}
+static const auto removePolicies = [](std::string source, std::string destination, bool outbound, unsigned char protocol = 0) {
+    return Operation([=]() mutable { return removeXFRMPolicies(source, destination, protocol, outbound); });
+};
 
 static LogLine saddr(const char* text, unsigned prefix) { return xfrm(2, "%s()\t..sel.saddr = %s/%u\n", "setXFRMSel", text, prefix); }
 

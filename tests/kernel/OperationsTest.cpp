@@ -1,4 +1,4 @@
-// Routes, rules, labels and queueing disciplines; `ip` and `tc` are the witnesses.
+// All but IPsec on a real kernel; `ip` and `tc` are the witnesses.
 #include <RealKernel.h>
 #include <vesk/netlink.h>
 
@@ -6,10 +6,72 @@
 
 #include <Expectations.h>
 
+#include <cerrno>
+
+#include <linux/rtnetlink.h>
 #include <net/if.h>
 
 using namespace Vesk;
 using namespace Vesk::Testing;
+
+TEST(Kernel, NumbersAFamily)
+{
+    LogCapture log;
+    std::string controller = "nlctrl", unknown = "no such family";
+    unsigned short id = 0;
+    EXPECT_EQ(queryGenericNetlinkFamily(controller, 2, &id), 0);
+    EXPECT_EQ(id, 16);
+    EXPECT_EQ(failures(log), "");
+    EXPECT_EQ(queryGenericNetlinkFamily(unknown, 2, &id), -1);
+    EXPECT_EQ(id, 16);
+    EXPECT_EQ(failures(log), "messageQuery(): kernel reports error -2\nqueryGenericNetlinkFamily(): Netlink query failed\n");
+}
+
+// The kernel's text is found when the last 12 bytes of the request are whole attributes.
+TEST(Kernel, ExplainsARefusal)
+{
+    ifinfomsg loopback = {};
+    loopback.ifi_index = 1;
+    NetlinkMessage msg;
+    msg.setNLMsgHeader(NETLINK_ROUTE, RTM_NEWLINK, NLM_F_REQUEST | NLM_F_ACK);
+    msg.addMsgPayload(sizeof loopback, &loopback);
+    msg.addNLAttribute(IFLA_UNSPEC, 0, nullptr);
+    msg.addNLAttribute(IFLA_MTU, static_cast<unsigned short>(1));
+
+    LogCapture log;
+    EXPECT_EQ(msg.messageTransact(), -1);
+    EXPECT_EQ(msg.getKernelError(), -ERANGE);
+    EXPECT_EQ(failures(log), "messageTransact(): kernel reports error -34\n"
+                             "extack(): EXTACK reports Attribute failed policy validation\n");
+}
+
+TEST(MainlineRefuses, AddressesOfAnyFamilyAndIPv4Labels)
+{
+    std::string device = "lo";
+    sockaddr_storage v4 = socketAddress("192.0.2.1"), v6 = socketAddress("2001:db8::1");
+    for (const int change : {AddressAdd, AddressDeprecate, AddressRenew, AddressAddDeprecated})
+        for (sockaddr_storage* address : {&v4, &v6}) {
+            LogCapture log;
+            EXPECT_EQ(RTNetlinkAddressCfg(device, address, 32, static_cast<AddressLifetimeChange>(change), 60), -1);
+            EXPECT_EQ(failures(log), "messageTransact(): kernel reports error -95\n"
+                                     "RTNetlinkAddressCfg(): configuring address failed\n");
+        }
+    LogCapture log;
+    EXPECT_EQ(addrlabelAdd(&v4, 32, 4711, 0), -1) << "labels are for IPv6";
+    EXPECT_EQ(failures(log), "messageTransact(): kernel reports error -95\naddrlabelModify(): modifying address label failed\n");
+    EXPECT_EQ(output("ip address show dev lo").find("192.0.2.1"), std::string::npos);
+}
+
+TEST(MainlineRefuses, TheGSOSizeInTwoBytes)
+{
+    if (!succeeds("ip link add gso0 type dummy")) GTEST_SKIP() << "this kernel has no dummy device";
+    std::string device = "gso0";
+    LogCapture log;
+    EXPECT_EQ(RTNetlinkSetGSOMaxSize(device, 16384), -1);
+    EXPECT_EQ(failures(log), "messageTransact(): kernel reports error -34\n"
+                             "RTNetlinkSetGSOMaxSize(): configuring gso max size failed for dev gso0\n");
+    EXPECT_NE(output("ip -d link show dev gso0").find("gso_max_size 65536"), std::string::npos);
+}
 
 // A device of its own, 192.0.2.1/24, with a default route.
 struct OnADevice : testing::Test {
@@ -93,13 +155,19 @@ TEST(Labels, AreGeneratedAroundWhatIsInstalled)
     };
     std::vector<sockaddr_storage> prefixes{socketAddress("2001:db8:1::"), socketAddress("2001:db8:2::"), socketAddress("2001:db8:3::")};
     EXPECT_GE(generates(), 20u) << "above the system's";
+    LogCapture log;
     EXPECT_EQ(addrlabelAdd(&prefixes[0], 64, 22, 1), 0);
+    EXPECT_NE(output("ip addrlabel").find("prefix 2001:db8:1::/64 dev lo label 22"), std::string::npos);
+    EXPECT_EQ(failures(log), "");
+    EXPECT_EQ(addrlabelAdd(&prefixes[0], 64, 22, 1), -1) << "it exists";
+    EXPECT_EQ(failures(log), "messageTransact(): kernel reports error -17\naddrlabelModify(): modifying address label failed\n");
     EXPECT_EQ(generates(), 21u);
     EXPECT_EQ(addrlabelAdd(&prefixes[1], 64, 21, 1), 0);
     EXPECT_EQ(generates(), 20u);
     EXPECT_EQ(addrlabelAdd(&prefixes[2], 64, 20, 1), 0);
     EXPECT_GE(generates(), 22u) << "no gap is left";
     for (unsigned int i = 0; i < 3; ++i) EXPECT_EQ(addrlabelDel(&prefixes[i], 64, 22 - i, 1), 0);
+    EXPECT_EQ(addrlabelDel(&prefixes[0], 64, 22, 1), -1) << "it is gone";
 }
 
 TEST(Labels, ArePurgedWithTheirCompanionsAndNobodyElse)
