@@ -593,7 +593,7 @@ VESK_EXPORT int addXFRMStates(tro_ipsec_static_sa_config_ex_info_ind_msg_v01& re
  * | XFRMA_SET_MARK_MASK | `mask`, as it is |
  * | XFRMA_REPLAY_VAL    | TX: the counters of the SA that was dumped last; RX: zeros |
  *
- * A mainline kernel takes the marks and limits of the update, keeps the keys of a living SA and its counters, and answers
+ * A mainline kernel takes the marks of the update, keeps the keys of a living SA and its counters, and answers
  * 0 to the last two requests without carrying them out; ESRCH when there are no such SAs. A failed TX update ends the
  * operation; a failed dump, RX update or TX counter update is logged only. Nothing is rolled back.
  * @return the result of the TX update when that fails, else that of the RX counter update: 0 or -1
@@ -685,7 +685,7 @@ VESK_EXPORT int removeXFRMPolicyEx(unsigned char direction) noexcept;
  * | XFRMA_MIGRATE        | old and new addresses, protocol, mode, any reqid, old and new family |
  * | XFRMA_ENCAP          | UDP ports, when the new record asks for it |
  *
- * Works on mainline; ENODATA or ESRCH when there is nothing to move. Logs "XFRM mode (protocol) has changed", "remote address
+ * Works on mainline; ENOENT when there is no such policy. Logs "XFRM mode (protocol) has changed", "remote address
  * has changed", the step that refuses a record, or "sending XFRM migration failed" after the kernel's reason; then which
  * direction failed, and whether moving back did too.
  * @param oldRecord       the record as it was installed
