@@ -225,7 +225,7 @@ private:
 // Everything that a host puts on the link. (What arrives is no proof: the kernel shows it again when it is deciphered.)
 class Capture {
 public:
-    explicit Capture(const Host& host) : file(output("mktemp"))
+    explicit Capture(const Host& host) : file(output("mktemp -p /run"))
     {
         const std::string tcpdump = "tcpdump --immediate-mode -U -Z root -Q out -i radio -w " + file + " 2>&1";
         pipe                      = popen(("echo $$; exec " + host.command(tcpdump)).c_str(), "r");
