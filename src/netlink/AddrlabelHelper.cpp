@@ -19,7 +19,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
-#include <set>
+#include <vector>
 
 #include <linux/if_addrlabel.h>
 #include <linux/rtnetlink.h>
@@ -36,9 +36,10 @@ constexpr unsigned short kDump   = NLM_F_REQUEST | NLM_F_DUMP;
 
 constexpr unsigned int kDefaultLabel    = 1;
 constexpr unsigned int kLastSystemLabel = 20;
+constexpr std::size_t kUsualLabels      = 64;
 
 using LabelAttributes = AttributeTable<IFAL_LABEL>;
-using LabelSet        = std::set<unsigned int>;
+using LabelSet        = std::vector<unsigned int>; // ascending, without duplicates
 
 int addrlabelModify(int type, sockaddr_storage* address, unsigned int prefixLength, unsigned int label,
                     unsigned int ifIndex)
@@ -70,6 +71,17 @@ int addrlabelModify(int type, sockaddr_storage* address, unsigned int prefixLeng
     return result;
 }
 
+// False when the label is there already. Kernels list labels much as they were added, which is mostly at the end.
+bool insert(LabelSet& labels, unsigned int label)
+{
+    const auto at =
+        labels.empty() || labels.back() < label ? labels.end() : std::lower_bound(labels.begin(), labels.end(), label);
+    if (at != labels.end() && *at == label)
+        return false;
+    labels.insert(at, label);
+    return true;
+}
+
 void addrlabelGenerateCb(nlmsghdr* message, void* context)
 {
     auto& labels = *static_cast<LabelSet*>(context);
@@ -83,7 +95,7 @@ void addrlabelGenerateCb(nlmsghdr* message, void* context)
         return LOG(failure, "%s(): label attribute is missing in NEWADDRLABEL message");
     if (!holdsU32(label))
         return LOG(failure, "%s(): label attribute is malformed");
-    if (!labels.insert(u32Of(label)).second)
+    if (!insert(labels, u32Of(label)))
         LOG(failure, "%s(): inserting label %u failed", u32Of(label));
 }
 
@@ -197,6 +209,7 @@ int addrlabelGenerate(int family, bool useDefault, unsigned int* label) noexcept
     msg.setNLMsgHeader(NETLINK_ROUTE, RTM_GETADDRLABEL, kDump);
     msg.addMsgPayload(sizeof any, &any);
     LabelSet labels;
+    labels.reserve(kUsualLabels);
     msg.setDumpCb(addrlabelGenerateCb, &labels);
     const int result = msg.messageDump();
     if (result != 0) {
@@ -207,7 +220,7 @@ int addrlabelGenerate(int family, bool useDefault, unsigned int* label) noexcept
     // A gap is between a label and the one before it. Sic: the first label is compared with the second, so that it ends
     // the process when it is none of the system's.
     unsigned int last = kLastSystemLabel;
-    for (auto it = labels.upper_bound(kLastSystemLabel); it != labels.end(); ++it) {
+    for (auto it = std::upper_bound(labels.begin(), labels.end(), kLastSystemLabel); it != labels.end(); ++it) {
         const auto partner = it == labels.begin() ? std::next(it) : std::prev(it);
         if (partner != labels.end() && subOrAbort<unsigned int>(*it, *partner) >= 2) {
             *label = *it - 1;

@@ -35,10 +35,11 @@ namespace {
 
 constexpr char kLogSource[] = "src/netlink/NetlinkHelper";
 
-constexpr std::size_t kNoSuchBlock  = SIZE_MAX;
-constexpr std::size_t kReceiveSize  = 4096;
-constexpr std::size_t kMinErrorSize = kMessageSize<nlmsgerr>;
-constexpr std::size_t kMinDoneSize  = kMessageSize<int>;
+constexpr std::size_t kUsualAttributes = 8; // no request of this library has more, so the list never grows
+constexpr std::size_t kNoSuchBlock     = SIZE_MAX;
+constexpr std::size_t kReceiveSize     = 4096;
+constexpr std::size_t kMinErrorSize    = kMessageSize<nlmsgerr>;
+constexpr std::size_t kMinDoneSize     = kMessageSize<int>;
 
 // A refusal: header, error, echo of the request (its header alone when capped), attributes. The walk over the attributes
 // starts 12 bytes early, inside the echo, and stays so: daemons rely on which texts are found and which are not.
@@ -190,6 +191,8 @@ void NetlinkMessage::addNLAttribute(int type, int len, void* data) noexcept
         std::memcpy(block + NLA_HDRLEN, data, size);
     std::memset(block + NLA_HDRLEN + size, 0, padded - NLA_HDRLEN - size);
 
+    if (attributes.empty())
+        attributes.reserve(kUsualAttributes);
     attributes.push_back(attribute);
     attrsLength = addOrAbort<std::uint64_t>(attrsLength, padded);
 }
