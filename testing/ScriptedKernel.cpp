@@ -163,6 +163,15 @@ ScriptedKernel::Watch::~Watch()
     watching = false;
 }
 
+void ScriptedKernel::abandon()
+{
+    watching = false;
+    sockets.clear();
+    for (const auto& [block, about] : blocks)
+        std::free(block);
+    blocks.clear();
+}
+
 void ScriptedKernel::addInterface(const std::string& name, unsigned int index)
 {
     interfaces[name] = index;

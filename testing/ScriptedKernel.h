@@ -147,6 +147,8 @@ public:
         return function();
     }
 
+    void abandon(); ///< After a jump out of `run`: closes the sockets that are open, frees the blocks that live.
+
     // What happened
 
     const std::vector<Request>& requests() const { return sent; }

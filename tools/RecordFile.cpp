@@ -18,9 +18,8 @@ using Setter = std::function<void(Record&, const std::string&)>;
 
 std::uint32_t number(const std::string& text, std::uint32_t highest)
 {
-    std::size_t used          = 0;
-    const unsigned long value = std::stoul(text, &used, 0);
-    if (used != text.size() || text[0] == '-' || value > highest)
+    std::uint64_t value = 0;
+    if (!CLI::detail::lexical_cast(text, value) || text[0] == '-' || value > highest)
         throw std::invalid_argument("not a number that fits");
     return static_cast<std::uint32_t>(value);
 }
@@ -98,18 +97,20 @@ void readRecord(const std::string& path, Record& record)
 {
     struct stat about = {};
     std::ifstream file(path);
-    if (!file || stat(path.c_str(), &about) != 0)
+    if (!file || stat(path.c_str(), &about) != 0 || !S_ISREG(about.st_mode))
         throw std::runtime_error(path + ": cannot be read");
     if ((about.st_mode & (S_IRWXG | S_IRWXO)) != 0)
         throw std::runtime_error(path + ": holds keys, but others may read it; chmod 600 it");
 
     for (const CLI::ConfigItem& item : CLI::ConfigINI().from_config(file)) {
         const auto field = kFields.find(item.name);
-        if (field == kFields.end() || item.inputs.size() != 1)
-            throw std::runtime_error(path + ": no such field: " + item.name);
+        if (field == kFields.end()) // a name that is none may be a key: not to be shown
+            throw std::runtime_error(path + ": a line is no \"name = value\" with a name of the record");
+        if (item.inputs.size() != 1)
+            throw std::runtime_error(path + ": more or less than one value: " + item.name);
         try {
             field->second(record, item.inputs[0]);
-        } catch (const std::logic_error& error) { // of std::stoul, too
+        } catch (const std::invalid_argument& error) {
             throw std::runtime_error(path + ": " + item.name + ": " + error.what());
         }
     }

@@ -72,6 +72,8 @@ Prefix prefixOf(const std::string& text)
 
 unsigned char familyOf(const std::string& address)
 {
+    if (address.find('/') != std::string::npos)
+        throw Refusal(address + " is a prefix, not an address");
     return static_cast<unsigned char>(prefixOf(address).address.ss_family);
 }
 
@@ -236,6 +238,7 @@ public:
         app.require_subcommand(1);
         app.add_flag("--json", json, "Print the result as JSON");
         app.add_option("--log", logLevel, "Lowest level of log lines: 1 (all) to 4 (failures)")
+            ->envname("VESK_LOG_LEVEL")
             ->check(CLI::Range(1, 4))
             ->capture_default_str();
         addRouteCommands();
@@ -251,7 +254,7 @@ public:
         } catch (const CLI::ParseError& error) {
             return app.exit(error) == 0 ? 0 : 2;
         }
-        setenv("VESK_LOG_LEVEL", std::to_string(logLevel).c_str(), 1);
+        setenv("VESK_LOG_LEVEL", std::to_string(logLevel).c_str(), 1); // read at the first line
         try {
             return tell(action(arguments));
         } catch (const std::runtime_error& error) {
@@ -363,7 +366,7 @@ private:
         CLI::App* generated = command(label, "generate", "Propose a label", "label generate", labelGenerate);
         for (CLI::App* added : {add, del, purge}) {
             required(added, "prefix", a.address, "Address, with its prefix length behind a slash");
-            added->add_option("--device", a.device, "Interface; any when not given");
+            added->add_option("--device", a.device, "Interface; entries of no interface when not given");
         }
         for (CLI::App* added : {add, del})
             required(added, "label", a.label, "Label");
@@ -429,7 +432,7 @@ private:
         } else {
             std::fputs("veskctl: refused\n", stderr);
         }
-        return done ? 0 : 1;
+        return done && std::fflush(stdout) == 0 ? 0 : 1;
     }
 
     CLI::App app{"Changes the kernel's networking state over netlink, one operation a call.\n"

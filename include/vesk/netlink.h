@@ -12,7 +12,7 @@
  *
  * - **Results.** Configuring operations return 0, or -1 when the arguments are refused (nothing is sent then) or the
  *   exchange fails. Outputs are written on success only.
- * - **Log.** Every failure is a line of level 4 through `LogMgr`, beginning with the operation's name; a refusal by the
+ * - **Log.** Every failure is a line of level 4 through `LogMgr`, beginning with the name of the function that logs it; a refusal by the
  *   kernel adds its errno and, where it can be found in the reply, the kernel's own text. Keys are never logged.
  * - **Exchange.** Each request goes out on a socket of its own, with sequence number 0, and the first answer on that
  *   socket decides. Receives have no time-out; a signal that interrupts one fails the operation, although the kernel
@@ -348,7 +348,7 @@ VESK_EXPORT int RTNetlinkSetGSOMaxSize(std::string& device, unsigned short gsoMa
  * | RTA_METRICS  | nested: RTAX_ADVMSS 1140, 4 bytes |
  * | RTA_PRIORITY | 100, 4 bytes |
  *
- * Mainline answers 0, or EEXIST. Logs "Invalid family", "inet_pton failed on ...", "Unable to get gateway address", or
+ * Mainline answers 0, or, for example, EEXIST. Logs "Invalid family", "inet_pton failed on ...", "Unable to get gateway address", or
  * "Failed to install ip route" after the reason.
  * @param destination    address text
  * @param mark           firewall mark of the look-up; not part of the route
@@ -365,7 +365,7 @@ VESK_EXPORT int RTNetlinkAddRoute(std::string destination, unsigned int mark, un
  *
  * Sends the same request as RTM_DELROUTE with NLM_F_REQUEST alone: nobody waits for an answer, so a refusal (ESRCH on
  * mainline, when there is no such route) is not seen. Logs as there, with texts of its own.
- * @return 0 as soon as the request was sent, whether or not there was such a route; -1: bad family or text, no gateway
+ * @return 0 as soon as the request was sent, whether or not there was such a route; -1: bad family or text, no gateway, not sent
  */
 VESK_EXPORT int RTNetlinkDeleteRoute(std::string destination, unsigned int mark, unsigned char family,
                                      unsigned int table, unsigned int outputIfIndex) noexcept;
@@ -388,7 +388,7 @@ struct RouterAddressResult {
  * | RTA_DST  | the destination, 4 or 16 bytes |
  * | RTA_MARK | `mark`, 4 bytes |
  *
- * Mainline answers with the route, or with ENETUNREACH or EHOSTUNREACH. What makes a route unusable (no gateway, an IPv6
+ * Mainline answers with the route, or, for example, with ENETUNREACH or EHOSTUNREACH. What makes a route unusable (no gateway, an IPv6
  * one) is logged by the callback `getRouterAddress`; it leaves the gateway empty and the status 0.
  * @param destination  address text
  * @param mark         firewall mark of the look-up
@@ -452,7 +452,7 @@ VESK_EXPORT int RTNetlinkTCQdisc(std::string& device, std::string& kind, unsigne
  * | ... byte 20        | 1, the flow-control switch |
  * | ... bytes 21 to 23 | 0 |
  *
- * The block is the platform's own: a mainline kernel refuses the addition (EINVAL).
+ * The block is the platform's own: a mainline kernel refuses the addition (EINVAL, with sch_prio loaded).
  * @return 0, or -1: no such device, another operation, refused by the kernel
  */
 VESK_EXPORT int RTNetlinkTCPrio(std::string& device, unsigned int parent, unsigned int handle,
@@ -470,7 +470,7 @@ VESK_EXPORT int RTNetlinkTCPrio(std::string& device, unsigned int parent, unsign
  * | byte 20        | `enable` |
  * | bytes 21 to 23 | 1 |
  *
- * The block is the platform's own: a mainline kernel refuses addition and change (EINVAL). Logs the request at level 1.
+ * The block is the platform's own: a mainline kernel refuses addition and change (EINVAL, with sch_prio loaded). Logs the request at level 1.
  * @param device     interface name
  * @param parent     0 for the root
  * @param handle     major and minor number
@@ -510,7 +510,8 @@ VESK_EXPORT int addrlabelDel(sockaddr_storage* address, unsigned int prefixLengt
                              unsigned int ifIndex) noexcept;
 
 /**
- * Proposes a label: one below the first gap in the kernel's labels above 20, or a random one above the largest.
+ * Proposes a label: the value just below the first label above 20 that has none right before it, or a random one above
+ * the largest.
  *
  * Sends, as a dump on NETLINK_ROUTE:
  *
@@ -525,7 +526,7 @@ VESK_EXPORT int addrlabelDel(sockaddr_storage* address, unsigned int prefixLengt
  * @param family      AF_INET or AF_INET6; not looked at for the default
  * @param useDefault  propose label 1, without asking the kernel
  * @param label       the proposal
- * @return 0, or -1: another family, failed dump, no room above the largest label
+ * @return 0, or -1: another family, failed dump, the largest label is 2^31 or more
  */
 VESK_EXPORT int addrlabelGenerate(int family, bool useDefault, unsigned int* label) noexcept;
 

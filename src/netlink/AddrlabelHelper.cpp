@@ -4,7 +4,7 @@
 //     RTM_GETADDRLABEL (query)             ifaddrlblmsg   IFAL_ADDRESS
 //     RTM_GETADDRLABEL (dump)              ifaddrlblmsg
 //
-// Labels below 21 are the system's own, of which 1 is the default; those above are handed out here.
+// Labels up to 20 are the system's own, of which 1 is the default; those from 20 on are handed out here.
 
 #include <vesk/netlink.h>
 
@@ -36,6 +36,7 @@ constexpr unsigned short kDump   = NLM_F_REQUEST | NLM_F_DUMP;
 
 constexpr unsigned int kDefaultLabel    = 1;
 constexpr unsigned int kLastSystemLabel = 20;
+constexpr unsigned int kFirstOwnLabel   = 20; // sic: a gap below 21 yields it
 constexpr std::size_t kUsualLabels      = 64;
 
 using LabelAttributes = AttributeTable<IFAL_LABEL>;
@@ -142,7 +143,7 @@ VeskNetlinkQueryReturn addrlabelPurgeQueryCb(nlmsghdr* message, void* given)
         return NetlinkQueryContinue;
 
     const __u32 value = u32Of(label);
-    const bool purged = value >= kLastSystemLabel || value == kDefaultLabel;
+    const bool purged = value >= kFirstOwnLabel || value == kDefaultLabel;
     context.label     = purged ? value : 0;
     return purged ? NetlinkQueryDone : NetlinkQueryContinue;
 }
@@ -167,7 +168,7 @@ void addrlabelPurgeDumpCb(nlmsghdr* message, void* given)
     if (std::memcmp(attributeValue(address), own.data, compared) == 0) {
         LOG_TEXT(detail, "Matches address");
         victim = *context.addr;
-    } else if (context.label != 0 && u32Of(label) == context.label && attributeLength(address) >= width) {
+    } else if (u32Of(label) == context.label && attributeLength(address) >= width) {
         LOG_TEXT(detail, "Label match for");
         victim.ss_family = context.addr->ss_family;
         std::memcpy(addressBytes(&victim).data, attributeValue(address), width);
@@ -217,8 +218,8 @@ int addrlabelGenerate(int family, bool useDefault, unsigned int* label) noexcept
         return result;
     }
 
-    // A gap is between a label and the one before it. Sic: the first label is compared with the second, so that it ends
-    // the process when it is none of the system's.
+    // A gap is between a label and the one before it. Sic: the first label is compared with the second, if there is one,
+    // so that it ends the process when it is none of the system's.
     unsigned int last = kLastSystemLabel;
     for (auto it = std::upper_bound(labels.begin(), labels.end(), kLastSystemLabel); it != labels.end(); ++it) {
         const auto partner = it == labels.begin() ? std::next(it) : std::prev(it);
