@@ -132,9 +132,7 @@ TEST_F(Routes, AreLookedUpAsTheKernelWould)
 
 TEST(Rules, AreFoundAmongAThousand)
 {
-    const auto batch = [](const char* verb) {
-        return "seq 15500 16500 | grep -v 16000 | sed 's/.*/rule " + std::string(verb) + " priority & fwmark & table 1001/' | ip -batch -";
-    };
+    const auto batch = [](const char* verb) { return "seq 15500 16500 | grep -v 16000 | sed 's/.*/rule " + std::string(verb) + " priority & fwmark & table 1001/' | ip -batch -"; };
     output(batch("add"));
     LogCapture log;
     EXPECT_EQ(RTNetlinkGetRule("lo"), std::nullopt);
@@ -210,7 +208,7 @@ TEST_F(Qdiscs, OfThePlatformAreRefusedByMainline)
     EXPECT_EQ(RTNetlinkFlowControl(device, 0, 0x10000, 1, 0), -1);
     output("tc qdisc add dev wan0 root handle 1: prio");
     EXPECT_EQ(RTNetlinkFlowControl(device, 0, 0x10000, 0, 2), -1);
-    EXPECT_EQ(failures(log), refused + "RTNetlinkTCPrio(): tc qdisc transaction failed\n" + refused + "RTNetlinkFlowControl(): tc qdisc transaction failed\n" +
-                                 refused + "RTNetlinkFlowControl(): tc qdisc transaction failed\n");
+    EXPECT_EQ(failures(log), refused + "RTNetlinkTCPrio(): tc qdisc transaction failed\n" + refused + "RTNetlinkFlowControl(): tc qdisc transaction failed\n" + refused +
+                                 "RTNetlinkFlowControl(): tc qdisc transaction failed\n");
     EXPECT_EQ(RTNetlinkTCPrio(device, 0, 0x10000, 1), 0) << "deleting needs no options";
 }

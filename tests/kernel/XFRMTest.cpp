@@ -19,8 +19,7 @@ static void expectListed(const std::string& command, std::initializer_list<const
 struct States : testing::Test {
     void SetUp() override
     {
-        if (!succeeds("ip xfrm state add src 192.0.2.1 dst 192.0.2.2 proto esp spi 1 enc 'cbc(aes)' 0x00112233445566778899aabbccddeeff"))
-            GTEST_SKIP() << "this kernel has no ESP";
+        if (!succeeds("ip xfrm state add src 192.0.2.1 dst 192.0.2.2 proto esp spi 1 enc 'cbc(aes)' 0x00112233445566778899aabbccddeeff")) GTEST_SKIP() << "this kernel has no ESP";
         output("ip xfrm state flush");
     }
 };
@@ -32,18 +31,16 @@ TEST_F(States, AreInstalledWithEveryFieldAndRemoved)
     record.udp_encap_port = 0x3412; // 0x1234 in network order
     ASSERT_EQ(addXFRMStates(record, TRO_TECHNOLOGY_NAME_MARKED_RX_V01, 0x1, 0xff), 0);
     expectListed("ip xfrm state list src 192.0.2.1",
-                 {"dst 198.51.100.7", "proto esp spi 0x11223344 reqid 0 mode tunnel", "replay-window 0 flag nopmtudisc af-unspec\n",
-                  "output-mark 0x20001/0x200ff", "auth-trunc hmac(sha256) 0xa1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1 128\n",
-                  "enc cbc(aes) 0xc1c1c1c1c1c1c1c1c1c1c1c1c1c1c1c1\n", "encap type espinudp sport 4660 dport 4500 addr 0.0.0.0"});
+                 {"dst 198.51.100.7", "proto esp spi 0x11223344 reqid 0 mode tunnel", "replay-window 0 flag nopmtudisc af-unspec\n", "output-mark 0x20001/0x200ff",
+                  "auth-trunc hmac(sha256) 0xa1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1 128\n", "enc cbc(aes) 0xc1c1c1c1c1c1c1c1c1c1c1c1c1c1c1c1\n",
+                  "encap type espinudp sport 4660 dport 4500 addr 0.0.0.0"});
     expectListed("ip xfrm state list src 198.51.100.7", {"dst 192.0.2.1", "proto esp spi 0x55667788", "flag af-unspec\n", "output-mark 0x20002/0xffffffff",
                                                          "auth-trunc hmac(sha256) 0xa2a2", "enc cbc(aes) 0xc2c2", "sport 4500 dport 4660"});
-    expectListed("ip -s xfrm state",
-                 {"limit: soft (INF)(bytes), hard (INF)(bytes)", "limit: soft (INF)(packets), hard (INF)(packets)", "expire add: soft 0(sec), hard 0(sec)"});
+    expectListed("ip -s xfrm state", {"limit: soft (INF)(bytes), hard (INF)(bytes)", "limit: soft (INF)(packets), hard (INF)(packets)", "expire add: soft 0(sec), hard 0(sec)"});
 
     LogCapture log;
     EXPECT_EQ(addXFRMStates(record, kTechnology, 0, 0), -1) << "they exist";
-    EXPECT_EQ(failures(log),
-              "messageTransact(): kernel reports error -17\naddXFRMState(): sending XFRM state failed\naddXFRMStates(): setting TX XFRM state failed\n");
+    EXPECT_EQ(failures(log), "messageTransact(): kernel reports error -17\naddXFRMState(): sending XFRM state failed\naddXFRMStates(): setting TX XFRM state failed\n");
     EXPECT_EQ(removeXFRMStates(record), 0);
     EXPECT_EQ(output("ip xfrm state"), "");
 }
@@ -66,8 +63,7 @@ TEST_F(States, TakeEveryAlgorithm)
     };
     const char *local = "192.0.2.1", *remote = "198.51.100.7", *local6 = "2001:db8::1", *remote6 = "2001:db8::2";
     installs(local, remote, 3, 1, 9, 1, 8, 7, 16, {"enc cbc(des) 0x0001020304050607\n", "auth-trunc hmac(md5) 0x000102030405060708090a0b0c0d0e0f 96"});
-    installs(local, remote, 3, 2, 10, 1, 24, 5, 20,
-             {"enc cbc(des3_ede) 0x", "auth-trunc hmac(sha1) 0x000102030405060708090a0b0c0d0e0f10111213 96", "mode transport"});
+    installs(local, remote, 3, 2, 10, 1, 24, 5, 20, {"enc cbc(des3_ede) 0x", "auth-trunc hmac(sha1) 0x000102030405060708090a0b0c0d0e0f10111213 96", "mode transport"});
     installs(local6, remote6, 3, 1, 12, 2, 20, 12, 16,
              {"enc rfc3686(ctr(aes)) 0x000102030405060708090a0b0c0d0e0f10111213\n", "auth-trunc xcbc(aes) 0x", "src 2001:db8::1 dst 2001:db8::2"});
     installs(local6, remote6, 3, 2, 19, 1, 32, 20, 48, {"enc cbc(aes) 0x", "auth-trunc hmac(sha384) 0x", "mode transport"});
@@ -81,11 +77,9 @@ TEST_F(States, OfAHAreRefusedForTheirCipher)
     record.ipsec_protocol = 2;
     LogCapture log;
     EXPECT_EQ(addXFRMStates(record, kTechnology, 0, 0), -1);
-    EXPECT_EQ(failures(log),
-              "messageTransact(): kernel reports error -22\naddXFRMState(): sending XFRM state failed\naddXFRMStates(): setting TX XFRM state failed\n");
+    EXPECT_EQ(failures(log), "messageTransact(): kernel reports error -22\naddXFRMState(): sending XFRM state failed\naddXFRMStates(): setting TX XFRM state failed\n");
 
-    output(
-        "ip xfrm state add src 192.0.2.1 dst 198.51.100.7 proto ah spi 0x11223344 mode tunnel auth-trunc 'hmac(sha1)' 0x000102030405060708090a0b0c0d0e0f10111213 96");
+    output("ip xfrm state add src 192.0.2.1 dst 198.51.100.7 proto ah spi 0x11223344 mode tunnel auth-trunc 'hmac(sha1)' 0x000102030405060708090a0b0c0d0e0f10111213 96");
     EXPECT_EQ(removeXFRMStates(record), 0);
     EXPECT_EQ(output("ip xfrm state"), "");
 }
@@ -120,11 +114,10 @@ TEST(Policies, AreListedWithTheirTemplates)
     std::string here = "10.0.0.0/8", there = "10.1.0.0/0x10";
     ASSERT_EQ(addXFRMPolicies(record, here, there, 17, true), 0);
     ASSERT_EQ(addXFRMPolicies(record, there, here, 17, false), 0);
-    expectListed("ip xfrm policy list dir out", {"src 10.0.0.0/8 dst 10.1.0.0/16 proto udp", "dir out priority 100", "tmpl src 192.0.2.1 dst 198.51.100.7",
-                                                 "proto esp spi 0x11223344 reqid 0 mode tunnel"});
+    expectListed("ip xfrm policy list dir out",
+                 {"src 10.0.0.0/8 dst 10.1.0.0/16 proto udp", "dir out priority 100", "tmpl src 192.0.2.1 dst 198.51.100.7", "proto esp spi 0x11223344 reqid 0 mode tunnel"});
     for (const char* direction : {"in", "fwd"})
-        expectListed(std::string("ip xfrm policy list dir ") + direction,
-                     {"src 10.1.0.0/16 dst 10.0.0.0/8 proto udp", "tmpl src 198.51.100.7 dst 192.0.2.1", "spi 0x55667788"});
+        expectListed(std::string("ip xfrm policy list dir ") + direction, {"src 10.1.0.0/16 dst 10.0.0.0/8 proto udp", "tmpl src 198.51.100.7 dst 192.0.2.1", "spi 0x55667788"});
 
     EXPECT_EQ(addXFRMPolicies(record, there, here, 17, false), -1) << "it exists";
     EXPECT_EQ(removeXFRMPolicies(here, there, 17, true) + removeXFRMPolicies(there, here, 17, false), 0);

@@ -50,15 +50,14 @@ TEST(Building, PutsBlocksOnTheWire)
            [](M& m) { m.addMsgPayload(6, kBytes), m.addMsgPayload(4, kBytes + 2); });
     builds("an empty payload is a block of no bytes", "10000000 3412 0500 00000000 00000000 |", [](M& m) { m.addMsgPayload(0, nullptr); });
     builds("the payload goes first, each width of value is padded",
-           "38000000 3412 0500 00000000 00000000 | a1a2a3a4 | 0500 0100 11000000 | 0600 0200 22220000 | 0800 0300 33333333 | 0900 0400 a1a2a3a4 a5000000",
-           [](M& m) {
+           "38000000 3412 0500 00000000 00000000 | a1a2a3a4 | 0500 0100 11000000 | 0600 0200 22220000 | 0800 0300 33333333 | 0900 0400 a1a2a3a4 a5000000", [](M& m) {
                m.addNLAttribute(1, static_cast<unsigned char>(0x11)), m.addNLAttribute(2, static_cast<unsigned short>(0x2222));
                m.addNLAttribute(3, 0x33333333u), m.addNLAttribute(4, 5, kBytes), m.addMsgPayload(4, kBytes);
            });
     builds("a value may be empty; one of negative length is no attribute", "14000000 3412 0500 00000000 00000000 | 0400 0700",
            [](M& m) { m.addNLAttribute(7, 0, nullptr), m.addNLAttribute(8, -1, kBytes); });
-    builds("texts carry their NUL, and a string those inside it",
-           "2c000000 3412 0500 00000000 00000000 | 0900 0100 7072696f 00000000 | 0500 0200 00000000 | 0800 0300 61006200", [](M& m) {
+    builds("texts carry their NUL, and a string those inside it", "2c000000 3412 0500 00000000 00000000 | 0900 0100 7072696f 00000000 | 0500 0200 00000000 | 0800 0300 61006200",
+           [](M& m) {
                char text[] = "prio";
                std::string two("a\0b", 3);
                m.addNLAttribute(1, text), m.addNLAttribute(2, ""), m.addNLAttribute(3, two);
@@ -82,11 +81,9 @@ TEST(Building, GoesOnWithoutWhatCannotBeAdded)
     const Sends child = route("18000000 3412 0500 00000000 00000000 | 0800 0300 03000000");
     const LogLine payload = core(4, "%s(): adding payload failed", "addMsgPayload");
 
-    check("no memory for a payload: the earlier one is gone, its length still counts",
-          request([](auto& m) { m.addMsgPayload(4, kBytes), m.addMsgPayload(6, kBytes); }), -1, route("14000000 3412 0500 00000000 00000000"),
-          {payload, sentShort(16, 20)}, {}, outOfMemory(2));
-    check("a negative length is a failed allocation", request([](auto& m) { m.addMsgPayload(-5, kBytes); }), 0, route("10000000 3412 0500 00000000 00000000"),
-          {payload, kAcked});
+    check("no memory for a payload: the earlier one is gone, its length still counts", request([](auto& m) { m.addMsgPayload(4, kBytes), m.addMsgPayload(6, kBytes); }), -1,
+          route("14000000 3412 0500 00000000 00000000"), {payload, sentShort(16, 20)}, {}, outOfMemory(2));
+    check("a negative length is a failed allocation", request([](auto& m) { m.addMsgPayload(-5, kBytes); }), 0, route("10000000 3412 0500 00000000 00000000"), {payload, kAcked});
     check("no memory for an attribute", request([](auto& m) { m.addNLAttribute(9, 1u), m.addNLAttribute(3, 3u); }), 0, child,
           {core(4, "%s(): adding attribute of type %d failed", "addNLAttribute", 9), kAcked}, {}, outOfMemory(1));
     check("no memory for a nest: its end does not touch the child in its place", request([](auto& m) {
@@ -104,8 +101,8 @@ TEST(Building, GoesOnWithoutWhatCannotBeAdded)
               misuse(m, {0, 0});
           }),
           0, child, {core(4, "%s(): invalid attribute handle %zu: %s", "endNestedNLAttribute", std::size_t{0}, "not a nested attribute"), kAcked});
-    check("no memory for the scatter list", request([](auto& m) { m.addMsgPayload(4, kBytes); }), -1, kNothing,
-          {core(4, "%s(): msg allocation failed", "messageSend")}, {}, outOfMemory(2));
+    check("no memory for the scatter list", request([](auto& m) { m.addMsgPayload(4, kBytes); }), -1, kNothing, {core(4, "%s(): msg allocation failed", "messageSend")}, {},
+          outOfMemory(2));
     check("a value that the length field cannot hold is never sent whole", request([](auto& m) {
               static unsigned char big[65532];
               m.addNLAttribute(1, sizeof big, big);
@@ -124,8 +121,8 @@ TEST(Building, ServesOneRequest)
           },
           -1, {{{NETLINK_ROUTE, "14000000 3412 0100 00000000 00000000 | a1a2a3a4"}, {NETLINK_ROUTE, "24000000 3412 0100 00000000 00000000 | a1a2a3a4"}}},
           {core(2, "%s(): not requesting ACK for NL message\n", "messageTransact"), sentShort(20, 36)});
-    check("a cleared payload still counts", request([](auto& m) { m.addMsgPayload(4, kBytes), m.clearMsgPayload(); }), -1,
-          route("14000000 3412 0500 00000000 00000000"), {sentShort(16, 20)});
+    check("a cleared payload still counts", request([](auto& m) { m.addMsgPayload(4, kBytes), m.clearMsgPayload(); }), -1, route("14000000 3412 0500 00000000 00000000"),
+          {sentShort(16, 20)});
     check("cleared attributes are freed once",
           [] {
               NetlinkMessage msg;

@@ -108,8 +108,7 @@ TEST(Exchange, TransactTakesTheFirstError)
     gets("a positive error", replies({"24000000 0200 0000 00000000 00000000  02000000 16*00"}), ENOENT, {refused(ENOENT), kNoExtAckText});
     gets("4,096 bytes are read", replies({"dc0f0000 1000 0000 00000000 00000000 999*00 999*00 999*00 999*00 48*00" + kAck}), 0, {kAcked});
     gets("and no more", replies({"e00f0000 1000 0000 00000000 00000000 999*00 999*00 999*00 999*00 52*00" + kAck}), -1, {noAck});
-    gets("nothing", {failedReceive(ENOBUFS)}, -1,
-         {core(4, "%s(): receiving NL ACK from kernel failed: errno=[%d, %s]", "messageTransact", ENOBUFS, "No buffer space available")});
+    gets("nothing", {failedReceive(ENOBUFS)}, -1, {core(4, "%s(): receiving NL ACK from kernel failed: errno=[%d, %s]", "messageTransact", ENOBUFS, "No buffer space available")});
 }
 
 TEST(Exchange, FindsExtendedText)
@@ -125,28 +124,24 @@ TEST(Exchange, FindsExtendedText)
         check(what, transact(protocol), -EINVAL, kAnything, log, {replies({refusal})});
     };
 
-    gets("the echo ends in 12 bytes of attributes, the walk arrives at the text", "34000000" + tlvs + "14000000 4800 0506 0c000200 aaaaaaaa bbbbbbbb" + text,
-         true, NETLINK_ROUTE);
+    gets("the echo ends in 12 bytes of attributes, the walk arrives at the text", "34000000" + tlvs + "14000000 4800 0506 0c000200 aaaaaaaa bbbbbbbb" + text, true, NETLINK_ROUTE);
     gets("it does not end so", "34000000" + tlvs + "14000000 4800 0506 00000000 00000000 bbbbbbbb" + text, false, NETLINK_ROUTE);
     gets("capped: the walk starts in the echoed header", "30000000" + capped + "18000000 0c00 0500 00000000 00000000" + text, true, NETLINK_ROUTE);
-    gets("the last text wins, a type of 7 is no text",
-         "44000000" + tlvs + "14000000 4800 0506 0c000200 00000000 00000000 0700 0100 61626300" + text + "0800 0700 63636300", true, NETLINK_ROUTE);
-    gets("a text without NUL ends where its attribute does", "34000000" + tlvs + "14000000 4800 0506 0c000200 00000000 00000000 0900 0100 6e6f20676f 666666",
-         true, NETLINK_ROUTE);
+    gets("the last text wins, a type of 7 is no text", "44000000" + tlvs + "14000000 4800 0506 0c000200 00000000 00000000 0700 0100 61626300" + text + "0800 0700 63636300", true,
+         NETLINK_ROUTE);
+    gets("a text without NUL ends where its attribute does", "34000000" + tlvs + "14000000 4800 0506 0c000200 00000000 00000000 0900 0100 6e6f20676f 666666", true, NETLINK_ROUTE);
     gets("the echo of an SA ends in key bytes that look like a text, which must not be logged",
          "30000000" + tlvs + "1c000000 1000 0500 00000000 00000000 0c000100 53454352 45540000", false, NETLINK_XFRM);
-    gets("nor may those of an SA's update, where the text begins later",
-         "34000000" + tlvs + "20000000 1a00 0500 00000000 00000000 53454352 04000200 08000100 53454352", false, NETLINK_XFRM);
-    gets("what follows the echo may", "3c000000" + tlvs + "1c000000 1a00 0500 00000000 00000000 0c000100 53454352 45540000" + text, true, NETLINK_XFRM);
-    gets("the echo of another XFRM request has no keys", "30000000" + tlvs + "1c000000 1300 0500 00000000 00000000 0c000100 6e6f2067 6f000000", true,
+    gets("nor may those of an SA's update, where the text begins later", "34000000" + tlvs + "20000000 1a00 0500 00000000 00000000 53454352 04000200 08000100 53454352", false,
          NETLINK_XFRM);
+    gets("what follows the echo may", "3c000000" + tlvs + "1c000000 1a00 0500 00000000 00000000 0c000100 53454352 45540000" + text, true, NETLINK_XFRM);
+    gets("the echo of another XFRM request has no keys", "30000000" + tlvs + "1c000000 1300 0500 00000000 00000000 0c000100 6e6f2067 6f000000", true, NETLINK_XFRM);
     gets("nor has that of another protocol", "30000000" + tlvs + "1c000000 1000 0500 00000000 00000000 0c000100 6e6f2067 6f000000", true, NETLINK_ROUTE);
 }
 
 TEST(Exchange, QueryStopsWhenTheCallbackIsSatisfied)
 {
-    const auto gets = [](const char* what, VeskNetlinkQueryReturn verdict, bool required, const std::vector<Reply>& answer, int messages, int result,
-                         const Log& log) {
+    const auto gets = [](const char* what, VeskNetlinkQueryReturn verdict, bool required, const std::vector<Reply>& answer, int messages, int result, const Log& log) {
         check(what, query(verdict, required, messages), result, route("10000000 1a00 0100 00000000 00000000"), log, {answer});
     };
     const auto reported = [](int error) { return core(4, "%s(): kernel reports error %d", "messageQuery", error); };
@@ -168,8 +163,7 @@ TEST(Exchange, QueryStopsWhenTheCallbackIsSatisfied)
     gets("an error message of 35 bytes", NetlinkQueryDone, false, replies({kShortErr}), 0, -1, {invalid});
     gets("nothing", NetlinkQueryDone, false, {failedReceive(EINTR)}, 0, -1,
          {core(4, "%s(): receiving query response from kernel failed: errno=[%d, %s]", "messageQuery", EINTR, "Interrupted system call")});
-    check("no callback", [] { return NetlinkMessage().messageQuery(); }, -1, kNothing,
-          {core(4, "%s(): attempting to query without valid callback. Aborting", "messageQuery")});
+    check("no callback", [] { return NetlinkMessage().messageQuery(); }, -1, kNothing, {core(4, "%s(): attempting to query without valid callback. Aborting", "messageQuery")});
 }
 
 TEST(Exchange, DumpGoesOnUntilDone)
@@ -195,8 +189,7 @@ TEST(Exchange, DumpGoesOnUntilDone)
     gets("an end of 19 bytes", replies({"13000000 0300 0200 00000000 00000000 000000 00"}), 0, -1, {core(4, "%s(): invalid dump done message", "messageDump")});
     gets("nothing after a datagram", {reply(hex(kOther)), failedReceive(ENOBUFS)}, 1, -1,
          {errors("%s(): receiving NL dump failed. errno=[%d %s]", ENOBUFS, "No buffer space available")});
-    check("no callback", [] { return NetlinkMessage().messageDump(); }, -1, kNothing,
-          {core(4, "%s(): attempting to dump without valid callback. Aborting", "messageDump")});
+    check("no callback", [] { return NetlinkMessage().messageDump(); }, -1, kNothing, {core(4, "%s(): attempting to dump without valid callback. Aborting", "messageDump")});
 }
 
 TEST(Attributes, AreFoundByType)
@@ -239,11 +232,9 @@ TEST(GenericFamily, IsLookedUpByName)
           {{{NETLINK_GENERIC, "20000000 1000 0100 00000000 00000000 | 03 02 0000 | 0b00 0200 6e6c6374 726c0000"}}}, {},
           {replies({"14000000 1000 0000 00000000 00000000 01020000"
                     "24000000 1000 0000 00000000 00000000 01020000 0600 0100 1000 0000 0600 0100 1c01 0000"})});
-    check("an empty name; an id without its two bytes", lookUp("", 0xffff), -1,
-          {{{NETLINK_GENERIC, "1c000000 1000 0100 00000000 00000000 | 03 02 0000 | 0500 0200 00000000"}}},
+    check("an empty name; an id without its two bytes", lookUp("", 0xffff), -1, {{{NETLINK_GENERIC, "1c000000 1000 0100 00000000 00000000 | 03 02 0000 | 0500 0200 00000000"}}},
           {core(4, "%s(): netlink query response not found", "messageQuery"), failed}, {replies({"18000000 1000 0000 00000000 00000000 01020000 0400 0100"})});
-    check("an unknown name", lookUp("x", 0xffff), -1, kAnything, {core(4, "%s(): kernel reports error %d", "messageQuery", -ENOENT), kNoExtAckText, failed},
-          {{refusal(-ENOENT)}});
+    check("an unknown name", lookUp("x", 0xffff), -1, kAnything, {core(4, "%s(): kernel reports error %d", "messageQuery", -ENOENT), kNoExtAckText, failed}, {{refusal(-ENOENT)}});
 }
 
 TEST(ExchangeDeathTest, EndsTheProcess)

@@ -21,8 +21,8 @@ TEST(Operations, ConfigureAnAddress)
     const auto cfg = "RTNetlinkAddressCfg";
 
     check("add", address("wlan0", "192.0.2.1", 24, AddressAdd, 60), 0, route("34000000 1400 0500" + v4 + "ffffffff ffffffff 00000000 00000000"), {kAcked});
-    check("deprecate, for 0 seconds", address("wlan0", "192.0.2.1", 24, AddressDeprecate, 0), 0,
-          route("34000000 1400 0501" + v4 + "00000000 00000000 00000000 00000000"), {kAcked});
+    check("deprecate, for 0 seconds", address("wlan0", "192.0.2.1", 24, AddressDeprecate, 0), 0, route("34000000 1400 0501" + v4 + "00000000 00000000 00000000 00000000"),
+          {kAcked});
     check("renew", address("wlan0", "192.0.2.1", 24, AddressRenew, 60), 0, route("34000000 1400 0501" + v4 + "ffffffff ffffffff 00000000 00000000"), {kAcked});
     check("add as deprecated, for 60 seconds", address("wlan0", "192.0.2.1", 24, AddressAddDeprecated, 60), 0,
           route("34000000 1400 0500" + v4 + "00000000 3c000000 00000000 00000000"), {kAcked});
@@ -30,11 +30,10 @@ TEST(Operations, ConfigureAnAddress)
           route("40000000 1400 0501 00000000 00000000 | 00 08 00 00 01000000 |"
                 "1400 0200 20010db8 00000000 00000000 00000001 | 1400 0600 ffffffff ffffffff 00000000 00000000"),
           {kAcked});
-    check("the device is tested before the family", address("wlan9", "none", 24, AddressAdd, 0), -1, kNothing,
-          {rtnl(4, "%s(): no duch device %s", cfg, "wlan9")});
+    check("the device is tested before the family", address("wlan9", "none", 24, AddressAdd, 0), -1, kNothing, {rtnl(4, "%s(): no duch device %s", cfg, "wlan9")});
     check("neither IPv4 nor IPv6", address("wlan0", "none", 24, AddressAdd, 0), -1, kNothing, {rtnl(4, "%s(): invalid addr family %u", cfg, 0)});
-    check("refused", address("wlan0", "192.0.2.1", 24, AddressAdd, 0), -1, kAnything,
-          {refused(-EOPNOTSUPP), kNoExtAckText, rtnl(4, "%s(): configuring address failed", cfg)}, {{refusal(-EOPNOTSUPP)}});
+    check("refused", address("wlan0", "192.0.2.1", 24, AddressAdd, 0), -1, kAnything, {refused(-EOPNOTSUPP), kNoExtAckText, rtnl(4, "%s(): configuring address failed", cfg)},
+          {{refusal(-EOPNOTSUPP)}});
 }
 
 static const auto gso = [](std::string device, unsigned short size) { return Operation([=]() mutable { return RTNetlinkSetGSOMaxSize(device, size); }); };
@@ -46,8 +45,7 @@ TEST(Operations, SetTheGSOSize)
     check("two bytes", gso("wlan0", 65534), 0, route("28000000 1000 0500 00000000 00000000 | 00 00 0000 03000000 00000000 00000000 | 0600 2900 feff0000"),
           {kAcked, rtnl(1, "%s(): configured gso max size %u for dev %s", set, 65534, "wlan0")});
     check("no such device", gso("wlan9", 1), -1, kNothing, {rtnl(4, "%s(): no such device %s", set, "wlan9")});
-    check("refused", gso("lo", 1), -1, kAnything, {refused(-ERANGE), kNoExtAckText, rtnl(4, "%s(): configuring gso max size failed for dev %s", set, "lo")},
-          {{refusal(-ERANGE)}});
+    check("refused", gso("lo", 1), -1, kAnything, {refused(-ERANGE), kNoExtAckText, rtnl(4, "%s(): configuring gso max size failed for dev %s", set, "lo")}, {{refusal(-ERANGE)}});
 }
 
 static Operation modify(decltype(addrlabelAdd)* operation, const char* text, unsigned prefix)
@@ -69,8 +67,8 @@ TEST(Operations, ModifyLabels)
                 "0800 0200 45230100 | 0800 0100 c0000201"),
           {kAcked});
     check("neither IPv4 nor IPv6", modify(addrlabelAdd, "none", 64), -1, kNothing, {labels(4, "%S(): invalid addr family %u", "addrlabelModify", 0)});
-    check("refused", modify(addrlabelAdd, "fe80::1", 64), -1, kAnything,
-          {refused(-EEXIST), kNoExtAckText, labels(4, "%s(): modifying address label failed", "addrlabelModify")}, {{refusal(-EEXIST)}});
+    check("refused", modify(addrlabelAdd, "fe80::1", 64), -1, kAnything, {refused(-EEXIST), kNoExtAckText, labels(4, "%s(): modifying address label failed", "addrlabelModify")},
+          {{refusal(-EEXIST)}});
 }
 
 // Attributes of replies: a length, a type, a value.
@@ -116,11 +114,9 @@ TEST(Routes, AreLookedUpUnderAMark)
     rejects(message("34", "1800", "12*00", kTable + kGateway + "0800 0400 09000000"),
             rtnl(4, "%s(): Outgoing interface device lookup failed with error - %d %s", cb, ENXIO, "No such device or address"));
     check("another family", getRoute("198.51.100.7", 0, ""), -1, kNothing, {rtnl(4, "%s(): Invalid family %u", name, 0)});
-    check("no address", getRoute("10.0.0.300", AF_INET, ""), -1, kNothing,
-          {rtnl(4, "%s(): inet_pton failed on destonation address %s with error %d", name, "10.0.0.300", 0)});
+    check("no address", getRoute("10.0.0.300", AF_INET, ""), -1, kNothing, {rtnl(4, "%s(): inet_pton failed on destonation address %s with error %d", name, "10.0.0.300", 0)});
     check("unreachable", getRoute("198.51.100.7", AF_INET, ""), -1, kAnything,
-          {core(4, "%s(): kernel reports error %d", "messageQuery", -ENETUNREACH), kNoExtAckText, rtnl(4, "%s(): Getting routes failed", name)},
-          {{refusal(-ENETUNREACH)}});
+          {core(4, "%s(): kernel reports error %d", "messageQuery", -ENETUNREACH), kNoExtAckText, rtnl(4, "%s(): Getting routes failed", name)}, {{refusal(-ENETUNREACH)}});
 }
 
 TEST(Routes, AreInstalledAndRemovedThroughTheGateway)
@@ -137,32 +133,26 @@ TEST(Routes, AreInstalledAndRemovedThroughTheGateway)
                     rtnl(1, "%s(): Got router address %s", "RTNetlinkGetRoute", "192.0.2.1")};
     const char *add = "RTNetlinkAddRoute", *del = "RTNetlinkDeleteRoute";
 
-    check("installed", change(RTNetlinkAddRoute, "198.51.100.7"), 0, sent("1800 0506"),
-          found + Log{kAcked, rtnl(1, "%s(): Successfully installed ip route", add)}, {replies({kRoute})});
+    check("installed", change(RTNetlinkAddRoute, "198.51.100.7"), 0, sent("1800 0506"), found + Log{kAcked, rtnl(1, "%s(): Successfully installed ip route", add)},
+          {replies({kRoute})});
     check("refused", change(RTNetlinkAddRoute, "198.51.100.7"), -1, sent("1800 0506"),
           found + Log{refused(-EEXIST), kNoExtAckText, rtnl(4, "%s(): Failed to install ip route", add)}, {replies({kRoute}), {refusal(-EEXIST)}});
     check("removed, nobody waits for an answer", change(RTNetlinkDeleteRoute, "198.51.100.7"), 0, sent("1900 0100"),
-          found + Log{core(2, "%s(): not requesting ACK for NL message\n", "messageTransact"), rtnl(1, "%s(): Successfully removed ip route", del)},
-          {replies({kRoute})});
+          found + Log{core(2, "%s(): not requesting ACK for NL message\n", "messageTransact"), rtnl(1, "%s(): Successfully removed ip route", del)}, {replies({kRoute})});
     check("not sent", change(RTNetlinkDeleteRoute, "198.51.100.7"), -1, kAnything,
-          found + Log{core(4, "%s(): sending NL message failed. errno=[%d, %s]", "messageSend", EPERM, "Operation not permitted"),
-                      rtnl(4, "%s(): Failed to remove ip route", del)},
+          found + Log{core(4, "%s(): sending NL message failed. errno=[%d, %s]", "messageSend", EPERM, "Operation not permitted"), rtnl(4, "%s(): Failed to remove ip route", del)},
           {replies({kRoute})}, [](ScriptedKernel& kernel) { kernel.fail(Call::SendMsg, EPERM, 2); });
 
     const LogLine noGateway = rtnl(1, "%s(): Got router address %s", "RTNetlinkGetRoute", "");
-    const Log unreachable{core(4, "%s(): kernel reports error %d", "messageQuery", -ENETUNREACH), kNoExtAckText,
-                          rtnl(4, "%s(): Getting routes failed", "RTNetlinkGetRoute")};
+    const Log unreachable{core(4, "%s(): kernel reports error %d", "messageQuery", -ENETUNREACH), kNoExtAckText, rtnl(4, "%s(): Getting routes failed", "RTNetlinkGetRoute")};
     for (const auto& [operation, name, badDestination, badGateway] :
-         {std::tuple(&RTNetlinkAddRoute, add, "%s(): inet_pton failed on destination address %s with error %d",
-                     "%s(): inet_pton failed on gateway address %s - rc %d"),
-          std::tuple(&RTNetlinkDeleteRoute, del, "%s(): inet_pton failed on source address %s - rc %d",
-                     "%s(): inet_pton failed on source address %s - rc %d")}) {
+         {std::tuple(&RTNetlinkAddRoute, add, "%s(): inet_pton failed on destination address %s with error %d", "%s(): inet_pton failed on gateway address %s - rc %d"),
+          std::tuple(&RTNetlinkDeleteRoute, del, "%s(): inet_pton failed on source address %s - rc %d", "%s(): inet_pton failed on source address %s - rc %d")}) {
         check("another family", change(operation, "198.51.100.7", 18), -1, kNothing, {rtnl(4, "%s(): Invalid family %u", name, 18)});
         check("no address", change(operation, "fe80::1"), -1, kNothing, {rtnl(4, badDestination, name, "fe80::1", 0)});
         check("no gateway", change(operation, "198.51.100.7"), -1, route(kRouteGet), {noGateway, rtnl(4, badGateway, name, "", 0)}, {{reply({})}});
         check("unreachable", change(operation, "198.51.100.7"), -1, route(kRouteGet),
-              unreachable + Log{rtnl(4, "%s(): Unable to get gateway address address %s mark %u with error %d", name, "198.51.100.7", 42, -1)},
-              {{refusal(-ENETUNREACH)}});
+              unreachable + Log{rtnl(4, "%s(): Unable to get gateway address address %s mark %u with error %d", name, "198.51.100.7", 42, -1)}, {{refusal(-ENETUNREACH)}});
     }
 }
 
@@ -182,9 +172,7 @@ TEST(Rules, AreFoundByPriorityAndTable)
     const Sends dump = route("1c000000 2200 0103" + kSeqPid + "02 11*00");
     const LogLine invalid = rtnl(4, "%s(): Invalid fwmark 0x%04x/0x%04x for dev %s", name, 0, 0, "wlan0");
     const auto dumped = [](const std::string& attributes, const char* length = "3c") { return message(length, "2000", "12*00", attributes); };
-    const auto passes = [&](const std::string& rule, const LogLine& line) {
-        check(line.text.c_str(), getRule("wlan0", 0, 0), 0, dump, {line, invalid}, {replies({rule, kEnd})});
-    };
+    const auto passes = [&](const std::string& rule, const LogLine& line) { check(line.text.c_str(), getRule("wlan0", 0, 0), 0, dump, {line, invalid}, {replies({rule, kEnd})}); };
     const auto matches = [&](unsigned m, unsigned k) { return rtnl(1, "%s(): fwmark 0x%04x/0x%04x", cb, m, k); };
 
     check("the last of two", getRule("wlan0", 0x12345, 0x1ff), 1, dump,
@@ -207,18 +195,16 @@ TEST(Rules, AreFoundByPriorityAndTable)
     check("no such device", getRule("wlan9", 0, 0), 0, dump,
           {rtnl(4, "%s(): Unable to ifindex for dev %s", cb, "wlan9"), rtnl(4, "%s(): Invalid fwmark 0x%04x/0x%04x for dev %s", name, 0, 0, "wlan9")},
           {replies({dumped(priority + mark + mask + table), kEnd})});
-    check(
-        "an index whose table would pass 32 bits", getRule("last", 0, 0), 0, dump,
-        {rtnl(3, "%s(): Table index is not as expected for dev %s", cb, "last"), rtnl(4, "%s(): Invalid fwmark 0x%04x/0x%04x for dev %s", name, 0, 0, "last")},
-        {replies({dumped(priority + mark + mask + "0800 0f00 e7030000 "), kEnd})}, [](ScriptedKernel& kernel) { kernel.addInterface("last", 0xffffffff); });
-    check("the dump fails", getRule("wlan0", 0, 0), 0, dump, {dumpRefused(), rtnl(4, "%s(): Getting rules failed for dev %s", name, "wlan0")},
-          {{refusal(-EPERM)}});
+    check("an index whose table would pass 32 bits", getRule("last", 0, 0), 0, dump,
+          {rtnl(3, "%s(): Table index is not as expected for dev %s", cb, "last"), rtnl(4, "%s(): Invalid fwmark 0x%04x/0x%04x for dev %s", name, 0, 0, "last")},
+          {replies({dumped(priority + mark + mask + "0800 0f00 e7030000 "), kEnd})}, [](ScriptedKernel& kernel) { kernel.addInterface("last", 0xffffffff); });
+    check("the dump fails", getRule("wlan0", 0, 0), 0, dump, {dumpRefused(), rtnl(4, "%s(): Getting rules failed for dev %s", name, "wlan0")}, {{refusal(-EPERM)}});
 }
 
 // Labels
 
-static std::string entry(const std::string& label, const std::string& address = "1400 0100 fe80 13*00 01 ",
-                         const char* familyPrefixIndex = "0a 00 40 00 03000000", const char* length = "38")
+static std::string entry(const std::string& label, const std::string& address = "1400 0100 fe80 13*00 01 ", const char* familyPrefixIndex = "0a 00 40 00 03000000",
+                         const char* length = "38")
 {
     return message(length, "4800", familyPrefixIndex + std::string(" 00000000"), address + label);
 }
@@ -249,8 +235,7 @@ TEST(Labels, AreGeneratedBelowTheFirstGap)
         return all;
     };
     const auto proposes = [&](std::initializer_list<unsigned> values, int random, unsigned label, const Log& log = {}) {
-        check("labels", generate(AF_INET6, false, label), label == untouched ? -1 : 0, dump, log, {dumped(values)},
-              [=](ScriptedKernel& kernel) { kernel.setRandom(random); });
+        check("labels", generate(AF_INET6, false, label), label == untouched ? -1 : 0, dump, log, {dumped(values)}, [=](ScriptedKernel& kernel) { kernel.setRandom(random); });
     };
     check("the default", generate(3, true, 1), 0, kNothing, {});
     check("another family", generate(258, false, untouched), -1, kNothing, {labels(4, "%s(): invalid addr type 0x%x", name, 258)});
@@ -315,8 +300,7 @@ TEST(Labels, ArePurgedWithTheirCompanions)
     check("of a prefix of 63 bits 7 bytes are compared; others stay", purge("fe80::1", 63), 0,
           {{{NETLINK_ROUTE, query}, {NETLINK_ROUTE, dump}, deletes(one, "fe80 13*00 01", "3f")}}, {address, kAcked},
           {replies({entry(one, "1400 0100 fe80 13*00 01 ", "0a 00 3f 00 03000000")}),
-           replies({entry(seven, "1400 0100 fe80 0000 0000 00 ff 8*00 ", "0a 00 3e 00 03000000") +
-                        entry(seven, "1400 0100 fe80 0000 0000 00 ff 8*00 ", "0a 00 3f 00 00000000") +
+           replies({entry(seven, "1400 0100 fe80 0000 0000 00 ff 8*00 ", "0a 00 3e 00 03000000") + entry(seven, "1400 0100 fe80 0000 0000 00 ff 8*00 ", "0a 00 3f 00 00000000") +
                         entry(one, "1400 0100 fe80 0000 0000 00 ff 8*00 ", "0a 00 3f 00 03000000"),
                     kEnd})});
     check("IPv4: the whole address counts, whatever the prefix", purge("192.0.2.1", 24), 0,
@@ -325,12 +309,9 @@ TEST(Labels, ArePurgedWithTheirCompanions)
             {NETLINK_ROUTE, "2c000000 4900 0500" + kSeqPid + "02 00 18 00 03000000 00000000 | 0800 0200 14000000 | 0800 0100 c0000202"}}},
           {companion, kAcked},
           {replies({entry(twenty, "0800 0100 c0000200 ", "02 00 18 00 03000000", "2c")}),
-           replies({entry(twenty, "0800 0100 c0000202 ", "02 00 18 00 03000000", "2c") + entry(seven, "0800 0100 c0000203 ", "02 00 18 00 03000000", "2c"),
-                    kEnd})});
+           replies({entry(twenty, "0800 0100 c0000202 ", "02 00 18 00 03000000", "2c") + entry(seven, "0800 0100 c0000203 ", "02 00 18 00 03000000", "2c"), kEnd})});
 
-    const auto leaves = [&](const char* what, const std::string& found, const Log& log) {
-        check(what, purge("fe80::1", 64), 0, route(query), log, {replies({found})});
-    };
+    const auto leaves = [&](const char* what, const std::string& found, const Log& log) { check(what, purge("fe80::1", 64), 0, route(query), log, {replies({found})}); };
     leaves("labels of the system's", entry("0800 0200 02000000 ") + entry("0800 0200 06000000 ") + entry("0800 0200 13000000 "), {});
     leaves("label 0, then an entry of another prefix", entry("0800 0200 00000000 ") + entry(twenty, other, "0a 00 41 00 03000000"), {});
     leaves("another family", entry(twenty, other, "02 00 40 00 03000000"), {});
@@ -346,10 +327,9 @@ TEST(Labels, ArePurgedWithTheirCompanions)
                                               kEnd})});
     check("another family", purge("none", 64), -1, kNothing, {labels(4, "%s(): invalid addr type 0x%x", name, 0)});
     check("the query fails", purge("fe80::1", 64), -1, route(query),
-          {core(4, "%s(): kernel reports error %d", "messageQuery", -EPERM), kNoExtAckText, labels(4, "%s(): querying label failed", name)},
-          {{refusal(-EPERM)}});
-    check("the dump fails", purge("fe80::1", 64), -1, {{{NETLINK_ROUTE, query}, {NETLINK_ROUTE, dump}}},
-          {dumpRefused(), labels(4, "%s(): dumping labels failed", name)}, {replies({entry(twenty)}), {refusal(-EPERM)}});
+          {core(4, "%s(): kernel reports error %d", "messageQuery", -EPERM), kNoExtAckText, labels(4, "%s(): querying label failed", name)}, {{refusal(-EPERM)}});
+    check("the dump fails", purge("fe80::1", 64), -1, {{{NETLINK_ROUTE, query}, {NETLINK_ROUTE, dump}}}, {dumpRefused(), labels(4, "%s(): dumping labels failed", name)},
+          {replies({entry(twenty)}), {refusal(-EPERM)}});
 }
 
 TEST(Qdiscs, AreAddedDeletedAndChanged)
@@ -365,28 +345,23 @@ TEST(Qdiscs, AreAddedDeletedAndChanged)
     const std::string kind = "0900 0100 7072696f 00000000", five = " | 2000 0280 | 1c00 0200 05000000 03040404 03040202 04030201 00000000 01 000000";
     const auto three = [](const std::string& enable) { return " | 2000 0280 | 1c00 0200 03000000 01020202 01020000 01010101 01010101 " + enable + " 010101"; };
     const auto trace = [](const char* word, unsigned parent, const char* state) {
-        return rtnl(1, "%s(): sending nlmsg \"tc qdisc %s dev %s parent:0x%x hndl:0x%x prio flow %s", "RTNetlinkFlowControl", word, "wlan0", parent, 0x10000,
-                    state);
+        return rtnl(1, "%s(): sending nlmsg \"tc qdisc %s dev %s parent:0x%x hndl:0x%x prio flow %s", "RTNetlinkFlowControl", word, "wlan0", parent, 0x10000, state);
     };
 
     check("any kind", qdisc("wlan0", "pfifo", 0x20001, 0), 0, route("30000000 2400 0506" + child + "0a00 0100 70666966 6f000000"), {kAcked});
     check("deleted", qdisc("wlan0", "pfifo", 0, 1), 0, route("30000000 2500 0500" + root + "0a00 0100 70666966 6f000000"), {kAcked});
     check("five bands", prio("wlan0", 0), 0, route("50000000 2400 0506" + root + kind + five), {kAcked});
     check("deleted", prio("wlan0", 1), 0, route("30000000 2500 0500" + root + kind), {kAcked});
-    check("three bands and the switch", flow("wlan0", 0, 7, 0), 0, route("50000000 2400 0506" + root + kind + three("07")),
-          {trace("add", 0xffffffff, "enable"), kAcked});
+    check("three bands and the switch", flow("wlan0", 0, 7, 0), 0, route("50000000 2400 0506" + root + kind + three("07")), {trace("add", 0xffffffff, "enable"), kAcked});
     check("changed", flow("wlan0", 0x20001, 0, 2), 0, route("50000000 2400 0500" + child + kind + three("00")), {trace("change", 0x20001, "disable"), kAcked});
     check("deleted", flow("wlan0", 0, 0, 1), 0, route("30000000 2500 0500" + root + kind), {trace("del", 0xffffffff, "disable"), kAcked});
-    for (const auto& [operation, name] :
-         {std::pair(Operation(qdisc("wlan0", "pfifo", 0, 1)), "RTNetlinkTCQdisc"), std::pair(Operation(prio("wlan0", 1)), "RTNetlinkTCPrio"),
-          std::pair(Operation(flow("wlan0", 0, 1, 1)), "RTNetlinkFlowControl")})
+    for (const auto& [operation, name] : {std::pair(Operation(qdisc("wlan0", "pfifo", 0, 1)), "RTNetlinkTCQdisc"), std::pair(Operation(prio("wlan0", 1)), "RTNetlinkTCPrio"),
+                                          std::pair(Operation(flow("wlan0", 0, 1, 1)), "RTNetlinkFlowControl")})
         notable(name, operation, -1, kAnything, refusedBy(-ENOENT, rtnl(4, "%s(): tc qdisc transaction failed", name)), {{refusal(-ENOENT)}});
-    for (const auto& [operation, name] :
-         {std::pair(Operation(qdisc("wlan9", "pfifo", 0, 9)), "RTNetlinkTCQdisc"), std::pair(Operation(prio("wlan9", 0)), "RTNetlinkTCPrio"),
-          std::pair(Operation(flow("wlan9", 0, 1, 0)), "RTNetlinkFlowControl")})
+    for (const auto& [operation, name] : {std::pair(Operation(qdisc("wlan9", "pfifo", 0, 9)), "RTNetlinkTCQdisc"), std::pair(Operation(prio("wlan9", 0)), "RTNetlinkTCPrio"),
+                                          std::pair(Operation(flow("wlan9", 0, 1, 0)), "RTNetlinkFlowControl")})
         check(name, operation, -1, kNothing, {rtnl(4, "%s(): no such device %s", name, "wlan9")});
-    for (const auto& [operation, name] :
-         {std::pair(Operation(qdisc("wlan0", "pfifo", 0, 2)), "RTNetlinkTCQdisc"), std::pair(Operation(prio("wlan0", 255)), "RTNetlinkTCPrio"),
-          std::pair(Operation(flow("wlan0", 0, 1, 3)), "RTNetlinkFlowControl")})
+    for (const auto& [operation, name] : {std::pair(Operation(qdisc("wlan0", "pfifo", 0, 2)), "RTNetlinkTCQdisc"), std::pair(Operation(prio("wlan0", 255)), "RTNetlinkTCPrio"),
+                                          std::pair(Operation(flow("wlan0", 0, 1, 3)), "RTNetlinkFlowControl")})
         check(name, operation, -1, kNothing, {rtnl(4, "%s(): tc qdisc invalid flag operation", name)});
 }

@@ -28,9 +28,7 @@ static const auto install = [](Record record, tro_technology_name_enum_v01 techn
     return Operation([=]() mutable { return addXFRMStates(record, technology, 0x20003, 0x200ff); });
 };
 
-static const auto update = [](Record record) {
-    return Operation([=]() mutable { return updateXFRMStates(record, TRO_TECHNOLOGY_NAME_MARKED_RX_V01, 0x20003, 0x200ff); });
-};
+static const auto update = [](Record record) { return Operation([=]() mutable { return updateXFRMStates(record, TRO_TECHNOLOGY_NAME_MARKED_RX_V01, 0x20003, 0x200ff); }); };
 
 static const auto removal = [](Record record) { return Operation([=]() mutable { return removeXFRMStates(record); }); };
 
@@ -52,8 +50,7 @@ static std::string txOf(const std::string& type)
 
 static std::string rxOf(const std::string& type)
 {
-    return "bc010000 " + type + " 0500" + kSeqPid + "56*00" + kLocal + "55667788 32000000" + kRemote + kLimits + "0200 01 00 20 7*00 |" + kKeysRx +
-           "0800 1d00 02000200";
+    return "bc010000 " + type + " 0500" + kSeqPid + "56*00" + kLocal + "55667788 32000000" + kRemote + kLimits + "0200 01 00 20 7*00 |" + kKeysRx + "0800 1d00 02000200";
 }
 
 // Lines that many logs share
@@ -83,35 +80,32 @@ TEST(States, AreInstalledTxThenRx)
         r.udp_encap_port = 0x3412;                                                        // 0x1234 in network order
     });
     check("ESP over IPv4, in UDP", install(inUdp), 0,
-          requests(NETLINK_XFRM, {"e0010000 1000 0500" + kSeqPid + "56*00" + kRemote + "11223344 32000000" + kLocal + kLimits + "0200 01 00 24 7*00 |" +
-                                      kKeysTx + "1c00 0400 0200 1234 1194 0000 16*00 |" + kMarksTx,
-                                  "d0010000 1000 0500" + kSeqPid + "56*00" + kLocal + "55667788 32000000" + kRemote + kLimits + "0200 01 00 20 7*00 |" +
-                                      kKeysRx + "1c00 0400 0200 1194 1234 0000 16*00"}),
-          Log{kInsertTx} + half("esp", "tunnel", 0x11223344, ports(0x1234, 4500), 0x24, "") + marks +
-              half("esp", "tunnel", 0x55667788, ports(4500, 0x1234), 0x20, "") + Log{kAcked});
+          requests(NETLINK_XFRM, {"e0010000 1000 0500" + kSeqPid + "56*00" + kRemote + "11223344 32000000" + kLocal + kLimits + "0200 01 00 24 7*00 |" + kKeysTx +
+                                      "1c00 0400 0200 1234 1194 0000 16*00 |" + kMarksTx,
+                                  "d0010000 1000 0500" + kSeqPid + "56*00" + kLocal + "55667788 32000000" + kRemote + kLimits + "0200 01 00 20 7*00 |" + kKeysRx +
+                                      "1c00 0400 0200 1194 1234 0000 16*00"}),
+          Log{kInsertTx} + half("esp", "tunnel", 0x11223344, ports(0x1234, 4500), 0x24, "") + marks + half("esp", "tunnel", 0x55667788, ports(4500, 0x1234), 0x20, "") +
+              Log{kAcked});
 
     Record ah = v6();
     ah.ipsec_protocol = ah.encap_mode = 2;
     ah.remote_addr.addr_len = 20, ah.local_addr.addr_len = 8; // above 16 counts as 16; 8 leaves the rest zero
     check("AH over IPv6, transport mode, the technology with a mark for RX", install(ah, TRO_TECHNOLOGY_NAME_MARKED_RX_V01), 0,
-          requests(NETLINK_XFRM, {"c4010000 1000 0500" + kSeqPid + "56*00" + kRemote6 + "11223344 33000000 fe80 14*00 " + kLimits + "0a00 00 00 24 7*00 |" +
-                                      kKeysTx + kMarksTx,
-                                  "bc010000 1000 0500" + kSeqPid + "56*00 fe80 14*00 55667788 33000000" + kRemote6 + kLimits + "0a00 00 00 20 7*00 |" +
-                                      kKeysRx + "0800 1d00 02000200"}),
+          requests(NETLINK_XFRM,
+                   {"c4010000 1000 0500" + kSeqPid + "56*00" + kRemote6 + "11223344 33000000 fe80 14*00 " + kLimits + "0a00 00 00 24 7*00 |" + kKeysTx + kMarksTx,
+                    "bc010000 1000 0500" + kSeqPid + "56*00 fe80 14*00 55667788 33000000" + kRemote6 + kLimits + "0a00 00 00 20 7*00 |" + kKeysRx + "0800 1d00 02000200"}),
           Log{kInsertTx} + half("ah", "transport", 0x11223344, kNoEncap, 0x24, "6") + marks + half("ah", "transport", 0x55667788, kNoEncap, 0x20, "6") +
               Log{xfrm(2, "%s():\t..output_mark = 0x%x\n", state, 0x20002), kAcked});
     notable("an address of no family stays zero; of the protocol the low byte counts; the kernel refuses",
             install(v4([](Record& r) { r.local_addr.ip_type = 5, r.remote_addr.ip_type = 7, r.ipsec_protocol = 0x103; })), -1,
-            requests(NETLINK_XFRM,
-                     {"c4010000 1000 0500" + kSeqPid + "56*00 16*00 11223344 32000000 16*00 " + kLimits + "0000 01 00 24 7*00 |" + kKeysTx + kMarksTx}),
-            Log{kInsertTx, xfrm(4, "%s(): invalid addr family %u\n", "setXFRMAddrFromBexa", 5),
-                xfrm(4, "%s(): invalid addr family %u\n", "setXFRMAddrFromBexa", 7), kNoEncap} +
+            requests(NETLINK_XFRM, {"c4010000 1000 0500" + kSeqPid + "56*00 16*00 11223344 32000000 16*00 " + kLimits + "0000 01 00 24 7*00 |" + kKeysTx + kMarksTx}),
+            Log{kInsertTx, xfrm(4, "%s(): invalid addr family %u\n", "setXFRMAddrFromBexa", 5), xfrm(4, "%s(): invalid addr family %u\n", "setXFRMAddrFromBexa", 7), kNoEncap} +
                 refusedBy(-EINVAL, kNotSent) + Log{kTxFailed},
             {{refusal(-EINVAL)}});
-    notable("RX is refused, TX stays", install(v4()), -1, kAnything,
-            Log{kInsertTx, kNoEncap, kAcked, kInsertRx, kNoEncap} + refusedBy(-EEXIST, kNotSent) + Log{kRxFailed}, {{}, {refusal(-EEXIST)}});
-    for (const Change change : {Change([](Record& r) { r.udp_encap = 0; }), Change([](Record& r) { r.udp_encap_valid = 0; }),
-                                Change([](Record& r) { r.udp_encap_port_valid = 0; })}) {
+    notable("RX is refused, TX stays", install(v4()), -1, kAnything, Log{kInsertTx, kNoEncap, kAcked, kInsertRx, kNoEncap} + refusedBy(-EEXIST, kNotSent) + Log{kRxFailed},
+            {{}, {refusal(-EEXIST)}});
+    for (const Change change :
+         {Change([](Record& r) { r.udp_encap = 0; }), Change([](Record& r) { r.udp_encap_valid = 0; }), Change([](Record& r) { r.udp_encap_port_valid = 0; })}) {
         Record record = inUdp;
         change(record);
         notable("UDP needs all three", install(record), 0, kAnything, {kInsertTx, kNoEncap, kAcked, kInsertRx, kNoEncap, kAcked});
@@ -162,8 +156,7 @@ TEST(States, RefuseARecord)
         notable(step.text.c_str(), install(v4(change)), -1, kNothing, {kInsertTx, step, xfrm(4, summary, "addXFRMState"), kTxFailed});
     };
     const auto rxRefuses = [](Change change, const LogLine& step, const char* summary) {
-        notable(step.text.c_str(), install(v4(change)), -1, kAnything,
-                {kInsertTx, kNoEncap, kAcked, kInsertRx, step, xfrm(4, summary, "addXFRMState"), kRxFailed});
+        notable(step.text.c_str(), install(v4(change)), -1, kAnything, {kInsertTx, kNoEncap, kAcked, kInsertRx, step, xfrm(4, summary, "addXFRMState"), kRxFailed});
     };
     refuses([](Record& r) { r.remote_addr_valid = 0; }, invalid, id);
     refuses([](Record& r) { r.local_addr_valid = r.spi_tx_valid = 0; }, invalid, id);
@@ -208,11 +201,11 @@ TEST(StatesDeathTest, EndTheProcessForAKeyBeyondItsField)
 }
 
 // A dumped SA, with 16 bytes of attributes unless the length says otherwise.
-static std::string dumped(const std::string& spiProtoFamily, const std::string& source, const std::string& destination,
-                          const std::string& attributes = "0400 0100 0400 0100 8*00", const std::string& length = "00010000")
+static std::string dumped(const std::string& spiProtoFamily, const std::string& source, const std::string& destination, const std::string& attributes = "0400 0100 0400 0100 8*00",
+                          const std::string& length = "00010000")
 {
-    return ' ' + length + " 1000 0200 00000000 00000000 56*00 " + destination + spiProtoFamily.substr(0, 8) + ' ' + spiProtoFamily.substr(9, 2) + "000000 " +
-           source + " 116*00 " + spiProtoFamily.substr(12) + " 01 00 00 7*00 " + attributes;
+    return ' ' + length + " 1000 0200 00000000 00000000 56*00 " + destination + spiProtoFamily.substr(0, 8) + ' ' + spiProtoFamily.substr(9, 2) + "000000 " + source + " 116*00 " +
+           spiProtoFamily.substr(12) + " 01 00 00 7*00 " + attributes;
 }
 
 static const std::string kTx = dumped("11223344 32 0200", kLocal, kRemote), kRx = dumped("55667788 32 0200", kRemote, kLocal);
@@ -220,8 +213,7 @@ static const std::string kTx = dumped("11223344 32 0200", kLocal, kRemote), kRx 
 TEST(States, AreFoundByProtocolSPIAndBothAddresses)
 {
     const auto passes = [](const char* what, const Record& record, const std::string& state, int level, const char* format) {
-        check(what, removal(record), 0, requests(NETLINK_XFRM, {"10000000 1200 0103 00000000 00000000"}), {xfrm(level, format, "removeXFRMStateCb")},
-              {replies({state, kEnd})});
+        check(what, removal(record), 0, requests(NETLINK_XFRM, {"10000000 1200 0103 00000000 00000000"}), {xfrm(level, format, "removeXFRMStateCb")}, {replies({state, kEnd})});
     };
     const char *protocol = "%s(): ignoring non-matching protocol", *spi = "%s(): ignoring non-matching SPI\n";
     const char *txAddress = "%s(): ignoring non-matching TX address\n", *rxAddress = "%s(): ignoring non-matching RX address\n";
@@ -239,8 +231,7 @@ TEST(States, AreFoundByProtocolSPIAndBothAddresses)
     passes("equal SPIs: TX wins", v4([](Record& r) { r.spi_rx = r.spi_tx; }), dumped("11223344 32 0200", kRemote, kLocal), 1, txAddress);
     passes("IPv6 SA, IPv4 record", v4(), dumped("11223344 32 0a00", kLocal, kRemote), 1, txAddress);
     passes("IPv4 SA, IPv6 record", v6(), dumped("11223344 32 0200", kLocal6, kRemote6), 1, txAddress);
-    passes("neither family", v4([](Record& r) { r.local_addr.ip_type = r.remote_addr.ip_type = 0; }), dumped("11223344 32 0000", kLocal, kRemote), 1,
-           txAddress);
+    passes("neither family", v4([](Record& r) { r.local_addr.ip_type = r.remote_addr.ip_type = 0; }), dumped("11223344 32 0000", kLocal, kRemote), 1, txAddress);
     passes("the last byte differs", v6(), dumped("11223344 32 0a00", kLocal6, "fe80 13*00 03 "), 1, txAddress);
 }
 
@@ -254,25 +245,20 @@ TEST(States, AreRemovedWhileTheDumpIsRead)
     Record ah = v6();
     ah.ipsec_protocol = 2, ah.local_addr.addr_len = 8; // all 16 bytes are compared
     ah.spi_tx_valid = ah.spi_rx_valid = ah.local_addr_valid = ah.remote_addr_valid = ah.ipsec_protocol_valid = 0;
-    check(
-        "both, whatever the flags say, without attributes; the second deletion fails", removal(ah), 0,
-        requests(NETLINK_XFRM, {"10000000 1200 0103 00000000 00000000", "3c000000 1100 0500" + kSeqPid + kRemote6 + "11223344 0a00 33 00 | 1400 0d00" + kLocal6,
-                                "3c000000 1100 0500" + kSeqPid + kLocal6 + "55667788 0a00 33 00 | 1400 0d00" + kRemote6}),
-        lines("%s(): removing TX XFRM state\n", 0x11223344) + Log{kAcked} + lines("%s(): removing RX XFRM state\n", 0x55667788) +
-            refusedBy(-ESRCH, xfrm(4, "%s(): deleting XFRM state failed\n", cb)),
-        {replies({dumped("11223344 33 0a00", kLocal6, kRemote6, "", "f0000000") + dumped("55667788 33 0a00", kRemote6, kLocal6), kEnd}),
-         {},
-         {refusal(-ESRCH)}});
-    notable("the dump fails", removal(v4()), -1, kAnything, {dumpRefused(), xfrm(4, "%s(): removing XFRM states failed", "removeXFRMStates")},
-            {{refusal(-EPERM)}});
+    check("both, whatever the flags say, without attributes; the second deletion fails", removal(ah), 0,
+          requests(NETLINK_XFRM, {"10000000 1200 0103 00000000 00000000", "3c000000 1100 0500" + kSeqPid + kRemote6 + "11223344 0a00 33 00 | 1400 0d00" + kLocal6,
+                                  "3c000000 1100 0500" + kSeqPid + kLocal6 + "55667788 0a00 33 00 | 1400 0d00" + kRemote6}),
+          lines("%s(): removing TX XFRM state\n", 0x11223344) + Log{kAcked} + lines("%s(): removing RX XFRM state\n", 0x55667788) +
+              refusedBy(-ESRCH, xfrm(4, "%s(): deleting XFRM state failed\n", cb)),
+          {replies({dumped("11223344 33 0a00", kLocal6, kRemote6, "", "f0000000") + dumped("55667788 33 0a00", kRemote6, kLocal6), kEnd}), {}, {refusal(-ESRCH)}});
+    notable("the dump fails", removal(v4()), -1, kAnything, {dumpRefused(), xfrm(4, "%s(): removing XFRM states failed", "removeXFRMStates")}, {{refusal(-EPERM)}});
 }
 
 TEST(States, AreUpdatedInPlace)
 {
     const char *cb = "queryXFRMStateCb", *name = "updateXFRMStates";
     const auto step = [&](const char* format) { return xfrm(3, format, name); };
-    const Log updates = Log{step("%s(): updating outgoing XFRM state\n"), kNoEncap, kAcked} +
-                        Log{step("%s(): updating incoming XFRM state\n"), kNoEncap, kAcked} +
+    const Log updates = Log{step("%s(): updating outgoing XFRM state\n"), kNoEncap, kAcked} + Log{step("%s(): updating incoming XFRM state\n"), kNoEncap, kAcked} +
                         Log{step("%s(): updating Sequence number TX\n"), kAcked, step("%s(): updating Sequence number RX\n"), kAcked};
     const auto counters = [](const std::string& length, const std::string& id, const std::string& replay) {
         return length + "1e00 0401 00000000 00000000 | " + id + " 16*00 8*00 | 0800 1d00 03000200 | 0800 1e00 ff000200 | " + replay;
@@ -309,23 +295,20 @@ TEST(States, AreUpdatedInPlace)
               counters("60000000", none, "1000 0a00 00000000 05000000 06000000"), counters("60000000", rxId, zeros));
     afterDump("records that are too short", replies({dumped("11223344 32 0200", kLocal, kRemote, "0c00 0a00 8*01 1800 1700 20*01", "14010000"), kEnd}), {tx},
               counters("60000000", txId, zeros), counters("60000000", none, zeros));
-    afterDump(
-        "a dump that fails half-way stops nothing, and what it had read counts", {replies({kTx})[0], failedReceive(EIO)},
-        {tx, core(4, "%s(): receiving NL dump failed. errno=[%d %s]", "messageDump", EIO, "Input/output error"), xfrm(4, "%s(): failed to query XFRM", name)},
-        counters("60000000", txId, zeros), counters("60000000", none, zeros));
+    afterDump("a dump that fails half-way stops nothing, and what it had read counts", {replies({kTx})[0], failedReceive(EIO)},
+              {tx, core(4, "%s(): receiving NL dump failed. errno=[%d %s]", "messageDump", EIO, "Input/output error"), xfrm(4, "%s(): failed to query XFRM", name)},
+              counters("60000000", txId, zeros), counters("60000000", none, zeros));
 
     const LogLine seqNotSent = xfrm(4, "%s(): sending XFRM state failed\n", "updateXFRMSeq");
     const std::vector<Reply> no{refusal(-ESRCH)};
     notable("TX fails: nothing else is tried", update(v4()), -1, kAnything,
             Log{updates[0], kNoEncap} + refusedBy(-ESRCH, kNotSent) + Log{xfrm(4, "%s(): updating TX XFRM state failed\n", name)}, {{}, no});
     notable("RX and TX's counters fail: RX's counters decide", update(v4()), 0, kAnything,
-            Log{updates[0], kNoEncap, kAcked, updates[3], kNoEncap} + refusedBy(-ESRCH, kNotSent) +
-                Log{xfrm(4, "%s(): updating RX XFRM state failed\n", name), updates[6]} + refusedBy(-ESRCH, seqNotSent) +
-                Log{xfrm(4, "%s(): updating sequence TX failed\n", name), updates[8], kAcked},
+            Log{updates[0], kNoEncap, kAcked, updates[3], kNoEncap} + refusedBy(-ESRCH, kNotSent) + Log{xfrm(4, "%s(): updating RX XFRM state failed\n", name), updates[6]} +
+                refusedBy(-ESRCH, seqNotSent) + Log{xfrm(4, "%s(): updating sequence TX failed\n", name), updates[8], kAcked},
             {{}, {}, no, no});
     notable("RX's counters fail", update(v4()), -1, kAnything,
-            Log(updates.begin(), updates.end() - 1) + refusedBy(-ESRCH, seqNotSent) + Log{xfrm(4, "%s(): updating sequence RX failed\n", name)},
-            {{}, {}, {}, {}, no});
+            Log(updates.begin(), updates.end() - 1) + refusedBy(-ESRCH, seqNotSent) + Log{xfrm(4, "%s(): updating sequence RX failed\n", name)}, {{}, {}, {}, {}, no});
 }
 
 static const auto addPolicies = [](Record record, std::string source, std::string destination, unsigned char protocol, bool outbound) {
@@ -341,10 +324,7 @@ static LogLine saddr(const char* text, unsigned prefix) { return xfrm(2, "%s()\t
 static LogLine daddr(const char* text, unsigned prefix) { return xfrm(2, "%s()\t..sel.daddr = %s/%u\n", "setXFRMSel", text, prefix); }
 
 // What follows the selector in a policy: no limits, nothing used; priority, index, direction.
-static std::string rest(const std::string& priority, const std::string& direction)
-{
-    return " 32*ff 32*00 32*00 " + priority + " 00000000 " + direction + " 00 00 00 00000000";
-}
+static std::string rest(const std::string& priority, const std::string& direction) { return " 32*ff 32*00 32*00 " + priority + " 00000000 " + direction + " 00 00 00 00000000"; }
 
 TEST(Policies, SteerASelectorIntoATemplate)
 {
@@ -357,19 +337,16 @@ TEST(Policies, SteerASelectorIntoATemplate)
     const Log exists = refusedBy(-EEXIST, xfrm(4, "%s(): sending XFRM policy failed\n", "addXFRMPolicy"));
 
     check("out, from its first to its last line", addPolicies(v4(), "10.0.0.0/8", "10.1.0.0/16", 17, true), 0,
-          requests(NETLINK_XFRM,
-                   {head + rest("64000000", "01") + " | 4400 0500" + kRemote + "11223344 32000000 0200 0000" + kLocal + "00000000 01 00 00 00 12*ff"}),
-          {out, saddr("10.0.0.0/8", 8), daddr("10.1.0.0/16", 16), xfrm(2, "%s()\t..sel.proto = %u\n", "setXFRMSel", 17),
-           xfrm(2, "%s():\t..id.proto = %s\n", id, "esp"), xfrm(2, "%s():\t..saddr = %s\n", id, ""), xfrm(2, "%s():\t..id.daddr = %s\n", id, ""),
-           xfrm(2, "%s():\t..id.spi = 0x%x\n", id, 0x11223344), xfrm(2, "%s():\t..mode = %s\n", "setXFRMMode", "tunnel"),
-           xfrm(2, "%s(): \t..tmpl.family = AF_INET%s\n", "setXFRMTmpl", ""), kAcked});
+          requests(NETLINK_XFRM, {head + rest("64000000", "01") + " | 4400 0500" + kRemote + "11223344 32000000 0200 0000" + kLocal + "00000000 01 00 00 00 12*ff"}),
+          {out, saddr("10.0.0.0/8", 8), daddr("10.1.0.0/16", 16), xfrm(2, "%s()\t..sel.proto = %u\n", "setXFRMSel", 17), xfrm(2, "%s():\t..id.proto = %s\n", id, "esp"),
+           xfrm(2, "%s():\t..saddr = %s\n", id, ""), xfrm(2, "%s():\t..id.daddr = %s\n", id, ""), xfrm(2, "%s():\t..id.spi = 0x%x\n", id, 0x11223344),
+           xfrm(2, "%s():\t..mode = %s\n", "setXFRMMode", "tunnel"), xfrm(2, "%s(): \t..tmpl.family = AF_INET%s\n", "setXFRMTmpl", ""), kAcked});
     notable("in, then fwd", addPolicies(v4(), "10.0.0.0/8", "10.1.0.0/16", 17, false), 0,
             requests(NETLINK_XFRM, {head + rest("64000000", "00") + tmplIn, head + rest("64000000", "02") + tmplIn}), {in, kAcked, fwd, kAcked});
     Record mixed = v4();
     mixed.remote_addr = modemAddress("fe80::2");
     notable("the family of the source counts", addPolicies(mixed, "10.0.0.0/8", "10.1.0.0/16", 17, true), 0,
-            requests(NETLINK_XFRM,
-                     {head + rest("64000000", "01") + " | 4400 0500" + kRemote6 + "11223344 32000000 0200 0000" + kLocal + "00000000 01 00 00 00 12*ff"}),
+            requests(NETLINK_XFRM, {head + rest("64000000", "01") + " | 4400 0500" + kRemote6 + "11223344 32000000 0200 0000" + kLocal + "00000000 01 00 00 00 12*ff"}),
             {out, kAcked});
     notable("in exists: fwd is not tried", addPolicies(v4(), "10.0.0.1", "", 0, false), -1, kAnything,
             Log{in} + exists + Log{xfrm(4, "%s(): inserting incoming XFRM policy failed", all)}, {{refusal(-EEXIST)}});
@@ -399,8 +376,8 @@ TEST(Policies, AreRemovedBySelectorAndDirection)
     const Log missing = refusedBy(-ENOENT, xfrm(4, "%s(): sending XFRM policy delete failed\n", "removeXFRMPolicy"));
 
     const auto selects = [&](const char* source, const char* destination, const Log& log, const std::string& selector) {
-        check(source, removePolicies(source, destination, true), 0,
-              requests(NETLINK_XFRM, {"50000000 1400 0500" + kSeqPid + selector + " 3*00 8*00 00000000 01 000000"}), Log{out} + log + Log{kAcked});
+        check(source, removePolicies(source, destination, true), 0, requests(NETLINK_XFRM, {"50000000 1400 0500" + kSeqPid + selector + " 3*00 8*00 00000000 01 000000"}),
+              Log{out} + log + Log{kAcked});
     };
     selects("10.0.0.0/8", "", {saddr("10.0.0.0/8", 8)}, "16*00 0a000000 12*00 8*00 0200 00 08 00");
     selects("", "fe80::1", {daddr("fe80::1", 128)}, "fe80 13*00 01 16*00 8*00 0a00 80 00 00");
@@ -415,10 +392,9 @@ TEST(Policies, AreRemovedBySelectorAndDirection)
 
     selects("10.0.0.0/1:2", "", {saddr("10.0.0.0/1:2", 1)}, "16*00 0a000000 12*00 8*00 0200 00 01 00"); // a colon in the prefix
     const std::string pair = "10*00 0a000000 12*00 8*00 0200 00 20 11 3*00 8*00 00000000 ";
-    notable(
-        "in, then fwd, of one protocol", removePolicies("10.0.0.0", "", false, 17), 0,
-        requests(NETLINK_XFRM, {"50000000 1400 0500" + kSeqPid + "6*00 " + pair + "00 000000", "50000000 1400 0500" + kSeqPid + "6*00 " + pair + "02 000000"}),
-        {in, kAcked, fwd, kAcked});
+    notable("in, then fwd, of one protocol", removePolicies("10.0.0.0", "", false, 17), 0,
+            requests(NETLINK_XFRM, {"50000000 1400 0500" + kSeqPid + "6*00 " + pair + "00 000000", "50000000 1400 0500" + kSeqPid + "6*00 " + pair + "02 000000"}),
+            {in, kAcked, fwd, kAcked});
 
     const auto refuses = [&](const char* source, const char* destination, const Log& log) {
         notable(source, removePolicies(source, destination, true), -1, kNothing,
@@ -426,8 +402,7 @@ TEST(Policies, AreRemovedBySelectorAndDirection)
     };
     refuses("", "", {xfrm(4, "%s(): selector must have either source or destination\n", "setXFRMSel")});
     refuses("10.0.0.1", "host:name/64",
-            {xfrm(4, "%s(): invalid IPv6 address %s\n", "setXFRMAddress", "host:name"),
-             xfrm(4, "%s(): setting selector destination address failed\n", "setXFRMSel")});
+            {xfrm(4, "%s(): invalid IPv6 address %s\n", "setXFRMAddress", "host:name"), xfrm(4, "%s(): setting selector destination address failed\n", "setXFRMSel")});
     notable("out is missing", removePolicies("10.0.0.1", "", true), -1, kAnything, Log{out} + missing + Log{outFailed}, {{refusal(-ENOENT)}});
     notable("in is missing: fwd is not touched", removePolicies("10.0.0.1", "", false), -1, kAnything,
             Log{in} + missing + Log{xfrm(4, "%s(): removing incoming XFRM policy failed", all)}, {{refusal(-ENOENT)}});
@@ -444,11 +419,9 @@ TEST(Policies, LetLinkLocalICMPv6Bypass)
         return 10 * added + removeXFRMPolicyEx(2);
     };
     check("added, and removed with the same selector", addAndRemove, 0,
-          requests(NETLINK_XFRM,
-                   {"b8000000 1300 0500" + kSeqPid + selector + rest("0a000000", "02"), "50000000 1400 0500" + kSeqPid + selector + "00000000 02 000000"}),
+          requests(NETLINK_XFRM, {"b8000000 1300 0500" + kSeqPid + selector + rest("0a000000", "02"), "50000000 1400 0500" + kSeqPid + selector + "00000000 02 000000"}),
           selected + Log{kAcked} + selected + Log{kAcked});
-    check("any direction is sent", [] { return addXFRMPolicyEx(3); }, -1,
-          requests(NETLINK_XFRM, {"b8000000 1300 0500" + kSeqPid + selector + rest("0a000000", "03")}),
+    check("any direction is sent", [] { return addXFRMPolicyEx(3); }, -1, requests(NETLINK_XFRM, {"b8000000 1300 0500" + kSeqPid + selector + rest("0a000000", "03")}),
           selected + refusedBy(-EINVAL, xfrm(4, "%s(): sending XFRM policy failed\n", "addXFRMPolicyEx")), {{refusal(-EINVAL)}});
 }
 
@@ -473,8 +446,8 @@ TEST(Migration, MovesTheLocalAddressAndBackWhenItFails)
         const std::string selector = direction == "01" ? there + here + "8*00 0200 10 08" : here + there + "8*00 0200 08 10";
         const std::string ports = direction == "01" ? " | 1c00 0400 0200 1234 1194 0000 16*00" : " | 1c00 0400 0200 1194 1234 0000 16*00";
         const bool back = families == "0a00 0200"; // the old record asks for no UDP
-        return (back ? "a0000000" : "bc000000") + std::string(" 2100 0500") + kSeqPid + selector + " 11 3*00 8*00 00000000 " + direction +
-               "000000 | 5000 1100" + addresses + "33 00 0000 00000000" + families + (back ? "" : ports);
+        return (back ? "a0000000" : "bc000000") + std::string(" 2100 0500") + kSeqPid + selector + " 11 3*00 8*00 00000000 " + direction + "000000 | 5000 1100" + addresses +
+               "33 00 0000 00000000" + families + (back ? "" : ports);
     };
     const std::string out = step(kRemote + kLocal + kRemote + moved, "0200 0a00", "01");
     const std::string in = step(kLocal + kRemote + moved + kRemote, "0200 0a00", "00");
@@ -493,14 +466,12 @@ TEST(Migration, MovesTheLocalAddressAndBackWhenItFails)
 
     Record unread = before;
     unread.encap_mode_valid = 0;
-    notable("three directions; the mode is that of the new record", migrate(unread, after), 0, requests(NETLINK_XFRM, {out, in, fwd}),
-            goOut + yes + goIn + yes + goFwd + yes);
+    notable("three directions; the mode is that of the new record", migrate(unread, after), 0, requests(NETLINK_XFRM, {out, in, fwd}), goOut + yes + goIn + yes + goFwd + yes);
     notable("out fails: nothing to move back", migrate(before, after), -1, requests(NETLINK_XFRM, {out}), goOut + no + Log{noOut}, {refuse});
     notable("in fails: out is moved back, which fails too", migrate(before, after), -1, requests(NETLINK_XFRM, {out, in, outBack}),
             goOut + yes + goIn + no + Log{noIn, kNoEncap} + no + Log{xfrm(4, "%s(): rolling back TX XFRM migration failed\n", all)}, {{}, refuse, refuse});
     notable("fwd fails: in, which fails too, and out are moved back", migrate(before, after), -1, requests(NETLINK_XFRM, {out, in, fwd, inBack, outBack}),
-            goOut + yes + goIn + yes + goFwd + no + Log{noFwd, kNoEncap} + no + Log{xfrm(4, "%s(): rolling back RX XFRM migration failed\n", all), kNoEncap} +
-                yes,
+            goOut + yes + goIn + yes + goFwd + no + Log{noFwd, kNoEncap} + no + Log{xfrm(4, "%s(): rolling back RX XFRM migration failed\n", all), kNoEncap} + yes,
             {{}, {}, refuse, refuse});
 
     const auto refuses = [](Change toBoth, Change toNew, const Log& log) {
@@ -517,13 +488,11 @@ TEST(Migration, MovesTheLocalAddressAndBackWhenItFails)
     refuses([](Record& r) { r.remote_addr.ip_type = 5; }, same, {peer});
     refuses([](Record& r) { r.remote_addr = modemAddress("fe80::1"), r.remote_addr.addr_len = 8; }, [](Record& r) { r.remote_addr.addr[15] = 2; }, {peer});
     refuses([](Record& r) { r.ipsec_protocol = 0x103; }, same, {goOut[0], xfrm(4, "%s(): invalid IPSEC protocol %d\n", "migrateOneXFRM", 0x103), noOut});
-    refuses(
-        [](Record& r) { r.encap_mode = 0; }, same,
-        {goOut[0], xfrm(4, "%s(): invalid XFRM mode 0x%x\n", "setXFRMMode", 0), xfrm(4, "%s(): setting XFRM state mode failed\n", "migrateOneXFRM"), noOut});
+    refuses([](Record& r) { r.encap_mode = 0; }, same,
+            {goOut[0], xfrm(4, "%s(): invalid XFRM mode 0x%x\n", "setXFRMMode", 0), xfrm(4, "%s(): setting XFRM state mode failed\n", "migrateOneXFRM"), noOut});
     std::string nonsense = "nonsense", there2 = "10.1.0.0/16";
     Record copy = v4();
     notable("no selector", [&] { return migrateXFRMInfo(copy, copy, nonsense, there2, 0); }, -1, kNothing,
-            {goOut[0], kNoEncap, xfrm(4, "%s(): invalid IPv4 address %s\n", "setXFRMAddress", "nonsense"),
-             xfrm(4, "%s(): setting selector source address failed\n", "setXFRMSel"), xfrm(4, "%s(): setting policy selector failed\n", "migrateOneXFRM"),
-             noOut});
+            {goOut[0], kNoEncap, xfrm(4, "%s(): invalid IPv4 address %s\n", "setXFRMAddress", "nonsense"), xfrm(4, "%s(): setting selector source address failed\n", "setXFRMSel"),
+             xfrm(4, "%s(): setting policy selector failed\n", "migrateOneXFRM"), noOut});
 }
