@@ -370,10 +370,10 @@ struct ScriptedKernel::Hooks {
 
     static int random() { return active->randomNumber; }
 
-    static void* allocate(std::size_t size, bool array)
+    static void* allocate(std::size_t size, bool array, Call form)
     {
         const Pause pause;
-        void* block = active->fails(Call::Allocate) ? nullptr : std::malloc(size);
+        void* block = active->fails(form) ? nullptr : std::malloc(size);
         if (block != nullptr) {
             std::memset(block, 0xee, size); // so that bytes which nobody wrote show
             active->blocks[block] = {size, array};
@@ -487,6 +487,9 @@ LogMgr& LogMgr::getInstance()
 void LogMgr::doLog(log_level level, const char* file, unsigned int line, const char* format, ...)
 {
     const Pause pause;
+    static const int lowest = lowestLogLevel();
+    if (capture == nullptr && level < lowest)
+        return;
     char text[2048];
     std::va_list arguments;
     va_start(arguments, format);
@@ -498,20 +501,21 @@ void LogMgr::doLog(log_level level, const char* file, unsigned int line, const c
         std::fprintf(stderr, "%d %s:%u %s\n", level, file, line, text);
 }
 
-static void* allocate(std::size_t size, bool array)
+// Not inlined, or g++ sees malloc() behind new and free() behind delete, and warns of both.
+__attribute__((noinline)) static void* allocate(std::size_t size, bool array, Call form = Call::Allocate)
 {
-    return watching ? Hooks::allocate(size, array) : std::malloc(size);
+    return watching ? Hooks::allocate(size, array, form) : std::malloc(size);
 }
 
-static void* allocateOrThrow(std::size_t size, bool array)
+__attribute__((noinline)) static void* allocateOrThrow(std::size_t size, bool array)
 {
-    void* block = allocate(size, array);
+    void* block = allocate(size, array, Call::AllocateOrThrow);
     if (block == nullptr)
         throw std::bad_alloc();
     return block;
 }
 
-static void release(void* block, bool array) noexcept
+__attribute__((noinline)) static void release(void* block, bool array) noexcept
 {
     if (watching)
         Hooks::release(block, array);

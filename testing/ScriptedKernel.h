@@ -89,7 +89,8 @@ struct LogLine {
     bool operator==(const LogLine& other) const;
 };
 
-/// What can be made to fail. `Allocate` is any operator new, during `run` only.
+/// What can be made to fail. `Allocate` is an operator new that yields null then, `AllocateOrThrow` one that throws; both
+/// during `run` only.
 enum class Call {
     Socket,
     SetSockOpt,
@@ -99,7 +100,8 @@ enum class Call {
     Close,
     NameToIndex,
     IndexToName,
-    Allocate
+    Allocate,
+    AllocateOrThrow
 };
 
 /// Keeps the log lines of the calling thread while it lives, also on a real kernel; one at a time.

@@ -2,23 +2,15 @@
 
 #include "FormatLogLine.h"
 
-#include <cstdlib>
-
 LogMgr& LogMgr::getInstance()
 {
     static LogMgr instance;
     return instance;
 }
 
-static int lowestLevel()
-{
-    const char* chosen = std::getenv("VESK_LOG_LEVEL");
-    return chosen != nullptr ? std::atoi(chosen) : log_level_notice;
-}
-
 void LogMgr::doLog(log_level level, const char* file, unsigned int line, const char* format, ...)
 {
-    static const int lowest = lowestLevel();
+    static const int lowest = lowestLogLevel();
     if (level < lowest)
         return;
 

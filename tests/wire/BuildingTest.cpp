@@ -156,6 +156,6 @@ TEST(BuildingDeathTest, EndsTheProcess)
     EXPECT_EXIT(msg.endNestedNLAttribute(later), killed, "endNestedNLAttribute\\(\\): .*overflow");
 
     ScriptedKernel kernel;
-    kernel.fail(Call::Allocate, 0, 2); // the list of attributes
+    kernel.fail(Call::AllocateOrThrow, 0); // the list of attributes
     EXPECT_EXIT(kernel.run(request([](auto& m) { m.addNLAttribute(1, 1u); })), killed, "");
 }
