@@ -1,8 +1,6 @@
 // All operations but those of IPsec: their requests byte for byte, their logs line by line.
 #include "WireTest.h"
 
-#include <linux/rtnetlink.h>
-
 using namespace wire;
 using namespace Vesk;
 

@@ -5,7 +5,7 @@
 
 #include <algorithm>
 
-#include <linux/xfrm.h>
+#include <pthread.h>
 
 using namespace wire;
 using namespace Vesk;
@@ -189,6 +189,26 @@ TEST(States, KeepTheirKeysToThemselves)
         for (const Bytes& block : kernel.freedBlocks()) EXPECT_EQ(std::search_n(block.begin(), block.end(), 8, static_cast<std::uint8_t>(byte)), block.end());
         for (const LogLine& line : kernel.log()) EXPECT_EQ(line.text.find(byte), std::string::npos) << line.text;
     }
+}
+
+static void* useKeys(void* record)
+{
+    ScriptedKernel kernel; // refuses TX, with its keys in the answer
+    kernel.answer(replies({"80000000 0200 0002 00000000 00000000 eaffffff 6c000000 1000 0500 8*00 46*c1 46*a1"}));
+    return addXFRMStates(*static_cast<Record*>(record), kTechnology, 0, 0) == -1 ? record : nullptr;
+}
+
+TEST(States, LeaveNoKeyOnTheStack)
+{
+    Record record = v4();
+    std::vector<std::uint8_t> stack(1 << 20);
+    pthread_attr_t attributes;
+    pthread_t thread;
+    void* refused = nullptr;
+    ASSERT_EQ(pthread_attr_init(&attributes) | pthread_attr_setstack(&attributes, stack.data(), stack.size()), 0);
+    ASSERT_EQ(pthread_create(&thread, &attributes, useKeys, &record) | pthread_join(thread, &refused), 0);
+    EXPECT_EQ(refused, &record);
+    for (const int byte : {0xc1, 0xa1}) EXPECT_EQ(std::search_n(stack.begin(), stack.end(), 8, static_cast<std::uint8_t>(byte)), stack.end());
 }
 
 TEST(StatesDeathTest, EndTheProcessForAKeyBeyondItsField)
