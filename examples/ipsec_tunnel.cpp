@@ -6,7 +6,7 @@
 // The library installs the tunnel at both ends. Ping crosses it; a capture of the link shows what really crossed. Then
 // the handset's address changes, and the tunnel moves with it while ping goes on.
 //
-// Needs root, iproute2, ping and tcpdump; `./dev demo` gives it a kernel to throw away. Ends with 1 when anything is not
+// Needs root, iproute2, ping, tcpdump and /etc/protocols; `./dev demo` gives it a kernel to throw away. Ends with 1 when anything is not
 // as it says.
 
 #include <vesk/netlink.h>
