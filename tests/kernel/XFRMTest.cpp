@@ -117,7 +117,8 @@ TEST(Policies, AreListedWithTheirTemplates)
     expectListed("ip xfrm policy list dir out",
                  {"src 10.0.0.0/8 dst 10.1.0.0/16 proto udp", "dir out priority 100", "tmpl src 192.0.2.1 dst 198.51.100.7", "proto esp spi 0x11223344 reqid 0 mode tunnel"});
     for (const char* direction : {"in", "fwd"})
-        expectListed(std::string("ip xfrm policy list dir ") + direction, {"src 10.1.0.0/16 dst 10.0.0.0/8 proto udp", "tmpl src 198.51.100.7 dst 192.0.2.1", "spi 0x55667788"});
+        expectListed(std::string("ip xfrm policy list dir ") + direction,
+                     {"src 10.1.0.0/16 dst 10.0.0.0/8 proto udp", "priority 100", "tmpl src 198.51.100.7 dst 192.0.2.1", "spi 0x55667788"});
 
     EXPECT_EQ(addXFRMPolicies(record, there, here, 17, false), -1) << "it exists";
     EXPECT_EQ(removeXFRMPolicies(here, there, 17, true) + removeXFRMPolicies(there, here, 17, false), 0);
