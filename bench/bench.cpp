@@ -1,463 +1,262 @@
 // What an operation costs beside other ways to say the same to the kernel:
 //
-//     floor      the same system calls, the request built beforehand, the least check of the reply
+//     floor      the same system calls, the request built beforehand (its pieces are gathered by sendmsg, as in this
+//                library), the least check of the reply
 //     library    this library
 //     libmnl     a fresh socket each time, as this library does; "kept" keeps one
 //     libnl      a fresh socket each time
+//     ip         the program, a process for each request
 //
-// Run as root in a network of its own. Each job checks that the kernel really did or answered what was asked. Ratios are
-// taken pair by pair, the floor and the other in alternation; the median of many short rounds and the middle half of them
-// are printed.
+// Run as root, in a network of its own. Each job checks that the kernel really did or answered what was asked. Ratios are
+// taken pair by pair, the floor and the other in alternation. Beside the times stand this library's instructions in user
+// space (callgrind), calls of operator new and system calls (strace) for one time.
+//
+//     bench [--benchmark_filter=…]    the table
+//     bench --times N JOB             only runs the library's part of a job, in the network as it is: what is counted
 
-#include <vesk/netlink.h>
+#include "Columns.h"
+#include "Jobs.h"
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
-#include <functional>
-#include <set>
-#include <stdexcept>
-#include <string>
-#include <vector>
+#include <iterator>
+#include <map>
+#include <new>
 
-#include <arpa/inet.h>
-#include <libmnl/libmnl.h>
-#include <linux/fib_rules.h>
-#include <linux/if_addrlabel.h>
-#include <linux/rtnetlink.h>
-#include <linux/xfrm.h>
-#include <netlink/attr.h>
-#include <netlink/msg.h>
-#include <netlink/netlink.h>
+#include <benchmark/benchmark.h>
 #include <sched.h>
 #include <unistd.h>
 
+static std::atomic<long> allocations = 0;
+
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept
+{
+    ++allocations;
+    return std::malloc(size);
+}
+
+void* operator new(std::size_t size)
+{
+    void* block = operator new(size, std::nothrow);
+    return block != nullptr ? block : throw std::bad_alloc();
+}
+
+void operator delete(void* block) noexcept
+{
+    std::free(block);
+}
+
+void operator delete(void* block, std::size_t) noexcept
+{
+    std::free(block);
+}
+
+using namespace Bench;
+
 namespace {
 
-using Bytes = std::vector<unsigned char>;
 using Clock = std::chrono::steady_clock;
 
-// A request, as every column builds it, and what its reply must hold.
-struct Ask {
-    int protocol;
-    std::uint16_t type, flags;
-    Bytes payload;
-    std::vector<std::pair<int, Bytes>> attributes;
-    std::size_t replyPayload                                 = 0;       // 0: an acknowledgement is waited for
-    std::function<void(std::vector<const nlattr*>&)> consume = nullptr; // sees the attributes of each message, by type
-};
+constexpr double kRound = 0.0005; // seconds, about
 
-constexpr unsigned int kMaxType = 31;
+// The columns beside the floor, and how many pairs of rounds each gets.
+const std::pair<const char*, int> kColumns[] = {
+    {"library", 401}, {"libmnl", 401}, {"libmnl, kept", 401}, {"libnl", 401}, {"ip", 21}};
 
-[[noreturn]] void fail(const std::string& what)
-{
-    throw std::runtime_error(what);
-}
-
-template <typename Value>
-Bytes bytesOf(const Value& value)
-{
-    const auto* from = reinterpret_cast<const unsigned char*>(&value);
-    return {from, from + sizeof value};
-}
-
-const void* valueOf(const nlattr* attribute)
-{
-    return reinterpret_cast<const char*>(attribute) + NLA_HDRLEN;
-}
-
-std::uint32_t u32Of(const nlattr* attribute)
-{
-    std::uint32_t value;
-    std::memcpy(&value, valueOf(attribute), sizeof value);
-    return value;
-}
-
-// The floor
-
-Bytes assembled(const Ask& ask)
-{
-    Bytes bytes(NLMSG_HDRLEN);
-    const auto add = [&bytes](const Bytes& more) {
-        bytes.insert(bytes.end(), more.begin(), more.end());
-        bytes.resize(NLMSG_ALIGN(bytes.size()));
-    };
-    add(ask.payload);
-    for (const auto& [type, value] : ask.attributes) {
-        add(bytesOf(nlattr{static_cast<__u16>(NLA_HDRLEN + value.size()), static_cast<__u16>(type)}));
-        add(value);
-    }
-    nlmsghdr header    = {};
-    header.nlmsg_len   = static_cast<__u32>(bytes.size());
-    header.nlmsg_type  = ask.type;
-    header.nlmsg_flags = ask.flags;
-    std::memcpy(bytes.data(), &header, sizeof header);
-    return bytes;
-}
-
-void viaFloor(const Ask& ask, const Bytes& request)
-{
-    const int fd = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, ask.protocol);
-    const int on = 1;
-    setsockopt(fd, SOL_NETLINK, NETLINK_EXT_ACK, &on, sizeof on);
-    sockaddr_nl address = {};
-    address.nl_family   = AF_NETLINK;
-    bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
-    if (send(fd, request.data(), request.size(), 0) != static_cast<ssize_t>(request.size()))
-        fail("send");
-    alignas(nlmsghdr) char buffer[4096];
-    for (bool done = false; !done;) {
-        const ssize_t size = recv(fd, buffer, sizeof buffer, 0);
-        if (size < static_cast<ssize_t>(NLMSG_HDRLEN))
-            fail("recv");
-        auto left = static_cast<unsigned int>(size);
-        for (auto* message = reinterpret_cast<nlmsghdr*>(buffer); NLMSG_OK(message, left);
-             message       = NLMSG_NEXT(message, left)) {
-            if (message->nlmsg_type == NLMSG_ERROR) {
-                if (static_cast<nlmsgerr*>(NLMSG_DATA(message))->error != 0)
-                    fail("refused");
-                done = true;
-            } else if (message->nlmsg_type == NLMSG_DONE) {
-                done = true;
-            } else {
-                static std::vector<const nlattr*> table(kMaxType + 1);
-                std::fill(table.begin(), table.end(), nullptr);
-                auto* at       = reinterpret_cast<char*>(message) + NLMSG_HDRLEN + ask.replyPayload;
-                const auto end = reinterpret_cast<char*>(message) + message->nlmsg_len;
-                while (at + NLA_HDRLEN <= end) {
-                    auto* attribute = reinterpret_cast<nlattr*>(at);
-                    if (attribute->nla_type <= kMaxType)
-                        table[attribute->nla_type] = attribute;
-                    at += NLA_ALIGN(attribute->nla_len);
-                }
-                ask.consume(table);
-                done = (message->nlmsg_flags & NLM_F_MULTI) == 0;
-            }
-        }
-    }
-    close(fd);
-}
-
-// libmnl
-
-int keepAttribute(const nlattr* attribute, void* table)
-{
-    if (mnl_attr_type_valid(attribute, kMaxType) > 0)
-        (*static_cast<std::vector<const nlattr*>*>(table))[mnl_attr_get_type(attribute)] = attribute;
-    return MNL_CB_OK;
-}
-
-int showMessage(const nlmsghdr* message, void* context)
-{
-    const auto& ask = *static_cast<const Ask*>(context);
-    static std::vector<const nlattr*> table(kMaxType + 1);
-    std::fill(table.begin(), table.end(), nullptr);
-    mnl_attr_parse(message, static_cast<unsigned int>(ask.replyPayload), keepAttribute, &table);
-    ask.consume(table);
-    return (message->nlmsg_flags & NLM_F_MULTI) != 0 ? MNL_CB_OK : MNL_CB_STOP;
-}
-
-mnl_socket* openMnl(int protocol)
-{
-    mnl_socket* socket = mnl_socket_open2(protocol, SOCK_CLOEXEC);
-    if (socket == nullptr || mnl_socket_bind(socket, 0, MNL_SOCKET_AUTOPID) < 0)
-        fail("libmnl socket");
-    return socket;
-}
-
-void exchangeMnl(mnl_socket* socket, const Ask& ask)
-{
-    char buffer[8192];
-    nlmsghdr* header    = mnl_nlmsg_put_header(buffer);
-    header->nlmsg_type  = ask.type;
-    header->nlmsg_flags = ask.flags;
-    std::memcpy(mnl_nlmsg_put_extra_header(header, ask.payload.size()), ask.payload.data(), ask.payload.size());
-    for (const auto& [type, value] : ask.attributes)
-        mnl_attr_put(header, static_cast<std::uint16_t>(type), value.size(), value.data());
-    if (mnl_socket_sendto(socket, header, header->nlmsg_len) < 0)
-        fail("libmnl send");
-    for (int verdict = MNL_CB_OK; verdict > MNL_CB_STOP;) {
-        const ssize_t size = mnl_socket_recvfrom(socket, buffer, sizeof buffer);
-        verdict = mnl_cb_run(buffer, static_cast<std::size_t>(size), 0, 0, ask.consume ? showMessage : nullptr,
-                             const_cast<Ask*>(&ask));
-        if (verdict < 0)
-            fail("libmnl: refused");
-    }
-}
-
-void viaMnl(const Ask& ask)
-{
-    mnl_socket* socket = openMnl(ask.protocol);
-    exchangeMnl(socket, ask);
-    mnl_socket_close(socket);
-}
-
-void viaKeptMnl(const Ask& ask)
-{
-    static mnl_socket* sockets[NETLINK_GENERIC + 1];
-    if (sockets[ask.protocol] == nullptr)
-        sockets[ask.protocol] = openMnl(ask.protocol);
-    exchangeMnl(sockets[ask.protocol], ask);
-}
-
-// libnl
-
-int showMessageNl(nl_msg* message, void* context)
-{
-    const auto& ask = *static_cast<const Ask*>(context);
-    static std::vector<const nlattr*> table(kMaxType + 1);
-    nlmsg_parse(nlmsg_hdr(message), static_cast<int>(ask.replyPayload), const_cast<nlattr**>(table.data()), kMaxType,
-                nullptr);
-    ask.consume(table);
-    return NL_OK;
-}
-
-void viaNl(const Ask& ask)
-{
-    nl_sock* socket = nl_socket_alloc();
-    nl_msg* message = nlmsg_alloc_simple(ask.type, ask.flags);
-    if (socket == nullptr || message == nullptr || nl_connect(socket, ask.protocol) < 0)
-        fail("libnl socket");
-    nlmsg_append(message, const_cast<unsigned char*>(ask.payload.data()), ask.payload.size(), NLMSG_ALIGNTO);
-    for (const auto& [type, value] : ask.attributes)
-        nla_put(message, type, static_cast<int>(value.size()), value.data());
-    int result = 0;
-    if (ask.consume == nullptr) {
-        result = nl_send_sync(socket, message); // frees the message
-    } else {
-        nl_socket_disable_auto_ack(socket);
-        nl_socket_modify_cb(socket, NL_CB_VALID, NL_CB_CUSTOM, showMessageNl, const_cast<Ask*>(&ask));
-        result = nl_send_auto(socket, message);
-        if (result >= 0)
-            result = nl_recvmsgs_default(socket);
-        nlmsg_free(message);
-    }
-    if (result < 0)
-        fail(std::string("libnl: ") + nl_geterror(result));
-    nl_socket_free(socket);
-}
-
-// The jobs
-
-struct Job {
-    std::string name;
-    std::vector<Ask> asks;
-    std::function<void()> viaLibrary;
-    std::function<void()> begin = [] {}; // before each time
-    std::function<void()> check = [] {}; // after each time
-};
-
-double microseconds(const std::function<void()>& once, int times)
+double seconds(const std::function<void()>& once, int times)
 {
     const auto start = Clock::now();
     for (int i = 0; i < times; ++i)
         once();
-    return std::chrono::duration<double, std::micro>(Clock::now() - start).count() / times;
+    return std::chrono::duration<double>(Clock::now() - start).count() / times;
 }
 
-void measure(const Job& job)
+std::function<void()> onceOf(const Job& job, const std::string& column)
 {
-    std::vector<Bytes> prebuilt;
-    for (const Ask& ask : job.asks)
-        prebuilt.push_back(assembled(ask));
-    const auto each = [&job](void (*via)(const Ask&)) {
-        return [&job, via] {
-            job.begin();
-            for (const Ask& ask : job.asks)
-                via(ask);
-            job.check();
+    if (column == "library")
+        return job.viaLibrary;
+    if (column == "ip")
+        return [&job] {
+            for (const auto& command : job.commands)
+                viaProcess(command);
         };
-    };
-    const std::function<void()> floor = [&] {
+    const auto via = column == "libnl" ? viaNl : column == "libmnl" ? viaMnl : viaKeptMnl;
+    return [&job, via] {
         job.begin();
-        for (std::size_t i = 0; i < job.asks.size(); ++i)
-            viaFloor(job.asks[i], prebuilt[i]);
+        for (const Ask& ask : job.asks)
+            via(ask);
         job.check();
     };
-    const std::pair<const char*, std::function<void()>> columns[] = {{"library", [&] { job.viaLibrary(); }},
-                                                                     {"libmnl", each(viaMnl)},
-                                                                     {"libmnl, kept", each(viaKeptMnl)},
-                                                                     {"libnl", each(viaNl)}};
+}
 
-    const double single = microseconds(floor, 3);
-    const int times     = std::max(1, static_cast<int>(2000 / single)); // about 2 ms a round
-    std::printf("%-28s floor %8.1f us", job.name.c_str(), microseconds(floor, times));
-    for (const auto& [name, once] : columns) {
-        std::vector<double> ratios;
-        for (int round = 0; round < 101; ++round) {
-            const bool first   = round % 2 == 0;
-            const double one   = microseconds(first ? floor : once, times);
-            const double other = microseconds(first ? once : floor, times);
-            ratios.push_back(first ? other / one : one / other);
-        }
-        std::sort(ratios.begin(), ratios.end());
-        std::printf("   %s %.2f (%.2f-%.2f)", name, ratios[50], ratios[25], ratios[75]);
+std::function<void()> floorOf(const Job& job)
+{
+    std::vector<std::vector<Bytes>> requests;
+    std::vector<std::vector<iovec>> gathered;
+    for (const Ask& ask : job.asks) {
+        requests.push_back(blocksOf(ask));
+        gathered.emplace_back();
+        for (Bytes& block : requests.back())
+            gathered.back().push_back({block.data(), block.size()});
     }
-    std::puts("");
+    return [&job, requests = std::move(requests), gathered = std::move(gathered)] {
+        job.begin();
+        for (std::size_t i = 0; i < gathered.size(); ++i)
+            viaFloor(job.asks[i], gathered[i]);
+        job.check();
+    };
 }
 
-void run(const std::string& command)
+// The number that `program`, run over this program, prints, for each of `times` that a job is done: the difference between
+// a run of many and one of few.
+double countedBy(const std::string& program, const Job& job)
 {
-    if (std::system(command.c_str()) != 0)
-        fail(command);
+    const auto count = [&](int times) {
+        const std::string command = "job='" + job.name + "' me=/proc/" + std::to_string(getpid()) +
+                                    "/exe times=" + std::to_string(times) + "; " + program;
+        FILE* pipe   = popen(command.c_str(), "r");
+        double value = 0;
+        if (pipe == nullptr || std::fscanf(pipe, "%lf", &value) != 1 || pclose(pipe) != 0)
+            fail("cannot count: " + command);
+        return value;
+    };
+    constexpr int few = 5, many = 25;
+    return (count(many) - count(few)) / (many - few);
 }
 
-// Rules of other priorities, added in batches.
-void moreRules(int from, int to)
+long allocationsOf(const Job& job)
 {
-    run("seq " + std::to_string(from) + ' ' + std::to_string(to - 1) +
-        " | sed 's/.*/rule add priority & fwmark & table 5/' | ip -batch -");
+    const long before = allocations;
+    job.viaLibrary();
+    return allocations - before;
 }
 
-void moreLabels(int from, int to)
-{
-    run("seq " + std::to_string(from) + ' ' + std::to_string(to - 1) +
-        R"( | awk '{ printf "addrlabel add prefix 2001:db8:%x::/64 label %d dev lo\n", $1, $1 }' | ip -batch -)");
+void measure(benchmark::State& state, const Job& job, const char* column)
+try {
+    job.prepare();
+    const std::function<void()> floor = floorOf(job), other = onceOf(job, column);
+    other();
+    const auto roundOf = [](const std::function<void()>& once) {
+        return std::max(1, static_cast<int>(kRound / seconds(once, 3)));
+    };
+    const int floorTimes = roundOf(floor), otherTimes = roundOf(other);
+    std::vector<double> ratios, floors;
+    for (auto _ : state) {
+        double ofFloor = 0, ofOther = 0;
+        if (ratios.size() % 2 == 0) {
+            ofFloor = seconds(floor, floorTimes);
+            ofOther = seconds(other, otherTimes);
+        } else {
+            ofOther = seconds(other, otherTimes);
+            ofFloor = seconds(floor, floorTimes);
+        }
+        state.SetIterationTime(ofOther);
+        ratios.push_back(ofOther / ofFloor);
+        floors.push_back(ofFloor);
+    }
+    std::sort(ratios.begin(), ratios.end());
+    std::sort(floors.begin(), floors.end());
+    state.counters["floor"] = floors[floors.size() / 2];
+    state.counters["ratio"] = ratios[ratios.size() / 2];
+    state.counters["low"]   = ratios[ratios.size() / 4];
+    state.counters["high"]  = ratios[ratios.size() * 3 / 4];
+    if (std::strcmp(column, "library") == 0) {
+        state.counters["allocations"]  = static_cast<double>(allocationsOf(job));
+        state.counters["instructions"] = countedBy(
+            R"(valgrind --tool=callgrind --callgrind-out-file=/dev/null "$me" --times $times "$job" 2>&1 |
+               sed -n 's/.*Collected : //p')",
+            job);
+        state.counters["calls"] = countedBy(R"(strace -o '|wc -l' "$me" --times $times "$job")", job);
+    }
+} catch (const std::exception& error) {
+    state.SkipWithError(error.what());
 }
 
-Job labelJob()
-{
-    static sockaddr_storage address = {};
-    address.ss_family               = AF_INET6;
-    auto& bytes                     = reinterpret_cast<sockaddr_in6&>(address).sin6_addr;
-    inet_pton(AF_INET6, "2001:db9::", &bytes);
-    const ifaddrlblmsg entry = {AF_INET6, 0, 32, 0, 1, 0};
-    const std::vector<std::pair<int, Bytes>> attributes{{IFAL_LABEL, bytesOf(77u)}, {IFAL_ADDRESS, bytesOf(bytes)}};
-    const std::uint16_t acknowledged = NLM_F_REQUEST | NLM_F_ACK;
-    return {"label, add and delete",
-            {{NETLINK_ROUTE, RTM_NEWADDRLABEL, acknowledged | NLM_F_EXCL | NLM_F_CREATE, bytesOf(entry), attributes},
-             {NETLINK_ROUTE, RTM_DELADDRLABEL, acknowledged, bytesOf(entry), attributes}},
-            [] {
-                if (Vesk::addrlabelAdd(&address, 32, 77, 1) != 0 || Vesk::addrlabelDel(&address, 32, 77, 1) != 0)
-                    fail("label");
-            }};
-}
+// A row for each job, printed when all its columns are there.
+class MarkdownTable : public benchmark::BenchmarkReporter {
+public:
+    bool ReportContext(const Context&) override
+    {
+        std::string head = "| job | floor", rule = "|---|---";
+        for (const auto& [column, rounds] : kColumns) {
+            head += std::string(" | ") + column;
+            rule += "|---";
+        }
+        std::printf(
+            "%s | of libmnl | of libnl | instructions | allocations | system calls |\n%s|---|---|---|---|---|\n",
+            head.c_str(), rule.c_str());
+        return true;
+    }
 
-Job policyJob()
-{
-    static tro_ipsec_static_sa_config_ex_info_ind_msg_v01 record = {};
-    static std::string here = "10.0.0.0/8", there = "10.1.0.0/16";
-    record.spi_tx_valid = record.ipsec_protocol_valid = record.encap_mode_valid = 1;
-    record.remote_addr_valid = record.local_addr_valid = 1;
-    record.ipsec_protocol                              = 3;
-    record.encap_mode                                  = 1;
-    record.remote_addr.ip_type = record.local_addr.ip_type = 4;
-    record.local_addr.addr[3] = record.remote_addr.addr[3] = 10;
+    void ReportRuns(const std::vector<Run>& runs) override
+    {
+        for (const Run& run : runs) {
+            if (run.error_occurred) {
+                std::fprintf(stderr, "%s: %s\n", run.benchmark_name().c_str(), run.error_message.c_str());
+                ++failures;
+                continue;
+            }
+            const std::string& label     = run.run_name.function_name;
+            const std::size_t slash      = label.find('/');
+            row[label.substr(slash + 1)] = run.counters;
+            if (row.size() == std::size(kColumns))
+                print(label.substr(0, slash));
+        }
+    }
 
-    xfrm_userpolicy_info policy = {};
-    inet_pton(AF_INET, "10.0.0.0", &policy.sel.saddr);
-    inet_pton(AF_INET, "10.1.0.0", &policy.sel.daddr);
-    policy.sel.family      = AF_INET;
-    policy.sel.prefixlen_s = 8;
-    policy.sel.prefixlen_d = 16;
-    policy.priority        = 100;
-    policy.dir             = XFRM_POLICY_OUT;
-    policy.lft             = {XFRM_INF, XFRM_INF, XFRM_INF, XFRM_INF, 0, 0, 0, 0};
-    xfrm_user_tmpl tmpl    = {};
-    tmpl.id.proto          = IPPROTO_ESP;
-    tmpl.family            = AF_INET;
-    tmpl.mode              = XFRM_MODE_TUNNEL;
-    tmpl.aalgos = tmpl.ealgos = tmpl.calgos = ~0u;
-    tmpl.saddr.a4 = tmpl.id.daddr.a4 = htonl(10u << 24);
-    xfrm_userpolicy_id id            = {};
-    id.sel                           = policy.sel;
-    id.dir                           = policy.dir;
-    const std::uint16_t acknowledged = NLM_F_REQUEST | NLM_F_ACK;
-    return {"policy, add and delete",
-            {{NETLINK_XFRM, XFRM_MSG_NEWPOLICY, acknowledged, bytesOf(policy), {{XFRMA_TMPL, bytesOf(tmpl)}}},
-             {NETLINK_XFRM, XFRM_MSG_DELPOLICY, acknowledged, bytesOf(id), {}}},
-            [] {
-                if (Vesk::addXFRMPolicies(record, here, there, 0, true) != 0 ||
-                    Vesk::removeXFRMPolicies(here, there, 0, true) != 0)
-                    fail("policy");
-            }};
-}
+    int failures = 0;
 
-Job ruleJob(int among)
-{
-    static int found;
-    fib_rule_hdr any = {};
-    any.family       = AF_INET;
-    return {"rule among " + std::to_string(among),
-            {{NETLINK_ROUTE,
-              RTM_GETRULE,
-              NLM_F_REQUEST | NLM_F_DUMP,
-              bytesOf(any),
-              {},
-              sizeof(fib_rule_hdr),
-              [](std::vector<const nlattr*>& a) {
-                  if (a[FRA_PRIORITY] != nullptr && u32Of(a[FRA_PRIORITY]) == 16000 && a[FRA_FWMARK] != nullptr &&
-                      a[FRA_FWMASK] != nullptr && a[FRA_TABLE] != nullptr && u32Of(a[FRA_TABLE]) == 1001)
-                      ++found;
-              }}},
-            [] {
-                if (!Vesk::RTNetlinkGetRule("lo"))
-                    fail("rule");
-            },
-            [] { found = 0; },
-            [] {
-                if (found != 1)
-                    fail("no rule");
-            }};
-}
+private:
+    void print(const std::string& job)
+    {
+        const auto value = [this](const char* column, const char* counter) { return row[column][counter].value; };
+        std::printf("| %s | %.1f us", job.c_str(), 1e6 * value("library", "floor"));
+        for (const auto& [column, rounds] : kColumns)
+            std::printf(" | %.2f (%.2f-%.2f)", value(column, "ratio"), value(column, "low"), value(column, "high"));
+        for (const char* column : {"libmnl", "libnl"})
+            std::printf(" | %.2f", value("library", "ratio") / value(column, "ratio"));
+        for (const char* counter : {"instructions", "allocations", "calls"})
+            std::printf(" | %.0f", value("library", counter));
+        std::puts(" |");
+        row.clear();
+    }
 
-Job labelsJob(int over)
-{
-    static std::set<unsigned int> labels;
-    ifaddrlblmsg any = {};
-    any.ifal_family  = AF_INET6;
-    return {"label over " + std::to_string(over),
-            {{NETLINK_ROUTE,
-              RTM_GETADDRLABEL,
-              NLM_F_REQUEST | NLM_F_DUMP,
-              bytesOf(any),
-              {},
-              sizeof(ifaddrlblmsg),
-              [](std::vector<const nlattr*>& a) {
-                  if (a[IFAL_LABEL] != nullptr)
-                      labels.insert(u32Of(a[IFAL_LABEL]));
-              }}},
-            [] {
-                unsigned int label = 0;
-                if (Vesk::addrlabelGenerate(AF_INET6, false, &label) != 0)
-                    fail("generate");
-            },
-            [] { labels.clear(); },
-            [over] {
-                if (labels.size() != static_cast<std::size_t>(over))
-                    fail("labels: " + std::to_string(labels.size()));
-            }};
-}
+    std::map<std::string, benchmark::UserCounters> row;
+};
 
 } // namespace
 
-int main()
+int main(int argc, char** argv)
 try {
     setenv("VESK_LOG_LEVEL", "5", 1);
     setvbuf(stdout, nullptr, _IONBF, 0);
+    if (argc == 4 && std::strcmp(argv[1], "--times") == 0) {
+        const auto& all = jobs();
+        const auto job  = std::find_if(all.begin(), all.end(), [&](const Job& one) { return one.name == argv[3]; });
+        if (job == all.end())
+            fail(std::string("no such job: ") + argv[3]);
+        seconds(job->viaLibrary, std::atoi(argv[2]));
+        return 0;
+    }
+
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv))
+        return 2;
     if (unshare(CLONE_NEWNET) != 0)
         fail("root alone may have a network of its own");
-    run("ip link set lo up");
-    std::puts("Time of the floor, and of the others as a multiple of it: median (middle half) of 101 pairs of rounds");
-
-    measure(policyJob());
-    measure(labelJob());
-    run("ip rule add priority 16000 fwmark 0x10/0xff table 1001");
-    int rules = 4; // the kernel's three and this
-    for (const int among : {16, 1000, 10000}) {
-        moreRules(20000 + rules, 20000 + among);
-        rules = among;
-        measure(ruleJob(among));
-    }
-    int labels = 10; // the kernel's
-    for (const int over : {10, 1000, 10000}) {
-        if (over > labels)
-            moreLabels(100 + labels, 100 + over);
-        labels = over;
-        measure(labelsJob(over));
-    }
+    if (std::system("ip link set lo up") != 0)
+        fail("ip link set lo up");
+    for (const Job& job : jobs())
+        for (const auto& [column, rounds] : kColumns)
+            benchmark::RegisterBenchmark((job.name + '/' + column).c_str(), measure, job, column)
+                ->UseManualTime()
+                ->Iterations(rounds);
+    MarkdownTable table;
+    benchmark::RunSpecifiedBenchmarks(&table);
+    return table.failures == 0 ? 0 : 1;
 } catch (const std::exception& error) {
     std::fprintf(stderr, "bench: %s\n", error.what());
     return 1;
