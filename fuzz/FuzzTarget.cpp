@@ -20,12 +20,13 @@ extern "C" void abort() noexcept
     _exit(134);
 }
 
+// Of each: the datagrams until an empty one.
 static void scriptAnswers([[maybe_unused]] ScriptedKernel& kernel, [[maybe_unused]] ByteSource& source)
 {
 #ifdef FUZZ_REPLIES
     for (std::uint32_t requests = source.below(5); requests > 0; --requests) {
         std::vector<Reply> answer;
-        for (std::uint32_t datagrams = source.below(4); datagrams > 0; --datagrams) answer.push_back(reply(source.bytes(4200)));
+        for (auto datagram = source.bytes(4200); !datagram.empty(); datagram = source.bytes(4200)) answer.push_back(reply(datagram));
         kernel.answer(answer);
     }
 #endif
@@ -34,10 +35,11 @@ static void scriptAnswers([[maybe_unused]] ScriptedKernel& kernel, [[maybe_unuse
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
     ByteSource source(data, size);
-    const std::function<void()> operation = anyOperation(source);
     ScriptedKernel kernel;
     kernel.addInterface("wlan0", 3);
+    const std::uint32_t kind = source.below(kOperations);
     scriptAnswers(kernel, source);
+    const std::function<void()> operation = anyOperation(kind, source);
     if (setjmp(beforeTheCall) != 0) {
         inTheCall = false;
         kernel.abandon(); // what the process would have taken with it

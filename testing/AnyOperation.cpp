@@ -1,5 +1,7 @@
 #include "AnyOperation.h"
 
+#include "Records.h"
+
 #include <vesk/netlink.h>
 
 #include <algorithm>
@@ -37,6 +39,8 @@ using Record = tro_ipsec_static_sa_config_ex_info_ind_msg_v01;
 // Most of a random record would be refused at once: let parts of it be what the modem may say.
 Record recordFrom(ByteSource& source)
 {
+    if (!source.yes())
+        return espTunnel("192.0.2.1", "198.51.100.7");
     Record record = source.any<Record>();
     if (source.yes()) {
         record.spi_tx_valid = record.spi_rx_valid = record.ipsec_protocol_valid = record.encap_mode_valid = 1;
@@ -63,19 +67,19 @@ Record recordFrom(ByteSource& source)
 
 std::string deviceFrom(ByteSource& source)
 {
-    return source.yes() ? "wlan0" : source.text(80);
+    return source.yes() ? source.text(80) : "wlan0";
 }
 
 std::string addressFrom(ByteSource& source)
 {
     static const char* const known[] = {"198.51.100.7", "2001:db8::7", "10.0.0.0/8", "fe80::/0x40", ""};
-    return source.yes() ? known[source.below(5)] : source.text(80);
+    return source.yes() ? source.text(80) : known[source.below(5)];
 }
 
 sockaddr_storage socketAddressFrom(ByteSource& source)
 {
     auto address = source.any<sockaddr_storage>();
-    if (source.yes())
+    if (!source.yes())
         address.ss_family = source.yes() ? AF_INET : AF_INET6;
     return address;
 }
@@ -90,16 +94,16 @@ std::vector<std::uint8_t> refusalFrom(ByteSource& source)
     return message;
 }
 
-std::function<void()> ofRoutes(ByteSource& source)
+std::function<void()> ofRoutes(std::uint32_t kind, ByteSource& source)
 {
     const auto a = source.any<unsigned int>(), b = source.any<unsigned int>(), c = source.any<unsigned int>();
-    const auto family     = static_cast<unsigned char>(source.yes() ? AF_INET : a);
+    const auto family     = static_cast<unsigned char>(source.yes() ? a : AF_INET);
     const auto code       = static_cast<unsigned char>(c % 4);
     const auto change     = static_cast<AddressLifetimeChange>(b);
     std::string device    = deviceFrom(source);
     std::string address   = addressFrom(source);
     sockaddr_storage sock = socketAddressFrom(source);
-    switch (source.below(9)) {
+    switch (kind) {
     case 0:
         return [=]() mutable { RTNetlinkAddressCfg(device, &sock, a, change, c); };
     case 1:
@@ -121,10 +125,10 @@ std::function<void()> ofRoutes(ByteSource& source)
     }
 }
 
-std::function<void()> ofLabelsAndMessages(ByteSource& source)
+std::function<void()> ofLabelsAndMessages(std::uint32_t kind, ByteSource& source)
 {
     const auto a = source.any<unsigned int>(), b = source.any<unsigned int>(), c = source.any<unsigned int>();
-    switch (source.below(7)) {
+    switch (kind) {
     case 0:
         return [=, address = socketAddressFrom(source)]() mutable { addrlabelAdd(&address, a, b, c); };
     case 1:
@@ -133,7 +137,7 @@ std::function<void()> ofLabelsAndMessages(ByteSource& source)
         return [=, address = socketAddressFrom(source)]() mutable { addrlabelPurge(&address, a % 140, b % 4); };
     case 3:
         return [=, label = 0u]() mutable {
-            addrlabelGenerate(c % 2 != 0 ? AF_INET6 : static_cast<int>(a), b % 8 == 0, &label);
+            addrlabelGenerate(c % 2 != 0 ? static_cast<int>(a) : AF_INET6, b % 8 == 7, &label);
         };
     case 4:
         return [a, id = static_cast<unsigned short>(0), name = deviceFrom(source)]() mutable {
@@ -152,16 +156,16 @@ std::function<void()> ofLabelsAndMessages(ByteSource& source)
     }
 }
 
-std::function<void()> ofIPsec(ByteSource& source)
+std::function<void()> ofIPsec(std::uint32_t kind, ByteSource& source)
 {
     const auto a = source.any<unsigned int>(), b = source.any<unsigned int>();
-    const auto technology = static_cast<tro_technology_name_enum_v01>(source.yes() ? -32640 : source.any<int>());
+    const auto technology = static_cast<tro_technology_name_enum_v01>(source.yes() ? source.any<int>() : -32640);
     const auto protocol   = source.any<unsigned char>();
     const bool outbound   = source.yes();
     std::string one       = addressFrom(source);
     std::string other     = addressFrom(source);
     Record record         = recordFrom(source);
-    switch (source.below(7)) {
+    switch (kind) {
     case 0:
         return [=]() mutable { addXFRMStates(record, technology, a, b); };
     case 1:
@@ -183,16 +187,11 @@ std::function<void()> ofIPsec(ByteSource& source)
 
 } // namespace
 
-std::function<void()> anyOperation(ByteSource& source)
+std::function<void()> anyOperation(std::uint32_t kind, ByteSource& source)
 {
-    switch (source.below(3)) {
-    case 0:
-        return ofRoutes(source);
-    case 1:
-        return ofLabelsAndMessages(source);
-    default:
-        return ofIPsec(source);
-    }
+    return kind < 9    ? ofRoutes(kind, source)
+           : kind < 16 ? ofLabelsAndMessages(kind - 9, source)
+                       : ofIPsec(kind - 16, source);
 }
 
 } // namespace Vesk::Testing

@@ -40,11 +40,15 @@ private:
     std::size_t left;
 };
 
+/// How many kinds of calls there are.
+constexpr std::uint32_t kOperations = 23;
+
 /**
- * An exported operation with its arguments. Some of them are what a daemon would pass (the device "wlan0", addresses of
- * both families, records that are mostly valid), so that not all are refused at once. To be called any number of times.
+ * A call of an exported operation, of a kind below kOperations, to be called any number of times. Where the source has
+ * nothing left, its arguments are what a daemon would pass: the device "wlan0", an IPv4 address, a valid record. So not
+ * all are refused at once.
  */
-std::function<void()> anyOperation(ByteSource& source);
+std::function<void()> anyOperation(std::uint32_t kind, ByteSource& source);
 
 } // namespace Vesk::Testing
 

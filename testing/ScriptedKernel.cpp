@@ -1,5 +1,7 @@
 #include "ScriptedKernel.h"
 
+#include "ReplyRecorder.h"
+
 #include <FormatLogLine.h>
 
 #include <algorithm>
@@ -445,16 +447,22 @@ ssize_t sendmsg(int descriptor, const msghdr* given, int flags)
 ssize_t recvfrom(int descriptor, void* buffer, std::size_t size, int flags, sockaddr* address, socklen_t* length)
 {
     const Pause pause;
-    if (!Hooks::owns(descriptor))
-        return syscall(SYS_recvfrom, descriptor, buffer, size, flags, address, length);
+    if (!Hooks::owns(descriptor)) {
+        const ssize_t received = syscall(SYS_recvfrom, descriptor, buffer, size, flags, address, length);
+        if (received > 0)
+            recordReply(descriptor, buffer, static_cast<std::size_t>(received));
+        return received;
+    }
     return Hooks::recvfrom(descriptor, buffer, size, flags, address);
 }
 
 int close(int descriptor)
 {
     const Pause pause;
-    if (!Hooks::owns(descriptor))
+    if (!Hooks::owns(descriptor)) {
+        endRecording(descriptor);
         return static_cast<int>(syscall(SYS_close, descriptor));
+    }
     return Hooks::close(descriptor);
 }
 
