@@ -41,7 +41,7 @@ Record recordFrom(ByteSource& source)
 {
     if (!source.yes())
         return espTunnel("192.0.2.1", "198.51.100.7");
-    Record record = source.any<Record>();
+    auto record = source.any<Record>();
     if (source.yes()) {
         record.spi_tx_valid = record.spi_rx_valid = record.ipsec_protocol_valid = record.encap_mode_valid = 1;
         record.remote_addr_valid = record.local_addr_valid = record.hash_algo_valid = record.crypto_algo_valid = 1;
@@ -179,8 +179,8 @@ std::function<void()> ofIPsec(std::uint32_t kind, ByteSource& source)
     case 5:
         return [=] { outbound ? addXFRMPolicyEx(protocol) : removeXFRMPolicyEx(protocol); };
     default:
-        return [=, moved = outbound ? record : recordFrom(source)]() mutable {
-            migrateXFRMInfo(record, moved, one, other, protocol);
+        return [=, newRecord = outbound ? record : recordFrom(source)]() mutable {
+            migrateXFRMInfo(record, newRecord, one, other, protocol);
         };
     }
 }

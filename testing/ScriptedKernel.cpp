@@ -271,7 +271,7 @@ struct ScriptedKernel::Hooks {
     {
         if (active == nullptr || descriptor < kFirstSocket)
             return false;
-        if (active->sockets.count(descriptor) != 0)
+        if (active->sockets.contains(descriptor))
             return true;
         complain("a socket is used that is not open");
         return false; // the system says EBADF

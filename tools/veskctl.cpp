@@ -418,13 +418,13 @@ private:
     }
 
     // Prints what came of it; the kernel's errno and text are in the log, on standard error.
-    int tell(const Outcome& outcome) const
+    [[nodiscard]] int tell(const Outcome& outcome) const
     {
         const bool done = outcome.result == 0;
         if (json) {
-            std::printf("{\"result\":%d", outcome.result);
+            std::printf(R"({"result":%d)", outcome.result);
             for (const auto& [name, value] : done ? outcome.findings : Findings{})
-                std::printf(",\"%s\":\"%s\"", name.c_str(), value.c_str());
+                std::printf(R"(,"%s":"%s")", name.c_str(), value.c_str());
             std::puts("}");
         } else if (done) {
             for (const auto& [name, value] : outcome.findings)

@@ -14,7 +14,7 @@
 inline int lowestLogLevel()
 {
     const char* chosen = std::getenv("VESK_LOG_LEVEL");
-    return chosen != nullptr ? std::atoi(chosen) : log_level_notice;
+    return chosen != nullptr ? static_cast<int>(std::strtol(chosen, nullptr, 10)) : log_level_notice;
 }
 
 // "%S" means a wide string to printf; the library passes narrow ones under it.
