@@ -42,7 +42,7 @@
 
 namespace Vesk::Testing {
 
-using Bytes = std::vector<std::uint8_t>;
+using Bytes = std::vector<std::uint8_t>; ///< A datagram, or a part of one.
 
 /// Digits with each "56*00" (56 zero bytes) written out, and without spaces. The count begins after a space or a bar.
 std::string spelledOut(const std::string& digits);
@@ -58,8 +58,8 @@ Bytes operator+(Bytes first, const Bytes& second);
 
 /// What one receive gets: a datagram, or a failure when `error` is an errno.
 struct Reply {
-    Bytes datagram;
-    int error = 0;
+    Bytes datagram; ///< what is received, unless it fails
+    int error = 0;  ///< errno of the receive
 };
 
 Reply reply(Bytes datagram);     ///< A datagram as it stands, cut short or malformed as may be.
@@ -78,12 +78,13 @@ struct Request {
     Bytes datagram;                          ///< the blocks joined
 };
 
+/// What the library said to its logger.
 struct LogLine {
-    log_level level;
-    std::string source;
-    std::string format;
-    std::string text;
-    unsigned int line = 0;
+    log_level level;       ///< as given to doLog()
+    std::string source;    ///< as given to doLog()
+    std::string format;    ///< as given to doLog()
+    std::string text;      ///< the format with its arguments
+    unsigned int line = 0; ///< in the source
 
     /// The line number is not compared.
     bool operator==(const LogLine& other) const;
@@ -112,9 +113,10 @@ public:
     LogCapture(const LogCapture&)            = delete;
     LogCapture& operator=(const LogCapture&) = delete;
 
-    std::vector<LogLine> lines;
+    std::vector<LogLine> lines; ///< In the order in which they were logged.
 };
 
+/// A kernel that says what a test tells it to say.
 class ScriptedKernel {
 public:
     ScriptedKernel();  ///< Takes the kernel's place for the calling thread; one at a time.
@@ -124,8 +126,8 @@ public:
 
     // The script
 
-    void addInterface(const std::string& name, unsigned int index);
-    void setRandom(int value); ///< What rand() returns; 0 at first.
+    void addInterface(const std::string& name, unsigned int index); ///< For look-ups of its name or its index.
+    void setRandom(int value);                                      ///< What rand() returns; 0 at first.
 
     /**
      * What the next request without a script gets, one reply a receive. A request that finds no script gets what
@@ -153,10 +155,10 @@ public:
 
     // What happened
 
-    const std::vector<Request>& requests() const { return sent; }
-    const std::vector<LogLine>& log() const { return logged.lines; }
-    int count(Call call) const;
-    std::size_t openSockets() const { return sockets.size(); }
+    const std::vector<Request>& requests() const { return sent; }    ///< In the order in which they were sent.
+    const std::vector<LogLine>& log() const { return logged.lines; } ///< In the order in which they were logged.
+    int count(Call call) const;                                      ///< How often it was called.
+    std::size_t openSockets() const { return sockets.size(); }       ///< Not closed yet.
     std::size_t liveBlocks() const { return blocks.size(); } ///< Allocated in the last `run` and not freed in it.
     const std::vector<Bytes>& freedBlocks() const { return freed; } ///< What they held, in the order of their release.
     std::size_t unreadReplies() const;                              ///< Scripted, but never received.

@@ -13,9 +13,10 @@ enum log_level {
     log_level_failure = 4,
 };
 
+/// The one logger of a process.
 class __attribute__((visibility("default"))) LogMgr {
 public:
-    static LogMgr& getInstance();
+    static LogMgr& getInstance(); ///< @return the logger; safe in any thread
 
     /**
      * Writes one line to standard error: level, source and text. Lines below the level that the environment variable

@@ -12,6 +12,8 @@
  *
  * - **Results.** Configuring operations return 0, or -1 when the arguments are refused (nothing is sent then) or the
  *   exchange fails. Outputs are written on success only.
+ * - **After a failure** of a single exchange the kernel is as it was, and the library keeps nothing. What an operation of
+ *   several exchanges leaves in the kernel, when a later one fails, is said with it.
  * - **Log.** Every failure is a line of level 4 through `LogMgr`, beginning with the name of the function that logs it; a refusal by the
  *   kernel adds its errno and, where it can be found in the reply, the kernel's own text. Keys are never logged.
  * - **Exchange.** Each request goes out on a socket of its own, with sequence number 0, and the first answer on that
@@ -39,8 +41,8 @@
 #include <linux/netlink.h>
 #include <sys/socket.h>
 
-#define VESK_EXPORT __attribute__((visibility("default")))
-#define VESK_LOCAL  __attribute__((visibility("hidden")))
+#define VESK_EXPORT __attribute__((visibility("default"))) ///< Part of the library's interface.
+#define VESK_LOCAL  __attribute__((visibility("hidden")))  ///< A member that is not.
 
 namespace Vesk {
 
