@@ -236,6 +236,7 @@ public:
     CommandLine()
     {
         app.require_subcommand(1);
+        app.set_version_flag("--version", "veskctl " VESK_VERSION, "Print the version and exit");
         app.add_flag("--json", json, "Print the result as JSON");
         app.add_option("--log", logLevel, "Lowest level of log lines: 1 (all) to 4 (failures)")
             ->envname("VESK_LOG_LEVEL")
