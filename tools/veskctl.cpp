@@ -270,10 +270,11 @@ private:
         return parent->add_subcommand(name, what)->require_subcommand(1);
     }
 
-    CLI::App* command(CLI::App* parent, const char* name, const char* what, const char* example, const Action& does)
+    CLI::App* command(CLI::App* parent, const char* name, const char* what, const std::string& example,
+                      const Action& does)
     {
         CLI::App* added = parent->add_subcommand(name, what);
-        added->footer(std::string("Example:\n  veskctl ") + example);
+        added->footer("Example:\n  veskctl " + example);
         added->callback([this, does] { action = does; });
         return added;
     }
@@ -342,16 +343,20 @@ private:
             added->add_option("--handle", a.handle, "Handle, as 0x10000 for 1:");
             return added;
         };
-        for (const auto& [name, code] : {std::pair("add", 0), std::pair("del", 1)}) {
-            const auto operation = static_cast<unsigned char>(code);
-            required(options(command(any, name, name, "qdisc add wlan0 fq_codel --handle 0x10000", qdisc(operation))),
-                     "kind", a.kind, "Such as fq_codel");
-            options(command(ofPrio, name, name, "prio add wlan0 --handle 0x10000", prio(operation)));
-        }
-        for (const auto& [name, code] : {std::pair("add", 0), std::pair("del", 1), std::pair("change", 2)})
-            options(command(ofFlow, name, name, "flow change wlan0 --handle 0x10000 --enable",
-                            flowControl(static_cast<unsigned char>(code))))
+        const struct {
+            const char *name, *what;
+            unsigned char code;
+        } operations[] = {{"add", "Install", 0}, {"del", "Remove", 1}, {"change", "Change", 2}};
+        for (const auto& [name, what, code] : operations) {
+            const std::string example = std::string(name) + " wlan0 --handle 0x10000";
+            if (code != 2) { // only flow control can be changed
+                required(options(command(any, name, what, "qdisc " + example + " fq_codel", qdisc(code))), "kind",
+                         a.kind, "Such as fq_codel");
+                options(command(ofPrio, name, what, "prio " + example, prio(code)));
+            }
+            options(command(ofFlow, name, what, "flow " + example + " --enable", flowControl(code)))
                 ->add_flag("--enable", a.enable, "Switch flow control on");
+        }
     }
 
     void addLabelCommands()
