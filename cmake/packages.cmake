@@ -1,6 +1,6 @@
 # `cpack` makes two Debian packages: what programs run with, and what they are built with.
 set(CPACK_GENERATOR DEB)
-set(CPACK_PACKAGE_CONTACT "Seed 58476515 maintainers <maintainers@users.noreply.c-seed-58476515.example>")
+set(CPACK_PACKAGE_CONTACT "Maintainers of libvesk_netlink <maintainers@vesk.example>")
 set(CPACK_COMPONENTS_ALL runtime dev)
 set(CPACK_COMPONENTS_GROUPING IGNORE)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
