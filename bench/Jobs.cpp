@@ -273,6 +273,10 @@ Job ruleJob(int among)
             [] {
                 if (found != 1)
                     fail("rules found: " + std::to_string(found));
+            },
+            [] {
+                if (if_nametoindex("lo") != 1) // whose table is meant
+                    fail("lo");
             }};
 }
 

@@ -12,8 +12,9 @@ struct Job {
     std::function<void()> viaLibrary;
     std::vector<Ask> asks;
     std::vector<std::vector<std::string>> commands; // the same as processes
-    std::function<void()> begin = [] {};            // before each time
-    std::function<void()> check = [] {};            // after each time: whether the replies held what they should
+    std::function<void()> begin   = [] {};          // before each time
+    std::function<void()> check   = [] {};          // after each time: whether the replies held what they should
+    std::function<void()> alsoAsk = [] {};          // what a user of the other libraries has to ask the system too
 };
 
 // In an order in which each finds the kernel with no more than what the ones before it needed.

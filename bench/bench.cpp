@@ -88,6 +88,7 @@ std::function<void()> onceOf(const Job& job, const std::string& column)
         job.begin();
         for (const Ask& ask : job.asks)
             via(ask);
+        job.alsoAsk();
         job.check();
     };
 }
