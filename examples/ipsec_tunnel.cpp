@@ -12,6 +12,7 @@
 #include <vesk/netlink.h>
 
 #include <algorithm>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -173,23 +174,24 @@ struct End {
     std::string inside;  // what this end sends from
     std::string outside; // what it sends to
 
+    // Policies first in, last out: without them what the SAs decipher would be answered in clear.
     void install(Record& record)
     {
-        host.expect("addXFRMStates installs both SAs",
-                    [&] { return Vesk::addXFRMStates(record, kTechnology, kMark, kMask); });
         host.expect("addXFRMPolicies installs the out policy",
                     [&] { return Vesk::addXFRMPolicies(record, inside, outside, 0, true); });
         host.expect("addXFRMPolicies installs the in and fwd policies",
                     [&] { return Vesk::addXFRMPolicies(record, outside, inside, 0, false); });
+        host.expect("addXFRMStates installs both SAs",
+                    [&] { return Vesk::addXFRMStates(record, kTechnology, kMark, kMask); });
     }
 
     void remove(Record& record)
     {
+        host.expect("removeXFRMStates removes both SAs", [&] { return Vesk::removeXFRMStates(record); });
         host.expect("removeXFRMPolicies removes the out policy",
                     [&] { return Vesk::removeXFRMPolicies(inside, outside, 0, true); });
         host.expect("removeXFRMPolicies removes the in and fwd policies",
                     [&] { return Vesk::removeXFRMPolicies(outside, inside, 0, false); });
-        host.expect("removeXFRMStates removes both SAs", [&] { return Vesk::removeXFRMStates(record); });
     }
 };
 
@@ -316,9 +318,11 @@ void demonstrate()
 
     title("4. The handset moves to 192.0.2.9 while ping goes on, and the tunnel with it");
     Record moved = handsetRecord("192.0.2.9");
+    int answers  = 0;
     {
         Ping going(handset, 15);
         usleep(600000);
+        const auto start = std::chrono::steady_clock::now();
         handset.run("ip address add 192.0.2.9/24 dev radio");
         handset.expect("migrateXFRMInfo moves both SAs and the three policies",
                        [&] { return Vesk::migrateXFRMInfo(atHandset, moved, here.inside, here.outside, 0); });
@@ -326,8 +330,11 @@ void demonstrate()
         there.remove(atGateway); // to the gateway it is the peer that moved, so it starts anew
         atGateway = gatewayRecord(moved);
         there.install(atGateway);
-        const int answers = going.answers();
-        expect(std::to_string(answers) + " of 15 answers; two may be lost", answers >= 13);
+        const auto meanwhile = (std::chrono::steady_clock::now() - start) / std::chrono::milliseconds(200);
+        answers              = going.answers();
+        expect(std::to_string(answers) + " of 15 answers; the move took the time of " + std::to_string(meanwhile) +
+                   ", which may be lost, and two more",
+               answers >= 13 - meanwhile);
     }
     expect("the SA went on where it was: it has carried " + std::to_string(Counters(handset, "192.0.2.9").packets),
            Counters(handset, "192.0.2.9").packets == 20 && Counters(handset, "192.0.2.9").sequence == 20);
@@ -356,7 +363,7 @@ void demonstrate()
     expect("ESP from the handset: " + std::to_string(fromHandset.count("esp")) + " packets",
            fromHandset.count("esp") == 25);
     expect("ESP from the gateway: " + std::to_string(fromGateway.count("esp")) + " packets",
-           fromGateway.count("esp") >= 23);
+           fromGateway.count("esp") >= 10 + answers);
     expect("each under the SPI that the handset sends with", fromHandset.count("esp and ip[20:4] = 0x1001") == 25);
     expect("nothing in clear", fromHandset.count("ip and not esp") == 0 && fromGateway.count("ip and not esp") == 0);
 
