@@ -74,6 +74,9 @@ int round(unsigned int thread, bool withESP)
     return failed;
 }
 
+// The threads are started anew for each part of the rounds: the first ones fill the allocator's pools.
+constexpr int kParts = 5;
+
 int load(int rounds)
 {
     if (!enterOwnNetwork())
@@ -83,17 +86,19 @@ int load(int rounds)
     std::atomic<int> failed = round(0, withESP);
     const long descriptors  = openDescriptors();
     long pages              = 0;
-    for (int half = 0; half < 2; ++half) {
+    for (int part = 0; part < kParts; ++part) {
         std::vector<std::thread> threads;
         for (unsigned int thread = 0; thread < 8; ++thread)
             threads.emplace_back([&failed, thread, rounds, withESP] {
-                for (int i = 0; i < rounds / 2; ++i)
+                for (int i = 0; i < rounds / kParts; ++i)
                     failed += round(thread, withESP);
             });
         for (std::thread& thread : threads)
             thread.join();
-        pages = half == 0 ? residentPages() : residentPages() - pages;
+        if (part == kParts - 2)
+            pages = residentPages();
     }
+    pages = residentPages() - pages;
     std::printf("8 threads, %d rounds of %d operations each: %d failed, %ld descriptors and %ld pages more\n", rounds,
                 withESP ? 11 : 8, failed.load(), openDescriptors() - descriptors, pages);
     return failed == 0 && openDescriptors() == descriptors && (!kJudgeMemory || pages < 64) ? 0 : 1;
