@@ -5,6 +5,7 @@
 
 #include <csetjmp>
 #include <cstdio>
+#include <exception>
 
 #include <unistd.h>
 
@@ -12,6 +13,9 @@ using namespace Vesk::Testing;
 
 static std::jmp_buf beforeTheCall;
 static bool inTheCall = false;
+
+// An exception that would leave an operation also ends in abort(), but is a fault.
+static const auto usualTerminate = std::set_terminate([] { __builtin_trap(); });
 
 // The library's: back to where the call began. Anybody else's: the end.
 extern "C" void abort() noexcept

@@ -16,7 +16,7 @@ namespace {
 
 constexpr std::size_t kEnough = 4096; // of a long dump the rest says nothing new
 
-std::map<int, std::string> exchanges; // by descriptor, as they are written; of one thread
+thread_local std::map<int, std::string> exchanges; // by descriptor, as they are written
 
 const char* folder()
 {
@@ -34,7 +34,7 @@ std::string nameOf(const std::string& exchange)
     std::memcpy(&first, exchange.data(), std::min(sizeof first, exchange.size()));
     std::string name = std::to_string(first.header.nlmsg_type) + '-' + std::to_string(exchange.size());
     if (first.header.nlmsg_type == NLMSG_ERROR)
-        name += std::to_string(first.refusal.error);
+        name += '-' + std::to_string(-first.refusal.error);
     return name + ".bin";
 }
 

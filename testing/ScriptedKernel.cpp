@@ -450,7 +450,7 @@ ssize_t recvfrom(int descriptor, void* buffer, std::size_t size, int flags, sock
     if (!Hooks::owns(descriptor)) {
         const ssize_t received = syscall(SYS_recvfrom, descriptor, buffer, size, flags, address, length);
         if (received > 0)
-            recordReply(descriptor, buffer, static_cast<std::size_t>(received));
+            recordReply(descriptor, buffer, std::min(size, static_cast<std::size_t>(received)));
         return received;
     }
     return Hooks::recvfrom(descriptor, buffer, size, flags, address);
