@@ -12,6 +12,7 @@
 #include <vector>
 
 #include <linux/netlink.h>
+#include <sys/uio.h>
 
 namespace Bench {
 
@@ -25,9 +26,15 @@ struct Ask {
     int protocol;
     std::uint16_t type, flags;
     Bytes payload;
-    std::vector<std::pair<int, Bytes>> attributes              = {};
-    std::size_t replyPayload                                   = 0;       // bytes ahead of a reply's attributes
-    std::function<void(const nlmsghdr*, const Table&)> consume = nullptr; // sees each message; null: an ACK is awaited
+    std::vector<std::pair<int, Bytes>> attributes = {};
+    std::size_t replyPayload                      = 0; // bytes ahead of a reply's attributes
+
+    // Sees each message of the reply; null: an acknowledgement is awaited.
+    std::function<void(const nlmsghdr*, const Table&)> consume = nullptr;
+
+    // The request for the floor, and its pieces as this library hands them to the kernel.
+    std::vector<Bytes> blocks    = {};
+    std::vector<iovec> gathering = {};
 };
 
 [[noreturn]] inline void fail(const std::string& what)

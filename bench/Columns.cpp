@@ -13,9 +13,10 @@ namespace Bench {
 
 // The floor
 
-std::vector<Bytes> blocksOf(const Ask& ask)
+void prebuild(Ask& ask)
 {
-    std::vector<Bytes> blocks{{}, ask.payload};
+    std::vector<Bytes>& blocks = ask.blocks;
+    blocks                     = {{}, ask.payload};
     for (const auto& [type, value] : ask.attributes) {
         blocks.push_back(bytesOf(nlattr{static_cast<__u16>(NLA_HDRLEN + value.size()), static_cast<__u16>(type)}));
         blocks.back().insert(blocks.back().end(), value.begin(), value.end());
@@ -29,10 +30,11 @@ std::vector<Bytes> blocksOf(const Ask& ask)
         header.nlmsg_len += static_cast<__u32>(block.size());
     }
     blocks[0] = bytesOf(header);
-    return blocks;
+    for (Bytes& block : blocks)
+        ask.gathering.push_back({block.data(), block.size()});
 }
 
-void viaFloor(const Ask& ask, const std::vector<iovec>& blocks)
+void viaFloor(const Ask& ask)
 {
     const int fd = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, ask.protocol);
     const int on = 1;
@@ -41,8 +43,8 @@ void viaFloor(const Ask& ask, const std::vector<iovec>& blocks)
     address.nl_family   = AF_NETLINK;
     bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
     msghdr request     = {};
-    request.msg_iov    = const_cast<iovec*>(blocks.data());
-    request.msg_iovlen = blocks.size();
+    request.msg_iov    = const_cast<iovec*>(ask.gathering.data());
+    request.msg_iovlen = ask.gathering.size();
     if (sendmsg(fd, &request, 0) < 0)
         fail("sendmsg");
     alignas(nlmsghdr) char buffer[4096];

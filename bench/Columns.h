@@ -4,16 +4,12 @@
 
 #include "Ask.h"
 
-#include <sys/uio.h>
-
 namespace Bench {
 
-// The request, piece by piece, as this library hands it to the kernel.
-std::vector<Bytes> blocksOf(const Ask& ask);
+// Builds the request that the floor sends. The ask must stay where it is.
+void prebuild(Ask& ask);
 
-// The same system calls as this library's, with a request built beforehand and the least check of the reply.
-void viaFloor(const Ask& ask, const std::vector<iovec>& blocks);
-
+void viaFloor(const Ask& ask);   // the same system calls as this library's, and the least check of the reply
 void viaMnl(const Ask& ask);     // a socket for each request, as the library has it
 void viaKeptMnl(const Ask& ask); // one socket for all
 void viaNl(const Ask& ask);      // a socket for each request

@@ -1,5 +1,7 @@
 #include "Jobs.h"
 
+#include "Columns.h"
+
 #include <vesk/netlink.h>
 
 #include <cstdlib>
@@ -26,9 +28,15 @@ void run(const std::string& command)
         fail(command);
 }
 
-std::vector<std::string> words(const std::string& command)
+void succeed(int result)
 {
-    std::vector<std::string> found;
+    if (result != 0)
+        fail("the library reports failure");
+}
+
+Command words(const std::string& command)
+{
+    Command found;
     for (std::size_t at = 0, end = 0; end != std::string::npos; at = end + 1) {
         end = command.find(' ', at);
         found.push_back(command.substr(at, end - at));
@@ -106,16 +114,14 @@ Job policyJob()
     const std::string selector              = "src " + here + " dst " + there + " dir out";
     return {"policy, add and delete",
             [] {},
-            [] {
-                if (Vesk::addXFRMPolicies(record(), here, there, 0, true) != 0 ||
-                    Vesk::removeXFRMPolicies(here, there, 0, true) != 0)
-                    fail("policy");
-            },
-            {{NETLINK_XFRM, XFRM_MSG_NEWPOLICY, kAcknowledged, bytesOf(policy), {{XFRMA_TMPL, bytesOf(tmpl)}}},
-             {NETLINK_XFRM, XFRM_MSG_DELPOLICY, kAcknowledged, bytesOf(id)}},
-            {words("ip xfrm policy add " + selector + " priority 100 tmpl src " + kHere + " dst " + kThere +
-                   " proto esp mode tunnel"),
-             words("ip xfrm policy delete " + selector)}};
+            {{[] { succeed(Vesk::addXFRMPolicies(record(), here, there, 0, true)); },
+              {{NETLINK_XFRM, XFRM_MSG_NEWPOLICY, kAcknowledged, bytesOf(policy), {{XFRMA_TMPL, bytesOf(tmpl)}}}},
+              {words("ip xfrm policy add " + selector + " priority 100 tmpl src " + kHere + " dst " + kThere +
+                     " proto esp mode tunnel")}},
+             {[] { succeed(Vesk::removeXFRMPolicies(here, there, 0, true)); },
+              {{NETLINK_XFRM, XFRM_MSG_DELPOLICY, kAcknowledged, bytesOf(id)}},
+              {words("ip xfrm policy delete " + selector)}}},
+            "ip xfrm policy | grep -q 'tmpl src 192.0.2.1 dst 198.51.100.7'"};
 }
 
 // The request that adds an SA, and the one that removes it.
@@ -170,15 +176,14 @@ Job statesJob(int among)
     const std::string stranger = "xfrm state add" + id(kHere, kThere, "%d") + algorithms;
     return {"pair of SAs among " + std::to_string(among) + ", add and remove",
             [among, stranger] { fillUp(strangers, among, stranger); },
-            [] {
-                if (Vesk::addXFRMStates(record(), static_cast<tro_technology_name_enum_v01>(0), 1, 0xff) != 0 ||
-                    Vesk::removeXFRMStates(record()) != 0) // of what stays, the next time would say that it exists
-                    fail("states");
-            },
-            {addTx, addRx, find, removeTx, removeRx},
-            {words("ip xfrm state add" + tx + algorithms + " output-mark 0x20001 mask 0x200ff"),
-             words("ip xfrm state add" + rx + algorithms), words("ip xfrm state list"),
-             words("ip xfrm state delete" + tx), words("ip xfrm state delete" + rx)},
+            {{[] { succeed(Vesk::addXFRMStates(record(), tro_technology_name_enum_v01{}, 1, 0xff)); },
+              {addTx, addRx},
+              {words("ip xfrm state add" + tx + algorithms + " output-mark 0x20001 mask 0x200ff"),
+               words("ip xfrm state add" + rx + algorithms)}},
+             {[] { succeed(Vesk::removeXFRMStates(record())); },
+              {find, removeTx, removeRx},
+              {words("ip xfrm state list"), words("ip xfrm state delete" + tx), words("ip xfrm state delete" + rx)}}},
+            "ip xfrm state | grep -q 'spi 0x55667788'", // which is added last, and removed last
             [] { found = 0; },
             [] {
                 if (found != 2)
@@ -196,14 +201,13 @@ Job labelJob()
     const std::vector<std::pair<int, Bytes>> attributes{{IFAL_LABEL, bytesOf(77u)}, {IFAL_ADDRESS, bytesOf(bytes)}};
     return {"label, add and delete",
             [] {},
-            [] {
-                if (Vesk::addrlabelAdd(&address, 32, 77, 1) != 0 || Vesk::addrlabelDel(&address, 32, 77, 1) != 0)
-                    fail("label");
-            },
-            {{NETLINK_ROUTE, RTM_NEWADDRLABEL, kCreate, bytesOf(entry), attributes},
-             {NETLINK_ROUTE, RTM_DELADDRLABEL, kAcknowledged, bytesOf(entry), attributes}},
-            {words("ip addrlabel add prefix 2001:db9::/32 label 77 dev lo"),
-             words("ip addrlabel del prefix 2001:db9::/32 label 77 dev lo")}};
+            {{[] { succeed(Vesk::addrlabelAdd(&address, 32, 77, 1)); },
+              {{NETLINK_ROUTE, RTM_NEWADDRLABEL, kCreate, bytesOf(entry), attributes}},
+              {words("ip addrlabel add prefix 2001:db9::/32 label 77 dev lo")}},
+             {[] { succeed(Vesk::addrlabelDel(&address, 32, 77, 1)); },
+              {{NETLINK_ROUTE, RTM_DELADDRLABEL, kAcknowledged, bytesOf(entry), attributes}},
+              {words("ip addrlabel del prefix 2001:db9::/32 label 77 dev lo")}}},
+            "ip addrlabel | grep -q 'prefix 2001:db9::/32 dev lo label 77'"};
 }
 
 Job gatewayJob()
@@ -219,21 +223,22 @@ Job gatewayJob()
                     run("ip link add wan0 type veth peer name wan1 && ip link set wan1 up && ip link set wan0 up && "
                         "ip address add 192.0.2.1/24 dev wan0 && ip route add default via 192.0.2.254");
             },
-            [] {
-                const Vesk::RouterAddressResult result = Vesk::RTNetlinkGetRoute(kThere, 0, AF_INET);
-                if (result.status != 0 || result.gateway != "192.0.2.254")
-                    fail("gateway");
-            },
-            {{NETLINK_ROUTE,
-              RTM_GETROUTE,
-              NLM_F_REQUEST,
-              bytesOf(route),
-              {{RTA_DST, bytesOf(inet_addr(kThere))}, {RTA_MARK, bytesOf(0u)}},
-              sizeof route,
-              [](const nlmsghdr*, const Table& a) {
-                  found = a[RTA_GATEWAY] != nullptr && u32Of(a[RTA_GATEWAY]) == inet_addr("192.0.2.254");
-              }}},
-            {words(std::string("ip route get ") + kThere)},
+            {{[] {
+                  const Vesk::RouterAddressResult result = Vesk::RTNetlinkGetRoute(kThere, 0, AF_INET);
+                  if (result.status != 0 || result.gateway != "192.0.2.254")
+                      fail("gateway");
+              },
+              {{NETLINK_ROUTE,
+                RTM_GETROUTE,
+                NLM_F_REQUEST,
+                bytesOf(route),
+                {{RTA_DST, bytesOf(inet_addr(kThere))}, {RTA_MARK, bytesOf(0u)}},
+                sizeof route,
+                [](const nlmsghdr*, const Table& a) {
+                    found = a[RTA_GATEWAY] != nullptr && u32Of(a[RTA_GATEWAY]) == inet_addr("192.0.2.254");
+                }}},
+              {words(std::string("ip route get ") + kThere)}}},
+            "",
             [] { found = false; },
             [] {
                 if (!found)
@@ -254,21 +259,23 @@ Job ruleJob(int among)
                 }
                 fillUp(rules, among, "rule add priority 2%05d fwmark %d table 5");
             },
-            [] {
-                if (Vesk::RTNetlinkGetRule("lo") != std::pair(0x10u, 0xffu))
-                    fail("rule");
-            },
-            {{NETLINK_ROUTE,
-              RTM_GETRULE,
-              kDump,
-              bytesOf(any),
-              {},
-              sizeof any,
-              [](const nlmsghdr*, const Table& a) {
-                  found += a[FRA_PRIORITY] != nullptr && u32Of(a[FRA_PRIORITY]) == 16000 && a[FRA_FWMARK] != nullptr &&
-                           a[FRA_FWMASK] != nullptr && a[FRA_TABLE] != nullptr && u32Of(a[FRA_TABLE]) == 1001;
-              }}},
-            {words("ip rule list")},
+            {{[] {
+                  if (Vesk::RTNetlinkGetRule("lo") != std::pair(0x10u, 0xffu))
+                      fail("rule");
+              },
+              {{NETLINK_ROUTE,
+                RTM_GETRULE,
+                kDump,
+                bytesOf(any),
+                {},
+                sizeof any,
+                [](const nlmsghdr*, const Table& a) {
+                    found += a[FRA_PRIORITY] != nullptr && u32Of(a[FRA_PRIORITY]) == 16000 &&
+                             a[FRA_FWMARK] != nullptr && a[FRA_FWMASK] != nullptr && a[FRA_TABLE] != nullptr &&
+                             u32Of(a[FRA_TABLE]) == 1001;
+                }}},
+              {words("ip rule list")}}},
+            "",
             [] { found = 0; },
             [] {
                 if (found != 1)
@@ -283,27 +290,30 @@ Job ruleJob(int among)
 Job labelsJob(int over)
 {
     static std::set<unsigned int> labels;
-    static int there = 10; // the kernel's
-    ifaddrlblmsg any = {};
-    any.ifal_family  = AF_INET6;
+    static int there                   = 10; // the kernel's
+    constexpr unsigned int kFirstLabel = 100011;
+    ifaddrlblmsg any                   = {};
+    any.ifal_family                    = AF_INET6;
     return {"label over " + std::to_string(over),
             [over] { fillUp(there, over, "addrlabel add prefix 2001:db8:%x::/64 label 1%05d dev lo"); },
-            [] {
-                unsigned int label = 0;
-                if (Vesk::addrlabelGenerate(AF_INET6, false, &label) != 0 || label < 20)
-                    fail("generate");
-            },
-            {{NETLINK_ROUTE,
-              RTM_GETADDRLABEL,
-              kDump,
-              bytesOf(any),
-              {},
-              sizeof any,
-              [](const nlmsghdr*, const Table& a) {
-                  if (a[IFAL_LABEL] != nullptr)
-                      labels.insert(u32Of(a[IFAL_LABEL]));
-              }}},
-            {words("ip addrlabel list")},
+            {{[over] {
+                  unsigned int label = 0;
+                  succeed(Vesk::addrlabelGenerate(AF_INET6, false, &label));
+                  if (over > 10 ? label != kFirstLabel - 1 : label < 20) // below the first of ours, or a random one
+                      fail("label generated: " + std::to_string(label));
+              },
+              {{NETLINK_ROUTE,
+                RTM_GETADDRLABEL,
+                kDump,
+                bytesOf(any),
+                {},
+                sizeof any,
+                [](const nlmsghdr*, const Table& a) {
+                    if (a[IFAL_LABEL] != nullptr)
+                        labels.insert(u32Of(a[IFAL_LABEL]));
+                }}},
+              {words("ip addrlabel list")}}},
+            "",
             [] { labels.clear(); },
             [over] {
                 if (labels.size() != static_cast<std::size_t>(over))
@@ -315,9 +325,16 @@ Job labelsJob(int over)
 
 const std::vector<Job>& jobs()
 {
-    static const std::vector<Job> all{policyJob(),      labelJob(),     gatewayJob(),   ruleJob(16),
-                                      ruleJob(1000),    ruleJob(10000), labelsJob(10),  labelsJob(1000),
-                                      labelsJob(10000), statesJob(10),  statesJob(1000)};
+    static const auto all = [] {
+        std::vector<Job> made{policyJob(),      labelJob(),     gatewayJob(),   ruleJob(16),
+                              ruleJob(1000),    ruleJob(10000), labelsJob(10),  labelsJob(1000),
+                              labelsJob(10000), statesJob(10),  statesJob(1000)};
+        for (Job& job : made)
+            for (Step& step : job.steps)
+                for (Ask& ask : step.asks)
+                    prebuild(ask);
+        return made;
+    }();
     return all;
 }
 

@@ -62,9 +62,21 @@ using Clock = std::chrono::steady_clock;
 
 constexpr double kRound = 0.0005; // seconds, about
 
-// The columns beside the floor, and how many pairs of rounds each gets.
-const std::pair<const char*, int> kColumns[] = {
-    {"library", 401}, {"libmnl", 401}, {"libmnl, kept", 401}, {"libnl", 401}, {"ip", 21}};
+// The columns beside the floor, how many pairs of rounds each gets, and how it asks where it is a library of others.
+struct Column {
+    const char* name;
+    int rounds;
+    void (*via)(const Ask&);
+};
+
+constexpr Column kColumns[] = {{"library", 401, nullptr},
+                               {"libmnl", 401, viaMnl},
+                               {"libmnl, kept", 401, viaKeptMnl},
+                               {"libnl", 401, viaNl},
+                               {"ip", 21, nullptr}};
+constexpr Column kFloor     = {"floor", 0, viaFloor};
+
+using Steps = std::vector<std::function<void()>>;
 
 double seconds(const std::function<void()>& once, int times)
 {
@@ -74,40 +86,38 @@ double seconds(const std::function<void()>& once, int times)
     return std::chrono::duration<double>(Clock::now() - start).count() / times;
 }
 
-std::function<void()> onceOf(const Job& job, const std::string& column)
+// What a column does of a job, step by step.
+Steps stepsOf(const Job& job, const Column& column)
 {
-    if (column == "library")
-        return job.viaLibrary;
-    if (column == "ip")
-        return [&job] {
-            for (const auto& command : job.commands)
-                viaProcess(command);
-        };
-    const auto via = column == "libnl" ? viaNl : column == "libmnl" ? viaMnl : viaKeptMnl;
-    return [&job, via] {
-        job.begin();
-        for (const Ask& ask : job.asks)
-            via(ask);
-        job.alsoAsk();
-        job.check();
-    };
+    Steps steps;
+    for (const Step& step : job.steps)
+        if (column.via != nullptr)
+            steps.push_back([&step, via = column.via] { std::for_each(step.asks.begin(), step.asks.end(), via); });
+        else if (std::strcmp(column.name, "library") == 0)
+            steps.push_back(step.viaLibrary);
+        else
+            steps.push_back([&step] { std::for_each(step.commands.begin(), step.commands.end(), viaProcess); });
+    if (column.via != nullptr) {
+        steps.front() = [&job, first = steps.front()] { job.begin(), first(); };
+        steps.back()  = [&job, last = steps.back()] { last(), job.check(); };
+        if (column.via != viaFloor)
+            steps.back() = [&job, last = steps.back()] { last(), job.alsoAsk(); };
+    }
+    return steps;
 }
 
-std::function<void()> floorOf(const Job& job)
+// All steps, seen once by the job's witness.
+std::function<void()> onceOf(const Job& job, const Column& column)
 {
-    std::vector<std::vector<Bytes>> requests;
-    std::vector<std::vector<iovec>> gathered;
-    for (const Ask& ask : job.asks) {
-        requests.push_back(blocksOf(ask));
-        gathered.emplace_back();
-        for (Bytes& block : requests.back())
-            gathered.back().push_back({block.data(), block.size()});
+    const Steps steps = stepsOf(job, column);
+    for (std::size_t i = 0; i < steps.size(); ++i) {
+        steps[i]();
+        if (!job.witness.empty() && (std::system(job.witness.c_str()) == 0) != (i == 0))
+            fail(std::string(column.name) + (i == 0 ? " changed nothing" : " left the change"));
     }
-    return [&job, requests = std::move(requests), gathered = std::move(gathered)] {
-        job.begin();
-        for (std::size_t i = 0; i < gathered.size(); ++i)
-            viaFloor(job.asks[i], gathered[i]);
-        job.check();
+    return [steps] {
+        for (const auto& step : steps)
+            step();
     };
 }
 
@@ -131,15 +141,15 @@ double countedBy(const std::string& program, const Job& job)
 long allocationsOf(const Job& job)
 {
     const long before = allocations;
-    job.viaLibrary();
+    for (const Step& step : job.steps)
+        step.viaLibrary();
     return allocations - before;
 }
 
-void measure(benchmark::State& state, const Job& job, const char* column)
+void measure(benchmark::State& state, const Job& job, const Column& column)
 try {
     job.prepare();
-    const std::function<void()> floor = floorOf(job), other = onceOf(job, column);
-    other();
+    const std::function<void()> floor = onceOf(job, kFloor), other = onceOf(job, column);
     const auto roundOf = [](const std::function<void()>& once) {
         return std::max(1, static_cast<int>(kRound / seconds(once, 3)));
     };
@@ -164,7 +174,7 @@ try {
     state.counters["ratio"] = ratios[ratios.size() / 2];
     state.counters["low"]   = ratios[ratios.size() / 4];
     state.counters["high"]  = ratios[ratios.size() * 3 / 4];
-    if (std::strcmp(column, "library") == 0) {
+    if (std::strcmp(column.name, "library") == 0) {
         state.counters["allocations"]  = static_cast<double>(allocationsOf(job));
         state.counters["instructions"] = countedBy(
             R"(valgrind --tool=callgrind --callgrind-out-file=/dev/null "$me" --times $times "$job" 2>&1 |
@@ -182,8 +192,8 @@ public:
     bool ReportContext(const Context&) override
     {
         std::string head = "| job | floor", rule = "|---|---";
-        for (const auto& [column, rounds] : kColumns) {
-            head += std::string(" | ") + column;
+        for (const Column& column : kColumns) {
+            head += std::string(" | ") + column.name;
             rule += "|---";
         }
         std::printf(
@@ -215,8 +225,8 @@ private:
     {
         const auto value = [this](const char* column, const char* counter) { return row[column][counter].value; };
         std::printf("| %s | %.1f us", job.c_str(), 1e6 * value("library", "floor"));
-        for (const auto& [column, rounds] : kColumns)
-            std::printf(" | %.2f (%.2f-%.2f)", value(column, "ratio"), value(column, "low"), value(column, "high"));
+        for (const auto& [name, rounds, via] : kColumns)
+            std::printf(" | %.2f (%.2f-%.2f)", value(name, "ratio"), value(name, "low"), value(name, "high"));
         for (const char* column : {"libmnl", "libnl"})
             std::printf(" | %.2f", value("library", "ratio") / value(column, "ratio"));
         for (const char* counter : {"instructions", "allocations", "calls"})
@@ -239,7 +249,9 @@ try {
         const auto job  = std::find_if(all.begin(), all.end(), [&](const Job& one) { return one.name == argv[3]; });
         if (job == all.end())
             fail(std::string("no such job: ") + argv[3]);
-        seconds(job->viaLibrary, std::atoi(argv[2]));
+        for (int times = std::atoi(argv[2]); times > 0; --times)
+            for (const Step& step : job->steps)
+                step.viaLibrary();
         return 0;
     }
 
@@ -251,10 +263,10 @@ try {
     if (std::system("ip link set lo up") != 0)
         fail("ip link set lo up");
     for (const Job& job : jobs())
-        for (const auto& [column, rounds] : kColumns)
-            benchmark::RegisterBenchmark((job.name + '/' + column).c_str(), measure, job, column)
+        for (const Column& column : kColumns)
+            benchmark::RegisterBenchmark((job.name + '/' + column.name).c_str(), measure, std::cref(job), column)
                 ->UseManualTime()
-                ->Iterations(rounds);
+                ->Iterations(column.rounds);
     MarkdownTable table;
     benchmark::RunSpecifiedBenchmarks(&table);
     return table.failures == 0 ? 0 : 1;
