@@ -96,8 +96,10 @@ const std::map<std::string, Setter> kFields = {
 void readRecord(const std::string& path, Record& record)
 {
     struct stat about = {};
+    if (stat(path.c_str(), &about) != 0 || !S_ISREG(about.st_mode)) // not to wait for the writer of a pipe
+        throw std::runtime_error(path + ": cannot be read");
     std::ifstream file(path);
-    if (!file || stat(path.c_str(), &about) != 0 || !S_ISREG(about.st_mode))
+    if (!file)
         throw std::runtime_error(path + ": cannot be read");
     if ((about.st_mode & (S_IRWXG | S_IRWXO)) != 0)
         throw std::runtime_error(path + ": holds keys, but others may read it; chmod 600 it");

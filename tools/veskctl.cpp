@@ -45,6 +45,10 @@ struct Refusal : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
+struct NoDevice : Refusal {
+    using Refusal::Refusal;
+};
+
 struct Prefix {
     sockaddr_storage address;
     unsigned int length;
@@ -82,7 +86,7 @@ unsigned int indexOf(const std::string& device)
 {
     const unsigned int index = device.empty() ? 0 : if_nametoindex(device.c_str());
     if (index == 0 && !device.empty())
-        throw Refusal("no such device: " + device);
+        throw NoDevice("no such device: " + device);
     return index;
 }
 
@@ -236,11 +240,12 @@ public:
     CommandLine()
     {
         app.require_subcommand(1);
+        app.fallthrough(); // --json and --log may stand anywhere
         app.set_version_flag("--version", "veskctl " VESK_VERSION, "Print the version and exit");
         app.add_flag("--json", json, "Print the result as JSON");
-        app.add_option("--log", logLevel, "Lowest level of log lines: 1 (all) to 4 (failures)")
+        app.add_option("--log", logLevel, "Lowest level of log lines: 1 (all) to 4 (failures), or 5 (none)")
             ->envname("VESK_LOG_LEVEL")
-            ->check(CLI::Range(1, 4))
+            ->check(CLI::Range(1, 5))
             ->capture_default_str();
         addRouteCommands();
         addQdiscCommands();
@@ -260,7 +265,8 @@ public:
             return tell(action(arguments));
         } catch (const std::runtime_error& error) {
             std::fprintf(stderr, "veskctl: %s\n", error.what());
-            return 2;
+            const bool asTheLibraryRefuses = dynamic_cast<const NoDevice*>(&error) != nullptr;
+            return asTheLibraryRefuses ? 1 : 2;
         }
     }
 
@@ -354,7 +360,7 @@ private:
                          a.kind, "Such as fq_codel");
                 options(command(ofPrio, name, what, "prio " + example, prio(code)));
             }
-            options(command(ofFlow, name, what, "flow " + example + " --enable", flowControl(code)))
+            options(command(ofFlow, name, what, "flow " + example + (code == 1 ? "" : " --enable"), flowControl(code)))
                 ->add_flag("--enable", a.enable, "Switch flow control on");
         }
     }

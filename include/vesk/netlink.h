@@ -10,7 +10,7 @@
  *
  * What holds for every operation:
  *
- * - **Results.** Configuring operations return 0, or -1 when the arguments are refused (nothing is sent then) or the
+ * - **Results.** Configuring operations return 0, or -1 when the arguments are refused (nothing is changed then) or the
  *   exchange fails. Outputs are written on success only.
  * - **After a failure** of a single exchange the kernel is as it was, and the library keeps nothing. What an operation of
  *   several exchanges leaves in the kernel, when a later one fails, is said with it.
