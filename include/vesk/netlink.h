@@ -390,7 +390,8 @@ struct RouterAddressResult {
  * | RTA_DST  | the destination, 4 or 16 bytes |
  * | RTA_MARK | `mark`, 4 bytes |
  *
- * Mainline answers with the route, or, for example, with ENETUNREACH or EHOSTUNREACH. What makes a route unusable (no gateway, an IPv6
+ * Mainline answers with the route, or, for example, with ENETUNREACH or EHOSTUNREACH. Logs "Invalid family", "inet_pton
+ * failed on ...", or "Getting routes failed" after the reason. What makes a route unusable (no gateway, an IPv6
  * one) is logged by the callback `getRouterAddress`; it leaves the gateway empty and the status 0.
  * @param destination  address text
  * @param mark         firewall mark of the look-up
@@ -454,7 +455,7 @@ VESK_EXPORT int RTNetlinkTCQdisc(std::string& device, std::string& kind, unsigne
  * | ... byte 20        | 1, the flow-control switch |
  * | ... bytes 21 to 23 | 0 |
  *
- * The block is the platform's own: a mainline kernel refuses the addition (EINVAL, with sch_prio loaded).
+ * The block is the platform's own: a mainline kernel refuses the addition (EINVAL, with sch_prio loaded). Logs as there.
  * @return 0, or -1: no such device, another operation, refused by the kernel
  */
 VESK_EXPORT int RTNetlinkTCPrio(std::string& device, unsigned int parent, unsigned int handle,
@@ -472,7 +473,8 @@ VESK_EXPORT int RTNetlinkTCPrio(std::string& device, unsigned int parent, unsign
  * | byte 20        | `enable` |
  * | bytes 21 to 23 | 1 |
  *
- * The block is the platform's own: a mainline kernel refuses addition and change (EINVAL, with sch_prio loaded). Logs the request at level 1.
+ * The block is the platform's own: a mainline kernel refuses addition and change (EINVAL, with sch_prio
+ * loaded). Logs as there, and the request at level 1.
  * @param device     interface name
  * @param parent     0 for the root
  * @param handle     major and minor number
@@ -598,7 +600,8 @@ VESK_EXPORT int addXFRMStates(tro_ipsec_static_sa_config_ex_info_ind_msg_v01& re
  *
  * A mainline kernel takes the marks of the update, keeps the keys of a living SA and its counters, and answers
  * 0 to the last two requests without carrying them out; ESRCH when there are no such SAs. A failed TX update ends the
- * operation; a failed dump, RX update or TX counter update is logged only. Nothing is rolled back.
+ * operation; a failed dump, RX update or TX counter update is logged only. Nothing is rolled back. Logs "failed to query
+ * XFRM"; what `addXFRMStates` logs, and then "updating TX (RX) XFRM state failed"; "updating sequence TX (RX) failed".
  * @return the result of the TX update when that fails, else that of the RX counter update: 0 or -1
  */
 VESK_EXPORT int updateXFRMStates(tro_ipsec_static_sa_config_ex_info_ind_msg_v01& record,
@@ -666,13 +669,15 @@ VESK_EXPORT int removeXFRMPolicies(std::string& source, std::string& destination
  * Lets ICMPv6 to fe80::/64 past IPsec: a policy without template, of priority 10.
  *
  * Sends what `addXFRMPolicies` sends, without XFRMA_TMPL, with priority 10 and this selector: any source, destination
- * fe80::/64, protocol 58. Works on mainline.
+ * fe80::/64, protocol 58. Works on mainline; a second addition is EEXIST, an unknown direction EINVAL. Logs "sending XFRM
+ * policy failed" after the kernel's reason.
  * @param direction  XFRM_POLICY_IN, XFRM_POLICY_OUT or XFRM_POLICY_FWD; others are sent, and refused by the kernel
  * @return 0, or -1: refused by the kernel (a policy that exists is refused)
  */
 VESK_EXPORT int addXFRMPolicyEx(unsigned char direction) noexcept;
 
-/// Deletes the policy of `addXFRMPolicyEx` with XFRM_MSG_DELPOLICY. @return as there
+/// Deletes the policy of `addXFRMPolicyEx` with XFRM_MSG_DELPOLICY; ENOENT when there is none. Logs "sending XFRM policy
+/// delete failed" after the kernel's reason. @return 0, or -1: refused by the kernel
 VESK_EXPORT int removeXFRMPolicyEx(unsigned char direction) noexcept;
 
 /**
