@@ -152,17 +152,25 @@ static int showMessageNl(nl_msg* message, void* context)
     return NL_OK;
 }
 
-void viaNl(const Ask& ask)
+static nl_sock* openNl(int protocol)
 {
     nl_sock* socket = nl_socket_alloc();
-    nl_msg* message = nlmsg_alloc_simple(ask.type, ask.flags);
-    if (socket == nullptr || message == nullptr || nl_connect(socket, ask.protocol) < 0)
+    if (socket == nullptr || nl_connect(socket, protocol) < 0)
         fail("libnl socket");
+    return socket;
+}
+
+static void exchangeNl(nl_sock* socket, const Ask& ask)
+{
+    nl_msg* message = nlmsg_alloc_simple(ask.type, ask.flags);
+    if (message == nullptr)
+        fail("libnl message");
     nlmsg_append(message, const_cast<unsigned char*>(ask.payload.data()), ask.payload.size(), NLMSG_ALIGNTO);
     for (const auto& [type, value] : ask.attributes)
         nla_put(message, type, static_cast<int>(value.size()), value.data());
     int result = 0;
     if (ask.consume == nullptr) {
+        nl_socket_enable_auto_ack(socket);
         result = nl_send_sync(socket, message); // frees the message
     } else {
         nl_socket_disable_auto_ack(socket);
@@ -174,7 +182,21 @@ void viaNl(const Ask& ask)
     }
     if (result < 0)
         fail(std::string("libnl: ") + nl_geterror(result));
+}
+
+void viaNl(const Ask& ask)
+{
+    nl_sock* socket = openNl(ask.protocol);
+    exchangeNl(socket, ask);
     nl_socket_free(socket);
+}
+
+void viaKeptNl(const Ask& ask)
+{
+    static nl_sock* sockets[NETLINK_GENERIC + 1];
+    if (sockets[ask.protocol] == nullptr)
+        sockets[ask.protocol] = openNl(ask.protocol);
+    exchangeNl(sockets[ask.protocol], ask);
 }
 
 // A program

@@ -12,7 +12,8 @@ void prebuild(Ask& ask);
 void viaFloor(const Ask& ask);   // the same system calls as this library's, and the least check of the reply
 void viaMnl(const Ask& ask);     // a socket for each request, as the library has it
 void viaKeptMnl(const Ask& ask); // one socket for all
-void viaNl(const Ask& ask);      // a socket for each request
+void viaNl(const Ask& ask);
+void viaKeptNl(const Ask& ask);
 void viaProcess(const std::vector<std::string>& command);
 
 } // namespace Bench

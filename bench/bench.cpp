@@ -4,7 +4,7 @@
 //                library), the least check of the reply
 //     library    this library
 //     libmnl     a fresh socket each time, as this library does; "kept" keeps one
-//     libnl      a fresh socket each time
+//     libnl      the same
 //     ip         the program, a process for each request
 //
 // Run as root, in a network of its own. Each job checks that the kernel really did or answered what was asked. Ratios are
@@ -69,11 +69,9 @@ struct Column {
     void (*via)(const Ask&);
 };
 
-constexpr Column kColumns[] = {{"library", 401, nullptr},
-                               {"libmnl", 401, viaMnl},
-                               {"libmnl, kept", 401, viaKeptMnl},
-                               {"libnl", 401, viaNl},
-                               {"ip", 21, nullptr}};
+constexpr Column kColumns[] = {{"library", 401, nullptr},         {"libmnl", 401, viaMnl},
+                               {"libmnl, kept", 401, viaKeptMnl}, {"libnl", 401, viaNl},
+                               {"libnl, kept", 401, viaKeptNl},   {"ip", 21, nullptr}};
 constexpr Column kFloor     = {"floor", 0, viaFloor};
 
 using Steps = std::vector<std::function<void()>>;
