@@ -10,7 +10,9 @@
 #include <stdexcept>
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -95,11 +97,14 @@ const std::map<std::string, Setter> kFields = {
 
 void readRecord(const std::string& path, Record& record)
 {
-    struct stat about = {};
-    if (stat(path.c_str(), &about) != 0 || !S_ISREG(about.st_mode)) // not to wait for the writer of a pipe
-        throw std::runtime_error(path + ": cannot be read");
-    std::ifstream file(path);
-    if (!file)
+    // The file that is looked at is the one that is read; of a pipe, the writer is not waited for.
+    const int descriptor = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    struct stat about    = {};
+    std::ifstream file;
+    if (fstat(descriptor, &about) == 0 && S_ISREG(about.st_mode))
+        file.open("/proc/self/fd/" + std::to_string(descriptor));
+    close(descriptor);
+    if (!file.is_open())
         throw std::runtime_error(path + ": cannot be read");
     if ((about.st_mode & (S_IRWXG | S_IRWXO)) != 0)
         throw std::runtime_error(path + ": holds keys, but others may read it; chmod 600 it");
