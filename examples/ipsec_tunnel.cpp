@@ -336,8 +336,10 @@ void demonstrate()
                    ", which may be lost, and two more",
                answers >= 13 - meanwhile);
     }
-    expect("the SA went on where it was: it has carried " + std::to_string(Counters(handset, "192.0.2.9").packets),
-           Counters(handset, "192.0.2.9").packets == 20 && Counters(handset, "192.0.2.9").sequence == 20);
+    // Of 20 packets, the kernel forgets one that it sends while it copies the SA.
+    const Counters carried(handset, "192.0.2.9");
+    expect("the SA went on where it was: it has carried " + std::to_string(carried.packets),
+           carried.packets >= 19 && carried.sequence == static_cast<unsigned int>(carried.packets));
     expect("the old address is in no policy", handset.output("ip xfrm policy | grep -wF 192.0.2.1").empty());
 
     title("5. New keys");
@@ -347,7 +349,7 @@ void demonstrate()
                    [&] { return Vesk::updateXFRMStates(moved, kTechnology, kMark, 0xfff); });
     const Counters updated(handset, "192.0.2.9");
     expect("the kernel keeps the sequence counter and takes the new mask",
-           updated.sequence == 20 && contains(updated.text, "output-mark 0x20001/0x20fff"));
+           updated.sequence == carried.sequence && contains(updated.text, "output-mark 0x20001/0x20fff"));
     expect("a mainline kernel keeps the keys of a living SA",
            contains(updated.text, "0x10101010101010101010101010101010"));
     here.remove(moved);
