@@ -5,12 +5,15 @@
 #ifndef LOG_MGR_H
 #define LOG_MGR_H
 
+/// @addtogroup logger
+/// @{
+
 /// How important a line is, rising.
 enum log_level {
     log_level_verbose = 1, ///< what was looked at and passed over, routine successes
     log_level_detail  = 2, ///< field by field what is sent
     log_level_notice  = 3, ///< progress, and events that are no failures
-    log_level_failure = 4,
+    log_level_failure = 4, ///< what was refused, or failed
 };
 
 /// The one logger of a process.
@@ -29,5 +32,7 @@ public:
     void doLog(log_level level, const char* file, unsigned int line, const char* format, ...)
         __attribute__((format(printf, 5, 6)));
 };
+
+/// @}
 
 #endif

@@ -15,10 +15,13 @@
 
 #include <cstdint>
 
+/// @addtogroup ipsec
+/// @{
+
 /// An IP address as the modem writes it.
 struct tro_ip_addr_type_v01 {
     std::uint32_t ip_type;  ///< 4: IPv4, 6: IPv6; any other value is invalid.
-    std::uint32_t addr_len; ///< Meaningful bytes of `addr`; read for IPv6 only, above 16 counts as 16.
+    std::uint32_t addr_len; ///< Bytes of `addr` that are sent; read for IPv6 only. Above 16 counts as 16.
     std::uint8_t addr[16];  ///< IPv6: 16 bytes in network order. IPv4: the first 4 bytes are one word in HOST order.
 };
 
@@ -47,7 +50,7 @@ struct tro_ipsec_static_sa_config_ex_info_ind_msg_v01 {
     std::uint32_t crypto_key_tx_len; ///< In bytes, at most 128.
     std::uint8_t crypto_key_tx[128]; ///< Cipher key of the outgoing SA.
     std::uint8_t udp_encap_valid;
-    std::uint8_t udp_encap; ///< Non-zero: ESP is carried in UDP (NAT traversal).
+    std::uint8_t udp_encap; ///< Non-zero, with a valid port: ESP is carried in UDP (NAT traversal).
     std::uint8_t aes_mode_valid;
     std::uint32_t aes_mode; ///< 1: CBC, 2: CTR (the key ends in 4 bytes of nonce); CBC when not valid.
     std::uint8_t udp_encap_port_valid;
@@ -64,5 +67,7 @@ struct tro_ipsec_static_sa_config_ex_info_ind_msg_v01 {
 enum tro_technology_name_enum_v01 : std::int32_t {
     TRO_TECHNOLOGY_NAME_MARKED_RX_V01 = -32640, ///< The incoming SA gets an output mark too.
 };
+
+/// @}
 
 #endif

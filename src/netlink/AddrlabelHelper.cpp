@@ -53,6 +53,7 @@ int addrlabelModify(int type, sockaddr_storage* address, unsigned int prefixLeng
 #pragma GCC diagnostic pop
     }
 
+    static_assert(sizeof(ifaddrlblmsg) == 12);
     auto entry           = zeroed<ifaddrlblmsg>();
     entry.ifal_family    = static_cast<__u8>(address->ss_family);
     entry.ifal_prefixlen = static_cast<__u8>(prefixLength);
@@ -218,8 +219,8 @@ int addrlabelGenerate(int family, bool useDefault, unsigned int* label) noexcept
         return result;
     }
 
-    // A gap is between a label and the one before it. Sic: the first label is compared with the second, if there is one,
-    // so that it ends the process when it is none of the system's.
+    // A gap is between a label and the one before it. Sic: the first label is compared with the second, if there is
+    // one, so that it ends the process when it is none of the system's.
     unsigned int last = kLastSystemLabel;
     for (auto it = std::upper_bound(labels.begin(), labels.end(), kLastSystemLabel); it != labels.end(); ++it) {
         const auto partner = it == labels.begin() ? std::next(it) : std::prev(it);

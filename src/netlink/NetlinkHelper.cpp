@@ -12,6 +12,7 @@
 #include "Checked.h"
 #include "Log.h"
 #include "Message.h"
+#include "WholeRequest.h"
 #include "Wipe.h"
 
 #include <algorithm>
@@ -22,7 +23,6 @@
 #include <cstring>
 #include <memory>
 #include <new>
-#include <stdexcept>
 
 #include <linux/genetlink.h>
 #include <linux/xfrm.h>
@@ -37,12 +37,14 @@ constexpr char kLogSource[] = "src/netlink/NetlinkHelper";
 
 constexpr std::size_t kUsualAttributes = 8; // no request of this library has more, so the list never grows
 constexpr std::size_t kNoSuchBlock     = SIZE_MAX;
-constexpr std::size_t kReceiveSize     = 4096;
+constexpr unsigned kAttributeMissing   = 1; // kept in payloadLength, a multiple of 4: no member more in the interface
+constexpr std::size_t kReceiveCapacity = 8192;
 constexpr std::size_t kMinErrorSize    = kMessageSize<nlmsgerr>;
 constexpr std::size_t kMinDoneSize     = kMessageSize<int>;
 
-// A refusal: header, error, echo of the request (its header alone when capped), attributes. The walk over the attributes
-// starts 12 bytes early, inside the echo, and stays so: daemons rely on which texts are found and which are not.
+// A refusal: header, error, echo of the request (its header alone when capped), attributes. The walk over the
+// attributes starts 12 bytes early, inside the echo, and stays so: daemons rely on which texts are found and which are
+// not.
 constexpr unsigned int kEchoStart        = NLMSG_HDRLEN + sizeof(int);
 constexpr unsigned int kExtAckInsideEcho = 12; // sic
 constexpr unsigned int kExtAckStart      = kEchoStart + NLMSG_HDRLEN - kExtAckInsideEcho;
@@ -65,14 +67,22 @@ int positive(int status)
     return static_cast<int>(0U - static_cast<unsigned int>(status));
 }
 
+// What a kernel puts into one datagram of a dump: as much as a page of the machine holds, and at most 8,192 bytes. With
+// less room, a dump loses what is cut off, and never ends when its end is in there.
+std::size_t receiveSize()
+{
+    return std::min(static_cast<std::size_t>(getpagesize()), kReceiveCapacity);
+}
+
 // The messages of one reply datagram, in place.
 class Reply {
 public:
+    Reply() { std::memset(buffer, 0, size); }
     ~Reply() { wipe(buffer, longest); } // a dump of SAs, and the echo of one that was refused, hold keys
 
     ssize_t receive(int socketFd)
     {
-        const ssize_t received = recvfrom(socketFd, buffer, sizeof buffer, 0, nullptr, nullptr);
+        const ssize_t received = recvfrom(socketFd, buffer, size, 0, nullptr, nullptr);
         at                     = buffer;
         unread                 = received > 0 ? static_cast<std::size_t>(received) : 0;
         longest                = std::max(longest, unread);
@@ -93,10 +103,11 @@ public:
     }
 
 private:
-    alignas(nlmsghdr) unsigned char buffer[kReceiveSize] = {};
-    unsigned char* at                                    = buffer;
-    std::size_t unread                                   = 0;
-    std::size_t longest                                  = 0; // datagram so far
+    const std::size_t size = receiveSize();
+    unsigned char* at      = buffer;
+    std::size_t unread     = 0;
+    std::size_t longest    = 0; // datagram so far
+    alignas(nlmsghdr) unsigned char buffer[kReceiveCapacity];
 };
 
 } // namespace
@@ -105,21 +116,20 @@ NetlinkMessage::NetlinkMessage() noexcept
 {
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Winvalid-offsetof"
-    if constexpr (sizeof(void*) == 8) {
-        static_assert(sizeof(NetlinkMessage) == 120);
-        static_assert(offsetof(NetlinkMessage, protocol) == 8);
-        static_assert(offsetof(NetlinkMessage, socketFd) == 12);
-        static_assert(offsetof(NetlinkMessage, kernelError) == 16);
-        static_assert(offsetof(NetlinkMessage, queryCb) == 24);
-        static_assert(offsetof(NetlinkMessage, queryCtx) == 32);
-        static_assert(offsetof(NetlinkMessage, requireResponse) == 40);
-        static_assert(offsetof(NetlinkMessage, dumpCb) == 48);
-        static_assert(offsetof(NetlinkMessage, dumpCtx) == 56);
-        static_assert(offsetof(NetlinkMessage, header) == 64);
-        static_assert(offsetof(NetlinkMessage, payload) == 80);
-        static_assert(offsetof(NetlinkMessage, attrsLength) == 88);
-        static_assert(offsetof(NetlinkMessage, attributes) == 96);
-    }
+    static_assert(sizeof(void*) == 8, "for 64-bit processors alone: daemons keep a NetlinkMessage in this layout");
+    static_assert(sizeof(NetlinkMessage) == 120);
+    static_assert(offsetof(NetlinkMessage, protocol) == 8);
+    static_assert(offsetof(NetlinkMessage, socketFd) == 12);
+    static_assert(offsetof(NetlinkMessage, kernelError) == 16);
+    static_assert(offsetof(NetlinkMessage, queryCb) == 24);
+    static_assert(offsetof(NetlinkMessage, queryCtx) == 32);
+    static_assert(offsetof(NetlinkMessage, requireResponse) == 40);
+    static_assert(offsetof(NetlinkMessage, dumpCb) == 48);
+    static_assert(offsetof(NetlinkMessage, dumpCtx) == 56);
+    static_assert(offsetof(NetlinkMessage, header) == 64);
+    static_assert(offsetof(NetlinkMessage, payload) == 80);
+    static_assert(offsetof(NetlinkMessage, attrsLength) == 88);
+    static_assert(offsetof(NetlinkMessage, attributes) == 96);
 #pragma GCC diagnostic pop
 }
 
@@ -158,14 +168,14 @@ void NetlinkMessage::addMsgPayload(int len, void* data) noexcept
     if (size != 0)
         std::memcpy(payload, data, size);
     std::memset(payload + size, 0, padded - size);
-    payloadLength    = padded;
+    payloadLength    = padded | (payloadLength & kAttributeMissing);
     header.nlmsg_len = padded;
 }
 
 void NetlinkMessage::clearMsgPayload() noexcept
 {
     if (payload != nullptr)
-        wipe(payload, payloadLength);
+        wipe(payload, payloadLength & ~kAttributeMissing);
     delete[] payload;
     payload = nullptr;
 }
@@ -181,6 +191,7 @@ void NetlinkMessage::addNLAttribute(int type, int len, void* data) noexcept
     auto* block = new (std::nothrow) unsigned char[padded];
     if (block == nullptr) {
         LOG(failure, "%s(): adding attribute of type %d failed", type);
+        payloadLength |= kAttributeMissing;
         return;
     }
 
@@ -237,14 +248,17 @@ void NetlinkMessage::startNestedNLAttribute(int type, NestedAttrHandle& handle) 
 
 void NetlinkMessage::endNestedNLAttribute(NestedAttrHandle& handle) noexcept
 {
-    try {
-        nlattr* nest = attributes.at(handle.second);
-        if ((nest->nla_type & NLA_F_NESTED) == 0) // a length that is not its own would make the send read past it
-            throw std::out_of_range("not a nested attribute");
-        nest->nla_len = static_cast<__u16>(subOrAbort<std::uint64_t>(attrsLength, handle.first));
-    } catch (const std::out_of_range& error) {
-        LOG(failure, "%s(): invalid attribute handle %zu: %s", static_cast<std::size_t>(handle.second), error.what());
+    const auto index    = static_cast<std::size_t>(handle.second);
+    const char* mistake = nullptr;
+    if (index >= attributes.size())
+        mistake = "no such attribute";
+    else if ((attributes[index]->nla_type & NLA_F_NESTED) == 0) // its length is its own: the send would read past it
+        mistake = "not a nested attribute";
+    if (mistake != nullptr) {
+        LOG(failure, "%s(): invalid attribute handle %zu: %s", index, mistake);
+        return;
     }
+    attributes[index]->nla_len = static_cast<__u16>(subOrAbort<std::uint64_t>(attrsLength, handle.first));
 }
 
 void NetlinkMessage::clearAttributes() noexcept
@@ -296,7 +310,7 @@ int NetlinkMessage::messageSend() noexcept
     iovec* block = blocks.get();
     *block++     = {&header, sizeof header};
     if (payload != nullptr)
-        *block++ = {payload, payloadLength};
+        *block++ = {payload, payloadLength & ~kAttributeMissing};
     for (nlattr* attribute : attributes)
         *block++ = {attribute, blockSize(attribute)};
 
@@ -355,6 +369,12 @@ int NetlinkMessage::messageTransact() noexcept
     return FAIL("%s(): no NL ACK received from kernel");
 }
 
+int transactWhole(NetlinkMessage& msg) noexcept
+{
+    const bool whole = msg.payload != nullptr && (msg.payloadLength & kAttributeMissing) == 0;
+    return whole ? msg.messageTransact() : -1;
+}
+
 void NetlinkMessage::extack(nlmsghdr* msg) noexcept
 {
     if ((msg->nlmsg_flags & NLM_F_ACK_TLVS) == 0) {
@@ -378,7 +398,7 @@ void NetlinkMessage::extack(nlmsghdr* msg) noexcept
     if (message == nullptr || reinterpret_cast<unsigned char*>(message) < start + quiet)
         return;
 
-    char text[kReceiveSize];
+    char text[kReceiveCapacity];
     std::snprintf(text, sizeof text, "%.*s", static_cast<int>(attributeLength(message)),
                   static_cast<char*>(attributeValue(message)));
     LOG(failure, "%s(): EXTACK reports %s", text);
@@ -503,6 +523,7 @@ static VeskNetlinkQueryReturn queryGENLCb(nlmsghdr* msg, void* ctx)
 
 int queryGenericNetlinkFamily(std::string& name, unsigned char version, unsigned short* id) noexcept
 {
+    static_assert(sizeof(genlmsghdr) == 4);
     genlmsghdr request = {};
     request.cmd        = CTRL_CMD_GETFAMILY;
     request.version    = version;

@@ -71,6 +71,7 @@ int RTNetlinkAddressCfg(std::string& device, sockaddr_storage* address, unsigned
     const bool replace    = change != AddressAdd && change != AddressAddDeprecated;
     const bool deprecated = (change & ~2) == AddressDeprecate;
 
+    static_assert(sizeof(ifaddrmsg) == 8 && sizeof(ifa_cacheinfo) == 16);
     auto payload = zeroed<ifaddrmsg>(); // ifa_family stays AF_UNSPEC: the platform's kernel judges by the address
     payload.ifa_prefixlen = static_cast<__u8>(prefixLength);
     payload.ifa_index     = index;
@@ -96,6 +97,7 @@ int RTNetlinkSetGSOMaxSize(std::string& device, unsigned short gsoMaxSize) noexc
     if (index == 0)
         return FAIL("%s(): no such device %s", device.c_str());
 
+    static_assert(sizeof(ifinfomsg) == 16);
     auto payload      = zeroed<ifinfomsg>();
     payload.ifi_index = static_cast<int>(index);
 
@@ -167,6 +169,7 @@ RouterAddressResult RTNetlinkGetRoute(std::string destination, unsigned int mark
                    converted), // sic
                failed;
 
+    static_assert(sizeof(rtmsg) == 12);
     auto route        = zeroed<rtmsg>();
     route.rtm_family  = family;
     route.rtm_dst_len = static_cast<unsigned char>(8 * addressSize(family));
@@ -321,6 +324,7 @@ static void getRuleMark(nlmsghdr* message, void* context)
 
 std::optional<std::pair<unsigned int, unsigned int>> RTNetlinkGetRule(std::string device) noexcept
 {
+    static_assert(sizeof(fib_rule_hdr) == 12);
     auto any   = zeroed<fib_rule_hdr>();
     any.family = AF_INET;
 
@@ -381,6 +385,7 @@ const QdiscOperation* buildQdisc(NetlinkMessage& msg, const char* name, const st
     if (index == 0)
         return LOG_AS(failure, name, "%s(): no such device %s", device.c_str()), nullptr;
 
+    static_assert(sizeof(tcmsg) == 20);
     auto qdisc        = zeroed<tcmsg>();
     qdisc.tcm_ifindex = static_cast<int>(index);
     qdisc.tcm_handle  = handle;

@@ -1,12 +1,12 @@
 // Requests to NETLINK_XFRM, made from the modem's record of a pair of security associations (SAs):
 //
-//     XFRM_MSG_NEWSA, UPDSA   xfrm_usersa_info       XFRMA_ALG_CRYPT, ALG_AUTH_TRUNC, [ENCAP,] [SET_MARK, [SET_MARK_MASK]]
-//     XFRM_MSG_DELSA          xfrm_usersa_id         XFRMA_SRCADDR
+//     XFRM_MSG_NEWSA, UPDSA   xfrm_usersa_info      XFRMA_ALG_CRYPT, ALG_AUTH_TRUNC, [ENCAP, SET_MARK, SET_MARK_MASK]
+//     XFRM_MSG_DELSA          xfrm_usersa_id        XFRMA_SRCADDR
 //     XFRM_MSG_GETSA (dump)
-//     XFRM_MSG_NEWAE          xfrm_aevent_id         XFRMA_SET_MARK, SET_MARK_MASK, REPLAY_VAL or REPLAY_ESN_VAL
-//     XFRM_MSG_NEWPOLICY      xfrm_userpolicy_info   [XFRMA_TMPL]
+//     XFRM_MSG_NEWAE          xfrm_aevent_id        XFRMA_SET_MARK, SET_MARK_MASK, REPLAY_VAL or REPLAY_ESN_VAL
+//     XFRM_MSG_NEWPOLICY      xfrm_userpolicy_info  [XFRMA_TMPL]
 //     XFRM_MSG_DELPOLICY      xfrm_userpolicy_id
-//     XFRM_MSG_MIGRATE        xfrm_userpolicy_id     XFRMA_MIGRATE, [ENCAP]
+//     XFRM_MSG_MIGRATE        xfrm_userpolicy_id    XFRMA_MIGRATE, [ENCAP]
 //
 // In this order: the translation of the record, installing SAs, finding them again to remove or update them, policies,
 // migration.
@@ -16,6 +16,7 @@
 #include "Checked.h"
 #include "Log.h"
 #include "Message.h"
+#include "WholeRequest.h"
 #include "Wipe.h"
 #include "Zeroed.h"
 
@@ -212,7 +213,8 @@ void setXFRMEncap(const SaRecord& record, NetlinkMessage& msg, bool tx)
     if (record.udp_encap_port_valid == 0 || record.udp_encap_valid == 0 || record.udp_encap == 0)
         return LOG(notice, "%s(): not setting encapsulation params\n");
 
-    const Half half   = halfOf(record, tx);
+    const Half half = halfOf(record, tx);
+    static_assert(sizeof(xfrm_encap_tmpl) == 24);
     auto encap        = zeroed<xfrm_encap_tmpl>();
     encap.encap_type  = UDP_ENCAP_ESPINUDP;
     encap.encap_sport = half.sourcePort;
@@ -221,8 +223,8 @@ void setXFRMEncap(const SaRecord& record, NetlinkMessage& msg, bool tx)
     msg.addNLAttribute(XFRMA_ENCAP, sizeof encap, &encap);
 }
 
-// An xfrm_algo or xfrm_algo_auth with its key behind it; wiped when it has been copied into the request. A key that does
-// not fit its field of the record, or this buffer, ends the process.
+// An xfrm_algo or xfrm_algo_auth with its key behind it; wiped when it has been copied into the request. A key that
+// does not fit its field of the record, or this buffer, ends the process.
 template <typename Algorithm>
 class AlgorithmWithKey {
 public:
@@ -263,6 +265,7 @@ int setXFRMCryptoAlg(const SaRecord& record, NetlinkMessage& msg, bool tx)
     if (mode != kCBC && mode != kCTR)
         return FAIL("%s(): invalid AES mode %d\n", static_cast<int>(mode));
 
+    static_assert(sizeof(xfrm_algo) == 68);
     AlgorithmWithKey<xfrm_algo> algorithm(mode == kCTR ? cipher->counterModeName : cipher->name, half.cipherKey);
     LOG(detail, "%s():\t..crypt.alg_name = %s\n", algorithm.head().alg_name);
     LOG(detail, "%s():\t..crypt.alg_key_len = %u\n", algorithm.head().alg_key_len);
@@ -282,6 +285,7 @@ int setXFRMAuthAlg(const SaRecord& record, NetlinkMessage& msg, bool tx)
     if (hash == nullptr)
         return FAIL("%s(): invalid autho algo %d\n", static_cast<int>(record.hash_algo)); // sic
 
+    static_assert(sizeof(xfrm_algo_auth) == 72);
     AlgorithmWithKey<xfrm_algo_auth> algorithm(hash->name, half.hashKey);
     algorithm.head().alg_trunc_len = hash->truncation;
     LOG(detail, "%s():\t..auth.algo = %s\n", algorithm.head().alg_name);
@@ -308,6 +312,7 @@ int addXFRMState(const SaRecord& record, bool tx, Technology technology, unsigne
     NetlinkMessage msg;
     msg.setNLMsgHeader(NETLINK_XFRM, msgType, kAcknowledged);
 
+    static_assert(sizeof(xfrm_usersa_info) == 224);
     auto sinfo = zeroed<xfrm_usersa_info>();
     setNoLimits(sinfo.lft);
     if (setXFRMIdFromBexa(record, &sinfo.saddr, &sinfo.id, tx) != 0)
@@ -336,7 +341,7 @@ int addXFRMState(const SaRecord& record, bool tx, Technology technology, unsigne
     }
 
     msg.addMsgPayload(sizeof sinfo, &sinfo);
-    const int result = msg.messageTransact();
+    const int result = transactWhole(msg);
     if (result != 0)
         LOG(failure, "%s(): sending XFRM state failed\n");
     return result;
@@ -419,6 +424,7 @@ void removeXFRMStateCb(nlmsghdr* message, void* context)
     LOG(detail, "%s():\t..proto %u\n", state.id.proto);
     LOG(detail, "%s():\t..spi 0x%x\n", ntohl(state.id.spi));
 
+    static_assert(sizeof(xfrm_usersa_id) == 24);
     auto id   = zeroed<xfrm_usersa_id>();
     id.daddr  = state.id.daddr;
     id.spi    = state.id.spi;
@@ -429,11 +435,12 @@ void removeXFRMStateCb(nlmsghdr* message, void* context)
     msg.setNLMsgHeader(NETLINK_XFRM, XFRM_MSG_DELSA, kAcknowledged);
     msg.addMsgPayload(sizeof id, &id);
     msg.addNLAttribute(XFRMA_SRCADDR, sizeof state.saddr, &state.saddr);
-    if (msg.messageTransact() != 0)
+    if (transactWhole(msg) != 0)
         LOG(failure, "%s(): deleting XFRM state failed\n");
 }
 
 // An xfrm_replay_state, or an xfrm_replay_state_esn without its bitmap.
+static_assert(sizeof(xfrm_replay_state) == 12 && sizeof(xfrm_replay_state_esn) == 24);
 using ReplayRecord = std::array<unsigned char, sizeof(xfrm_replay_state_esn)>;
 
 // What an update finds out about the installed SAs before it changes them.
@@ -496,14 +503,15 @@ int updateXFRMSeq(XFRMSeqMatchCtx& context, bool tx)
     const bool esn                = tx ? context.txEsn : context.rxEsn;
     ReplayRecord& replay          = tx ? context.txReplay : context.rxReplay;
 
+    static_assert(sizeof(xfrm_aevent_id) == 48);
     auto aevent         = zeroed<xfrm_aevent_id>();
     aevent.sa_id.daddr  = state.id.daddr;
     aevent.sa_id.spi    = state.id.spi;
     aevent.sa_id.family = state.family;
     aevent.sa_id.proto  = state.id.proto;
 
-    // Sic: without NLM_F_REQUEST. A mainline kernel acknowledges this and leaves the counters alone, which keeps traffic
-    // going, since the update of an SA does not touch them either.
+    // Sic: without NLM_F_REQUEST. A mainline kernel acknowledges this and leaves the counters alone, which keeps
+    // traffic going, since the update of an SA does not touch them either.
     NetlinkMessage msg;
     msg.setNLMsgHeader(NETLINK_XFRM, XFRM_MSG_NEWAE, NLM_F_ACK | NLM_F_REPLACE);
     msg.addNLAttribute(XFRMA_SET_MARK, context.mark);
@@ -513,7 +521,7 @@ int updateXFRMSeq(XFRMSeqMatchCtx& context, bool tx)
     else
         msg.addNLAttribute(XFRMA_REPLAY_VAL, sizeof(xfrm_replay_state), replay.data());
     msg.addMsgPayload(sizeof aevent, &aevent);
-    const int result = msg.messageTransact();
+    const int result = transactWhole(msg);
     if (result != 0)
         LOG(failure, "%s(): sending XFRM state failed\n");
     return result;
@@ -577,6 +585,7 @@ int setXFRMTmpl(const SaRecord& record, xfrm_user_tmpl* tmpl, bool outbound)
 
 xfrm_userpolicy_info allowingPolicy(unsigned char direction, __u32 priority)
 {
+    static_assert(sizeof(xfrm_userpolicy_info) == 168);
     auto policy     = zeroed<xfrm_userpolicy_info>();
     policy.priority = priority;
     policy.dir      = direction;
@@ -590,6 +599,7 @@ int addXFRMPolicy(const SaRecord& record, const std::string& source, const std::
     auto policy = allowingPolicy(direction, kPolicyPriority);
     if (setXFRMSel(&policy.sel, source, destination, protocol) != 0)
         return FAIL("%s(): setting policy selector failed\n");
+    static_assert(sizeof(xfrm_user_tmpl) == 64);
     auto tmpl = zeroed<xfrm_user_tmpl>();
     if (setXFRMTmpl(record, &tmpl, direction == XFRM_POLICY_OUT) != 0)
         return FAIL("%s(): setting policy templace failed\n"); // sic
@@ -598,7 +608,7 @@ int addXFRMPolicy(const SaRecord& record, const std::string& source, const std::
     msg.setNLMsgHeader(NETLINK_XFRM, XFRM_MSG_NEWPOLICY, kAcknowledged);
     msg.addMsgPayload(sizeof policy, &policy);
     msg.addNLAttribute(XFRMA_TMPL, sizeof tmpl, &tmpl);
-    const int result = msg.messageTransact();
+    const int result = transactWhole(msg);
     if (result != 0)
         LOG(failure, "%s(): sending XFRM policy failed\n");
     return result;
@@ -607,6 +617,7 @@ int addXFRMPolicy(const SaRecord& record, const std::string& source, const std::
 int removeXFRMPolicy(const std::string& source, const std::string& destination, unsigned char protocol,
                      unsigned char direction)
 {
+    static_assert(sizeof(xfrm_userpolicy_id) == 64);
     auto id = zeroed<xfrm_userpolicy_id>();
     id.dir  = direction;
     if (setXFRMSel(&id.sel, source, destination, protocol) != 0)
@@ -615,7 +626,7 @@ int removeXFRMPolicy(const std::string& source, const std::string& destination, 
     NetlinkMessage msg;
     msg.setNLMsgHeader(NETLINK_XFRM, XFRM_MSG_DELPOLICY, kAcknowledged);
     msg.addMsgPayload(sizeof id, &id);
-    const int result = msg.messageTransact();
+    const int result = transactWhole(msg);
     if (result != 0)
         LOG(failure, "%s(): sending XFRM policy delete failed\n");
     return result;
@@ -636,6 +647,7 @@ int migrateOneXFRM(const SaRecord& from, const SaRecord& to, const std::string& 
     NetlinkMessage msg;
     msg.setNLMsgHeader(NETLINK_XFRM, XFRM_MSG_MIGRATE, kAcknowledged);
 
+    static_assert(sizeof(xfrm_user_migrate) == 76);
     auto entry = zeroed<xfrm_user_migrate>();
     if (to.ipsec_protocol != kAH && to.ipsec_protocol != kESP)
         return FAIL("%s(): invalid IPSEC protocol %d\n", static_cast<int>(to.ipsec_protocol));
@@ -665,7 +677,7 @@ int migrateOneXFRM(const SaRecord& from, const SaRecord& to, const std::string& 
     if (setXFRMSel(&id.sel, outbound ? localText : remoteText, outbound ? remoteText : localText, protocol) != 0)
         return FAIL("%s(): setting policy selector failed\n");
     msg.addMsgPayload(sizeof id, &id);
-    const int result = msg.messageTransact();
+    const int result = transactWhole(msg);
     if (result != 0)
         LOG(failure, "%s(): sending XFRM migration failed\n");
     return result;
@@ -789,7 +801,7 @@ int addXFRMPolicyEx(unsigned char direction) noexcept
     NetlinkMessage msg; // no template, so that what matches passes IPsec by
     msg.setNLMsgHeader(NETLINK_XFRM, XFRM_MSG_NEWPOLICY, kAcknowledged);
     msg.addMsgPayload(sizeof policy, &policy);
-    const int result = msg.messageTransact();
+    const int result = transactWhole(msg);
     if (result != 0)
         LOG(failure, "%s(): sending XFRM policy failed\n");
     return result;
