@@ -1,4 +1,4 @@
-// Requests of your own, with the object behind every operation: a dump of the machine's interfaces, and a change of one.
+// Requests of your own, with the object behind every operation: a dump of the interfaces, and a change of one.
 //
 //     own_request               lists the interfaces with their MTU
 //     own_request DEVICE MTU    sets one, which takes root

@@ -1,5 +1,6 @@
-// Calls any operation on the scripted kernel, which must leave nothing behind. A deliberate abort is an answer like any other; whatever else ends the
-// process is a fault. Built twice: with replies of any bytes to the first requests, and on a kernel that is content with everything.
+// Calls any operation on the scripted kernel, which must leave nothing behind. A deliberate abort is an answer like any
+// other; whatever else ends the process is a fault. Built twice: with replies of any bytes to the first requests, and
+// on a kernel that is content with everything.
 #include <AnyOperation.h>
 #include <ScriptedKernel.h>
 
@@ -20,7 +21,8 @@ static const auto usualTerminate = std::set_terminate([] { __builtin_trap(); });
 // The library's: back to where the call began. Anybody else's: the end.
 extern "C" void abort() noexcept
 {
-    if (inTheCall) std::longjmp(beforeTheCall, 1);
+    if (inTheCall)
+        std::longjmp(beforeTheCall, 1);
     _exit(134);
 }
 
@@ -30,10 +32,17 @@ static void scriptAnswers([[maybe_unused]] ScriptedKernel& kernel, [[maybe_unuse
 #ifdef FUZZ_REPLIES
     for (std::uint32_t requests = source.below(5); requests > 0; --requests) {
         std::vector<Reply> answer;
-        for (auto datagram = source.bytes(4200); !datagram.empty(); datagram = source.bytes(4200)) answer.push_back(reply(datagram));
+        for (Bytes datagram = source.bytes(4200); !datagram.empty(); datagram = source.bytes(4200))
+            answer.emplace_back(datagram);
         kernel.answer(answer);
     }
 #endif
+}
+
+static void fault(const char* what)
+{
+    std::fprintf(stderr, "%s\n", what);
+    __builtin_trap();
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
@@ -53,7 +62,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     kernel.run([&] { return operation(), 0; });
     inTheCall = false;
     for (const std::string& complaint : kernel.complaints())
-        if (complaint != "a receive found no reply") std::fprintf(stderr, "%s\n", complaint.c_str()), __builtin_trap();
-    if (kernel.openSockets() + kernel.liveBlocks() != 0) std::fputs("a socket or a block is left\n", stderr), __builtin_trap();
+        if (complaint != "a receive found no reply")
+            fault(complaint.c_str());
+    if (kernel.openSockets() + kernel.liveBlocks() != 0)
+        fault("a socket or a block is left");
     return 0;
 }

@@ -3,6 +3,7 @@
 #include <FormatLogLine.h>
 
 #include <algorithm>
+#include <iterator>
 
 #include <arpa/inet.h>
 
@@ -10,48 +11,75 @@ namespace Vesk::Testing {
 
 namespace {
 
+using Lines = std::vector<std::string>;
+
 // Four bytes a line, so that a difference shows the field.
-std::string inLines(const std::string& expected)
+Lines inLines(const std::string& digits)
 {
-    std::string text  = "    ";
+    Lines lines{""};
     std::size_t count = 0;
-    for (const char c : spelledOut(expected)) {
-        if (c == '|') {
-            text += " |\n    ";
+    for (const char c : digits) {
+        if (c == '|' || (count != 0 && count % 8 == 0)) {
+            lines.emplace_back(c == '|' ? "| " : "  ");
             count = 0;
-        } else {
-            text += count != 0 && count % 8 == 0 ? "\n    " : "";
-            text += c;
+        }
+        if (c != '|') {
+            lines.back() += c;
             ++count;
         }
     }
-    return text + '\n';
+    return lines;
 }
 
-std::string inLines(const std::vector<LogLine>& log, log_level from)
+Lines inLines(const std::vector<LogLine>& log, log_level from, std::string LogLine::*part)
 {
-    std::string text;
-    for (const LogLine& line : log)
+    Lines lines;
+    for (const LogLine& line : log) {
+        std::string text = std::to_string(line.level) + ' ' + line.source + ": ";
+        for (const char c : line.*part)
+            text += c == '\n' ? "\\n" : std::string(1, c);
         if (line.level >= from)
-            text += "    " + std::to_string(line.level) + ' ' + line.source + " \"" + line.format + "\": " + line.text +
-                    '\n';
+            lines.push_back(text);
+    }
+    return lines;
+}
+
+// The first difference, looked for from a line on, with two lines around it.
+std::string difference(const std::string& what, Lines expected, Lines actual, std::ptrdiff_t from = 0)
+{
+    if (expected == actual)
+        return "";
+    expected.emplace_back("(the end)");
+    actual.emplace_back("(the end)");
+    const auto [one, other] =
+        std::mismatch(expected.begin() + from, expected.end(), actual.begin() + from, actual.end());
+    const auto at = one == expected.end() ? 0 : one - expected.begin(); // 0: it is in what was passed over
+
+    std::string text = what + ", line " + std::to_string(at + 1) + ":\n";
+    const auto show  = [&text](const char* mark, const Lines& lines, std::ptrdiff_t first, std::ptrdiff_t last) {
+        for (auto i = std::max<std::ptrdiff_t>(first, 0); i < std::min(last, std::ssize(lines)); ++i)
+            text += (i == first ? mark : "           ") + lines[static_cast<std::size_t>(i)] + '\n';
+    };
+    show("           ", expected, at - 2, at);
+    show("  expected ", expected, at, at + 3);
+    show("  actual   ", actual, at, at + 3);
     return text;
 }
 
-std::string difference(const std::string& what, const std::string& expected, const std::string& actual)
+bool openedAsUsual(const Request& request)
 {
-    return expected == actual ? "" : what + ", expected:\n" + expected + "  actual:\n" + actual;
-}
-
-std::string socketsOf(const Request& request)
-{
-    const bool usual = request.socketType == (SOCK_RAW | SOCK_CLOEXEC) && request.address.nl_family == AF_NETLINK &&
-                       request.address.nl_pid == 0 && request.address.nl_groups == 0 &&
-                       request.options == std::vector<std::array<int, 3>>{{SOL_NETLINK, NETLINK_EXT_ACK, 1}};
-    return usual ? "" : "a socket was not opened as usual\n";
+    return request.socketType == (SOCK_RAW | SOCK_CLOEXEC) && request.address.nl_family == AF_NETLINK &&
+           request.address.nl_pid == 0 && request.address.nl_groups == 0 &&
+           request.options == std::vector<std::array<int, 3>>{{SOL_NETLINK, NETLINK_EXT_ACK, 1}};
 }
 
 } // namespace
+
+const Sends kAnything = [] {
+    Sends sends;
+    sends.any = true;
+    return sends;
+}();
 
 std::string digits(const Request& request)
 {
@@ -59,13 +87,16 @@ std::string digits(const Request& request)
     std::size_t at = 0;
     for (const std::size_t size : request.scatter) {
         text += at == 0 ? "" : "|";
-        for (const std::size_t end = at + size; at < end; ++at) {
-            char byte[3];
-            std::snprintf(byte, sizeof byte, "%02x", request.datagram[at]);
-            text += byte;
-        }
+        text += digitsOf(request.datagram.data() + at, size);
+        at += size;
     }
     return text;
+}
+
+Log::Log(std::initializer_list<Log> parts)
+{
+    for (const Log& part : parts)
+        insert(end(), part.begin(), part.end());
 }
 
 LogLine logLine(const std::string& source, int level, const char* format, ...)
@@ -78,37 +109,35 @@ LogLine logLine(const std::string& source, int level, const char* format, ...)
     return {static_cast<log_level>(level), source, format, text};
 }
 
+LoggedBy core(const char* function)
+{
+    return {"src/netlink/NetlinkHelper", function};
+}
+
+LoggedBy rtnl(const char* function)
+{
+    return {"src/netlink/RTNetlinkHelper", function};
+}
+
+LoggedBy labels(const char* function)
+{
+    return {"src/netlink/AddrlabelHelper", function};
+}
+
+LoggedBy xfrm(const char* function)
+{
+    return {"src/netlink/XFRMHelper", function};
+}
+
 LogLine acknowledged()
 {
-    return core(3, "%s(): NL ACK received form kernel", "messageTransact");
+    return core("messageTransact")(3, "NL ACK received form kernel");
 }
 
-Log refusedBy(int error, const LogLine& operation)
+Log refusedBy(int error, const Log& operation)
 {
-    return {core(4, "%s(): kernel reports error %d", "messageTransact", error),
-            core(3, "%s(): No EXTACK content", "extack"), operation};
-}
-
-Log operator+(Log first, const Log& second)
-{
-    first.insert(first.end(), second.begin(), second.end());
-    return first;
-}
-
-Sends requests(int protocol, std::initializer_list<std::string> datagrams)
-{
-    std::vector<Sent> all;
-    for (const std::string& datagram : datagrams)
-        all.push_back({protocol, datagram});
-    return all;
-}
-
-std::vector<Reply> replies(std::initializer_list<std::string> datagrams)
-{
-    std::vector<Reply> all;
-    std::transform(datagrams.begin(), datagrams.end(), std::back_inserter(all),
-                   [](const std::string& text) { return reply(hex(text)); });
-    return all;
+    return {core("messageTransact")(4, "kernel reports error %d", error), core("extack")(3, "No EXTACK content"),
+            operation};
 }
 
 sockaddr_storage socketAddress(const char* text)
@@ -121,21 +150,28 @@ sockaddr_storage socketAddress(const char* text)
     return address;
 }
 
-std::string unmet(const ScriptedKernel& kernel, const Sends& sends, const std::vector<LogLine>& log, log_level from)
+std::string unmet(const ScriptedKernel& kernel, const Sends& sends, const Log& log, int protocol, log_level from)
 {
+    std::string text;
+    for (const auto part : {&LogLine::text, &LogLine::format})
+        if (text.empty())
+            text = difference(part == &LogLine::text ? "log" : "formats of the log", inLines(log, from, part),
+                              inLines(kernel.log(), from, part));
+
     const std::vector<Request>& requests = kernel.requests();
-    std::string text                     = difference("log", inLines(log, from), inLines(kernel.log(), from));
-    for (const Request& request : requests)
-        text += socketsOf(request);
-    if (sends) {
-        text += difference("requests", std::to_string(sends->size()) + '\n', std::to_string(requests.size()) + '\n');
-        for (std::size_t i = 0; i < std::min(sends->size(), requests.size()); ++i) {
-            const std::string name = "request " + std::to_string(i);
-            text += difference(name + ", protocol", std::to_string((*sends)[i].protocol) + '\n',
-                               std::to_string(requests[i].protocol) + '\n');
-            text += difference(name, inLines((*sends)[i].digits), inLines(digits(requests[i])));
-        }
+    std::string differing;
+    for (std::size_t i = 0; i < requests.size(); ++i) {
+        const std::string name = "request " + std::to_string(i + 1);
+        if (!openedAsUsual(requests[i]))
+            text += name + ": its socket was not opened as usual\n";
+        if (requests[i].protocol != protocol)
+            text += name + ": protocol " + std::to_string(requests[i].protocol) + '\n';
+        if (!sends.any && i < sends.digits.size() && differing.empty())
+            differing = difference(name, inLines(spelledOut(sends.digits[i])), inLines(digits(requests[i])), 1);
     }
+    text += differing;
+    if (!sends.any && sends.digits.size() != requests.size())
+        text += "requests: " + std::to_string(requests.size()) + ", not " + std::to_string(sends.digits.size()) + '\n';
 
     const auto left = [](std::size_t count, const char* what) {
         return count == 0 ? "" : std::to_string(count) + ' ' + what + '\n';

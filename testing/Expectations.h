@@ -2,8 +2,9 @@
  * @file
  * What a test expects of a call that a ScriptedKernel watched, written as a person reads it.
  *
- *     EXPECT_EQ(unmet(kernel, {{{NETLINK_ROUTE, "18000000 4900 0500 00000000 00000000 | 0800 0200 07000000"}}},
- *                     {logLine("src/netlink/NetlinkHelper", 3, "%s(): NL ACK received form kernel", "messageTransact")}),
+ *     const LoggedBy transact = core("messageTransact");
+ *     EXPECT_EQ(unmet(kernel, {message(RTM_DELADDRLABEL, NLM_F_REQUEST | NLM_F_ACK, {"12*00", attr(IFAL_LABEL, 7)})},
+ *                     {transact(3, "NL ACK received form kernel")}),
  *               "");
  */
 #ifndef VESK_EXPECTATIONS_H
@@ -12,68 +13,66 @@
 #include <ScriptedKernel.h>
 
 #include <initializer_list>
-#include <optional>
 #include <string>
 #include <vector>
 
 namespace Vesk::Testing {
 
-/// A datagram as hexadecimal digits, with a bar where a block of the scatter list ends and the next begins. A word such
-/// as "56*00" stands for 56 zero bytes; spaces do not count otherwise.
-struct Sent {
-    int protocol;
-    std::string digits;
+/// The requests that are sent, in order, each as Messages.h writes it.
+struct Sends {
+    Sends() = default;
+    Sends(std::initializer_list<std::string> datagrams) : digits(datagrams) {}
+
+    std::vector<std::string> digits;
+    bool any = false; ///< they do not matter
 };
+extern const Sends kAnything;
 
-/// Requests in order; no value when they do not matter.
-using Sends = std::optional<std::vector<Sent>>;
-
-/// The same of a request that was recorded, without spaces and with every byte written out.
+/// The same of a request that was recorded.
 std::string digits(const Request& request);
 
-/// Requests to one protocol.
-Sends requests(int protocol, std::initializer_list<std::string> datagrams);
-
-using Log = std::vector<LogLine>;
-Log operator+(Log first, const Log& second);
+/// Lines in order. A list of lines and of logs is one log.
+class Log : public std::vector<LogLine> {
+public:
+    Log() = default;
+    Log(const LogLine& line) : vector{line} {}
+    Log(std::initializer_list<Log> parts);
+};
 
 /// A log line by its source, level, format, and what fills the format.
 LogLine logLine(const std::string& source, int level, const char* format, ...);
 
-// Lines of the library's sources, from `core(4, "%s(): kernel reports error %d", "messageTransact", -17)` on.
+/// Makes the lines that a function of the library logs.
+struct LoggedBy {
+    const char* source;
+    const char* function;
 
-template <typename... Arguments>
-LogLine core(int level, const char* format, Arguments... arguments)
-{
-    return logLine("src/netlink/NetlinkHelper", level, format, arguments...);
-}
+    /// As in `core("messageTransact")(4, "kernel reports error %d", -17)`: the format without "%s():" and a space.
+    template <typename... Arguments>
+    LogLine operator()(int level, const char* format, Arguments... arguments) const
+    {
+        const std::string whole = (format[0] == '\t' ? "%s():" : "%s(): ") + std::string(format);
+        return logLine(source, level, whole.c_str(), function, arguments...);
+    }
 
-template <typename... Arguments>
-LogLine rtnl(int level, const char* format, Arguments... arguments)
-{
-    return logLine("src/netlink/RTNetlinkHelper", level, format, arguments...);
-}
+    /// The whole format, where it begins differently.
+    template <typename... Arguments>
+    LogLine entire(int level, const char* format, Arguments... arguments) const
+    {
+        return logLine(source, level, format, function, arguments...);
+    }
+};
 
-template <typename... Arguments>
-LogLine labels(int level, const char* format, Arguments... arguments)
-{
-    return logLine("src/netlink/AddrlabelHelper", level, format, arguments...);
-}
-
-template <typename... Arguments>
-LogLine xfrm(int level, const char* format, Arguments... arguments)
-{
-    return logLine("src/netlink/XFRMHelper", level, format, arguments...);
-}
+LoggedBy core(const char* function);   ///< of the library's NetlinkHelper
+LoggedBy rtnl(const char* function);   ///< of its RTNetlinkHelper
+LoggedBy labels(const char* function); ///< of its AddrlabelHelper
+LoggedBy xfrm(const char* function);   ///< of its XFRMHelper
 
 /// What a transaction logs when it is acknowledged.
 LogLine acknowledged();
 
 /// What a transaction logs when it is refused without a text, and then the operation that it is part of.
-Log refusedBy(int error, const LogLine& operation);
-
-/// One receive's datagram each.
-std::vector<Reply> replies(std::initializer_list<std::string> datagrams);
+Log refusedBy(int error, const Log& operation = {});
 
 /// The address that a text stands for; of family 0 when it is neither IPv4 nor IPv6.
 sockaddr_storage socketAddress(const char* text);
@@ -81,10 +80,12 @@ sockaddr_storage socketAddress(const char* text);
 /**
  * Compares what happened with what was expected: the requests, block by block; the whole log, raw formats too; that
  * each socket was opened as this library opens them; that no reply was left or missing, and no socket or block stayed.
- * @param from  lines of lower levels are not compared
- * @return what differs, four bytes a line; empty when nothing does
+ * @param protocol  of each request
+ * @param from      lines of lower levels are not compared
+ * @return where the log differs first, and where the requests do, with two lines around each (of requests four bytes a
+ *         line, and a message's own length last, since it follows from the rest); empty when nothing differs
  */
-std::string unmet(const ScriptedKernel& kernel, const Sends& sends, const std::vector<LogLine>& log,
+std::string unmet(const ScriptedKernel& kernel, const Sends& sends, const Log& log, int protocol = NETLINK_ROUTE,
                   log_level from = log_level_verbose);
 
 } // namespace Vesk::Testing

@@ -35,93 +35,34 @@ void append(Bytes& bytes, const void* data, std::size_t size)
     bytes.insert(bytes.end(), from, from + size);
 }
 
-Bytes errorMessage(int error)
+int usualPageSize()
 {
-    nlmsgerr body = {};
-    body.error    = error;
-    Bytes bytes;
-    append(bytes, &body, sizeof body);
-    return message(NLMSG_ERROR, 0, bytes);
+    static const char* const chosen = std::getenv("VESK_PAGE_SIZE");
+    return chosen != nullptr ? std::stoi(chosen) : 4096;
 }
 
 } // namespace
 
-std::string spelledOut(const std::string& digits)
-{
-    std::string text;
-    for (std::size_t at = 0; at < digits.size(); ++at) {
-        if (digits[at] == '*') { // the digits before it, back to a space or a bar, are a count
-            const std::size_t start = digits.find_last_of(" |", at) + 1;
-            const std::string count = digits.substr(start, at - start);
-            if (count.empty() || count.size() > 3 || count.find_first_not_of("0123456789") != std::string::npos)
-                throw std::invalid_argument("no count: " + digits);
-            text.resize(text.size() - count.size());
-            for (int times = std::stoi(count); times > 0; --times)
-                text += digits.substr(at + 1, 2);
-            at += 2;
-        } else if (digits[at] != ' ') {
-            text += digits[at];
-        }
-    }
-    return text;
-}
-
-Bytes hex(const std::string& digits)
-{
-    const std::string text = spelledOut(digits);
-    if (text.size() % 2 != 0 || text.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos)
-        throw std::invalid_argument("no hexadecimal bytes: " + digits);
-    Bytes bytes;
-    for (std::size_t i = 0; i < text.size(); i += 2)
-        bytes.push_back(static_cast<std::uint8_t>(std::stoul(text.substr(i, 2), nullptr, 16)));
-    return bytes;
-}
-
-Bytes message(std::uint16_t type, std::uint16_t flags, const Bytes& body)
-{
-    nlmsghdr header    = {};
-    header.nlmsg_len   = static_cast<__u32>(NLMSG_HDRLEN + body.size());
-    header.nlmsg_type  = type;
-    header.nlmsg_flags = flags;
-
-    Bytes bytes;
-    append(bytes, &header, sizeof header);
-    append(bytes, body.data(), body.size());
-    bytes.resize(NLMSG_ALIGN(bytes.size()));
-    return bytes;
-}
-
-Bytes operator+(Bytes first, const Bytes& second)
-{
-    append(first, second.data(), second.size());
-    return first;
-}
-
-Reply reply(Bytes datagram)
-{
-    return {std::move(datagram), 0};
-}
-
 Reply failedReceive(int error)
 {
-    return {{}, error};
+    return {Bytes(), error};
 }
 
-Reply refusal(int error)
+std::string refusal(int error)
 {
-    return reply(errorMessage(error));
+    nlmsgerr body = {};
+    body.error    = error;
+    return message(NLMSG_ERROR, 0, {digitsOf(&body, sizeof body)});
 }
 
-Reply acknowledgement()
+std::string acknowledgement()
 {
     return refusal(0);
 }
 
-Reply endOfDump(int status)
+std::string endOfDump(int status)
 {
-    Bytes body;
-    append(body, &status, sizeof status);
-    return reply(message(NLMSG_DONE, NLM_F_MULTI, body));
+    return message(NLMSG_DONE, NLM_F_MULTI, {digitsOf(&status, sizeof status)});
 }
 
 bool LogLine::operator==(const LogLine& other) const
@@ -141,7 +82,7 @@ LogCapture::~LogCapture()
     capture = nullptr;
 }
 
-ScriptedKernel::ScriptedKernel()
+ScriptedKernel::ScriptedKernel() : pageSize(usualPageSize())
 {
     active = this;
 }
@@ -184,6 +125,11 @@ void ScriptedKernel::setRandom(int value)
     randomNumber = value;
 }
 
+void ScriptedKernel::setPageSize(int bytes)
+{
+    pageSize = bytes;
+}
+
 void ScriptedKernel::answer(std::vector<Reply> replies)
 {
     scripts.push_back({false, std::move(replies)});
@@ -205,9 +151,14 @@ void ScriptedKernel::fail(Call call, int error, int nth)
     failures[{call, nth}] = error;
 }
 
-void ScriptedKernel::sendShort()
+void ScriptedKernel::miscountSends(int by)
 {
-    sendsShort = true;
+    miscount = by;
+}
+
+void ScriptedKernel::numberSockets(int from)
+{
+    nextSocket = from;
 }
 
 int ScriptedKernel::count(Call call) const
@@ -269,10 +220,12 @@ struct ScriptedKernel::Hooks {
     // A descriptor that is, or would be, one of ours. What is not open is complained about.
     static bool owns(int descriptor)
     {
-        if (active == nullptr || descriptor < kFirstSocket)
+        if (active == nullptr)
             return false;
         if (active->sockets.contains(descriptor))
             return true;
+        if (descriptor < kFirstSocket)
+            return false;
         complain("a socket is used that is not open");
         return false; // the system says EBADF
     }
@@ -317,7 +270,7 @@ struct ScriptedKernel::Hooks {
         for (Reply& next : active->repliesTo(request))
             socket.replies.push_back(std::move(next));
         active->sent.push_back(std::move(request));
-        return static_cast<ssize_t>(active->sent.back().datagram.size()) - (active->sendsShort ? 1 : 0);
+        return static_cast<ssize_t>(active->sent.back().datagram.size()) + active->miscount;
     }
 
     static ssize_t recvfrom(int descriptor, void* buffer, std::size_t size, int flags, const sockaddr* address)
@@ -326,6 +279,8 @@ struct ScriptedKernel::Hooks {
             return -1;
         if (flags != 0 || address != nullptr)
             complain("a reply is received with flags or an address");
+        auto* const bytes = static_cast<std::uint8_t*>(buffer);
+        active->buffers.emplace_back(bytes, bytes + size);
         std::deque<Reply>& replies = active->sockets[descriptor].replies;
         if (replies.empty()) {
             complain("a receive found no reply");
@@ -339,7 +294,7 @@ struct ScriptedKernel::Hooks {
             return -1;
         }
         const std::size_t copied = std::min(size, next.datagram.size());
-        std::copy_n(next.datagram.begin(), copied, static_cast<std::uint8_t*>(buffer));
+        std::copy_n(next.datagram.begin(), copied, bytes);
         return static_cast<ssize_t>(copied);
     }
 
@@ -371,6 +326,8 @@ struct ScriptedKernel::Hooks {
     }
 
     static int random() { return active->randomNumber; }
+
+    static int pageSize() { return active->pageSize; }
 
     static void* allocate(std::size_t size, bool array, Call form)
     {
@@ -456,6 +413,16 @@ ssize_t recvfrom(int descriptor, void* buffer, std::size_t size, int flags, sock
     return Hooks::recvfrom(descriptor, buffer, size, flags, address);
 }
 
+// What a fortified build calls when it cannot know that the buffer has room for `size`.
+// NOLINTNEXTLINE(bugprone-reserved-identifier,cert-*): the name is the C library's
+ssize_t __recvfrom_chk(int descriptor, void* buffer, std::size_t size, std::size_t room, int flags, sockaddr* address,
+                       socklen_t* length)
+{
+    if (size > room)
+        std::abort();
+    return recvfrom(descriptor, buffer, size, flags, address, length);
+}
+
 int close(int descriptor)
 {
     const Pause pause;
@@ -484,11 +451,18 @@ int rand() noexcept
     return active != nullptr ? Hooks::random() : next<int()>("rand")();
 }
 
+// ThreadSanitizer asks before it can be told of anything.
+__attribute__((no_sanitize("thread"))) int getpagesize() noexcept
+{
+    return active != nullptr ? Hooks::pageSize() : static_cast<int>(sysconf(_SC_PAGESIZE));
+}
+
 } // extern "C"
 
 LogMgr& LogMgr::getInstance()
 {
     static LogMgr instance;
+    errno = 0; // the platform's may change it, too
     return instance;
 }
 

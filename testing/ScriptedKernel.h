@@ -17,15 +17,18 @@
  *     assert(kernel.log().back().text == "RTNetlinkSetGSOMaxSize(): configuring gso max size failed for dev wlan0");
  *     assert(kernel.openSockets() == 0 && kernel.liveBlocks() == 0 && kernel.complaints().empty());
  *
- * A program that links `vesk::testing` has its own socket, setsockopt, bind, sendmsg, recvfrom and close for AF_NETLINK,
- * its own if_nametoindex, if_indextoname, rand, operators new and delete (those for over-aligned types aside) and
- * `LogMgr`; they win over those that the shared library imports. While no ScriptedKernel lives on the calling thread,
- * they do what they always do, and log lines go to standard error.
+ * Requests and answers can be written as a person reads them, with lengths that are computed: see Messages.h.
+ *
+ * A program that links `vesk::testing` has its own socket, setsockopt, bind, sendmsg, recvfrom and close for
+ * AF_NETLINK, its own if_nametoindex, if_indextoname, rand, getpagesize, operators new and delete (those for
+ * over-aligned types aside) and `LogMgr`; they win over those that the shared library imports. While no ScriptedKernel
+ * lives on the calling thread, they do what they always do, and log lines go to standard error.
  */
 #ifndef VESK_SCRIPTED_KERNEL_H
 #define VESK_SCRIPTED_KERNEL_H
 
 #include <LogMgr.h>
+#include <Messages.h>
 
 #include <array>
 #include <cstddef>
@@ -42,31 +45,24 @@
 
 namespace Vesk::Testing {
 
-using Bytes = std::vector<std::uint8_t>; ///< A datagram, or a part of one.
-
-/// Digits with each "56*00" (56 zero bytes) written out, and without spaces. The count begins after a space or a bar.
-std::string spelledOut(const std::string& digits);
-
-/// The bytes of hexadecimal digits, spelled out.
-Bytes hex(const std::string& digits);
-
-/// One netlink message: a header with its length, then the body, padded with zeros to a multiple of 4.
-Bytes message(std::uint16_t type, std::uint16_t flags, const Bytes& body);
-
-/// Several messages in one datagram.
-Bytes operator+(Bytes first, const Bytes& second);
+/// @addtogroup testing
+/// @{
 
 /// What one receive gets: a datagram, or a failure when `error` is an errno.
 struct Reply {
+    /// A datagram, or the errno of a receive that fails.
+    Reply(Bytes bytes, int errorNumber = 0) : datagram(std::move(bytes)), error(errorNumber) {}
+    Reply(const std::string& digits) : Reply(hex(digits)) {} ///< As it stands, cut short or malformed as may be.
+    Reply(const char* digits) : Reply(hex(digits)) {}        ///< The same.
+
     Bytes datagram; ///< what is received, unless it fails
-    int error = 0;  ///< errno of the receive
+    int error;      ///< errno of the receive
 };
 
-Reply reply(Bytes datagram);     ///< A datagram as it stands, cut short or malformed as may be.
-Reply failedReceive(int error);  ///< -1 and this errno.
-Reply refusal(int error);        ///< NLMSG_ERROR, 36 bytes, with this (negative) error and no extended text.
-Reply acknowledgement();         ///< NLMSG_ERROR with error 0.
-Reply endOfDump(int status = 0); ///< NLMSG_DONE with this status.
+Reply failedReceive(int error);        ///< -1 and this errno.
+std::string refusal(int error);        ///< NLMSG_ERROR, 36 bytes, with this (negative) error and no extended text.
+std::string acknowledgement();         ///< NLMSG_ERROR with error 0.
+std::string endOfDump(int status = 0); ///< NLMSG_DONE with this status.
 
 /// A datagram that was sent, and the socket that it went through.
 struct Request {
@@ -90,8 +86,8 @@ struct LogLine {
     bool operator==(const LogLine& other) const;
 };
 
-/// What can be made to fail. `Allocate` is an operator new that yields null then, `AllocateOrThrow` one that throws; both
-/// during `run` only.
+/// What can be made to fail. `Allocate` is an operator new that yields null then, `AllocateOrThrow` one that throws;
+/// both during `run` only.
 enum class Call {
     Socket,
     SetSockOpt,
@@ -128,6 +124,8 @@ public:
 
     void addInterface(const std::string& name, unsigned int index); ///< For look-ups of its name or its index.
     void setRandom(int value);                                      ///< What rand() returns; 0 at first.
+    /// What getpagesize() returns: at first 4,096, or what the environment variable VESK_PAGE_SIZE says.
+    void setPageSize(int bytes);
 
     /**
      * What the next request without a script gets, one reply a receive. A request that finds no script gets what
@@ -138,12 +136,13 @@ public:
     void answerEach(const std::vector<std::vector<Reply>>& all); ///< One request each; an empty one as usual.
 
     void fail(Call call, int error,
-              int nth = 1); ///< The nth of these calls, counted from the start, sets errno, fails.
-    void sendShort();       ///< Sends report one byte less than they sent.
+              int nth = 1);       ///< The nth of these calls, counted from the start, sets errno, fails.
+    void miscountSends(int by);   ///< Sends report so many bytes more than they sent.
+    void numberSockets(int from); ///< Descriptors of the sockets to come. Usually they are far from any real one.
 
-    /// Calls, watching the allocations of the calling thread meanwhile, and returns what the call returned. To be used on
-    /// the thread that made the ScriptedKernel, and not from inside itself. What is returned counts as a live block where
-    /// it holds one.
+    /// Calls, watching the allocations of the calling thread meanwhile, and returns what the call returned. To be used
+    /// on the thread that made the ScriptedKernel, and not from inside itself. What is returned counts as a live block
+    /// where it holds one.
     template <typename Function>
     auto run(Function function)
     {
@@ -157,14 +156,16 @@ public:
 
     const std::vector<Request>& requests() const { return sent; }    ///< In the order in which they were sent.
     const std::vector<LogLine>& log() const { return logged.lines; } ///< In the order in which they were logged.
-    int count(Call call) const;                                      ///< How often it was called.
-    std::size_t openSockets() const { return sockets.size(); }       ///< Not closed yet.
-    std::size_t liveBlocks() const { return blocks.size(); } ///< Allocated in the last `run` and not freed in it.
+    /// What the buffer of each receive held before it: as many bytes as were asked for.
+    const std::vector<Bytes>& receiveBuffers() const { return buffers; }
+    int count(Call call) const;                                ///< How often it was called.
+    std::size_t openSockets() const { return sockets.size(); } ///< Not closed yet.
+    std::size_t liveBlocks() const { return blocks.size(); }   ///< Allocated in the last `run` and not freed in it.
     const std::vector<Bytes>& freedBlocks() const { return freed; } ///< What they held, in the order of their release.
     std::size_t unreadReplies() const;                              ///< Scripted, but never received.
 
-    /// What a kernel would not have put up with, in words: a receive past the script (it fails with ENODATA), the use of a
-    /// closed socket, flags and addresses where none belong; and a block released by the other form of delete.
+    /// What a kernel would not have put up with, in words: a receive past the script (it fails with ENODATA), the use
+    /// of a closed socket, flags and addresses where none belong; and a block released by the other form of delete.
     const std::vector<std::string>& complaints() const { return wrong; }
 
     /// The far side of the calls that this takes the place of.
@@ -195,6 +196,7 @@ private:
     std::map<Call, int> calls;
     std::map<std::pair<Call, int>, int> failures;
     std::vector<Request> sent;
+    std::vector<Bytes> buffers;
     LogCapture logged;
     struct Block {
         std::size_t size;
@@ -205,10 +207,13 @@ private:
     std::vector<Bytes> freed;
     std::size_t lost = 0; // replies of sockets that were closed
     int randomNumber = 0;
-    int nextSocket   = kFirstSocket;
-    bool sendsShort  = false;
+    int pageSize;
+    int nextSocket = kFirstSocket;
+    int miscount   = 0;
     std::vector<std::string> wrong;
 };
+
+/// @}
 
 } // namespace Vesk::Testing
 

@@ -24,7 +24,8 @@ TEST(Kernel, NumbersAFamily)
     EXPECT_EQ(failures(log), "");
     EXPECT_EQ(queryGenericNetlinkFamily(unknown, 2, &id), -1);
     EXPECT_EQ(id, 16);
-    EXPECT_EQ(failures(log), "messageQuery(): kernel reports error -2\nqueryGenericNetlinkFamily(): Netlink query failed\n");
+    EXPECT_EQ(failures(log),
+              "messageQuery(): kernel reports error -2\nqueryGenericNetlinkFamily(): Netlink query failed\n");
 }
 
 // The kernel's text is found when the last 12 bytes of the request are whole attributes.
@@ -47,7 +48,7 @@ TEST(Kernel, ExplainsARefusal)
 
 TEST(MainlineRefuses, AddressesOfAnyFamilyAndIPv4Labels)
 {
-    std::string device = "lo";
+    std::string device  = "lo";
     sockaddr_storage v4 = socketAddress("192.0.2.1"), v6 = socketAddress("2001:db8::1");
     for (const int change : {AddressAdd, AddressDeprecate, AddressRenew, AddressAddDeprecated})
         for (sockaddr_storage* address : {&v4, &v6}) {
@@ -58,13 +59,15 @@ TEST(MainlineRefuses, AddressesOfAnyFamilyAndIPv4Labels)
         }
     LogCapture log;
     EXPECT_EQ(addrlabelAdd(&v4, 32, 4711, 0), -1) << "labels are for IPv6";
-    EXPECT_EQ(failures(log), "messageTransact(): kernel reports error -95\naddrlabelModify(): modifying address label failed\n");
+    EXPECT_EQ(failures(log),
+              "messageTransact(): kernel reports error -95\naddrlabelModify(): modifying address label failed\n");
     EXPECT_EQ(output("ip address show dev lo").find("192.0.2.1"), std::string::npos);
 }
 
 TEST(MainlineRefuses, TheGSOSizeInTwoBytes)
 {
-    if (!succeeds("ip link add gso0 type dummy")) GTEST_SKIP() << "this kernel has no dummy device";
+    if (!succeeds("ip link add gso0 type dummy"))
+        GTEST_SKIP() << "this kernel has no dummy device";
     std::string device = "gso0";
     LogCapture log;
     EXPECT_EQ(RTNetlinkSetGSOMaxSize(device, 16384), -1);
@@ -80,7 +83,8 @@ struct OnADevice : testing::Test {
 
     void SetUp() override
     {
-        if (!succeeds("ip link add wan0 type dummy")) GTEST_SKIP() << "this kernel has no dummy device";
+        if (!succeeds("ip link add wan0 type dummy"))
+            GTEST_SKIP() << "this kernel has no dummy device";
         output("ip address add 192.0.2.1/24 dev wan0");
         output("ip link set wan0 up");
         output("ip route add default via 192.0.2.254");
@@ -95,13 +99,15 @@ TEST_F(Routes, LeadThroughTheGatewayOfTheirDestination)
 {
     LogCapture log;
     ASSERT_EQ(RTNetlinkAddRoute("198.51.100.7", 0, AF_INET, 1234, index), 0);
-    EXPECT_EQ(output("ip route show table 1234"), "198.51.100.7 via 192.0.2.254 dev wan0 proto static metric 100 advmss 1140 \n");
+    EXPECT_EQ(output("ip route show table 1234"),
+              "198.51.100.7 via 192.0.2.254 dev wan0 proto static metric 100 advmss 1140 \n");
     output("ip rule add priority 5 lookup 1234");
     EXPECT_NE(output("ip route get 198.51.100.7").find("via 192.0.2.254 dev wan0 table 1234"), std::string::npos);
     output("ip rule del priority 5");
     EXPECT_EQ(failures(log), "");
     EXPECT_EQ(RTNetlinkAddRoute("198.51.100.7", 0, AF_INET, 1234, index), -1) << "it exists";
-    EXPECT_EQ(failures(log), "messageTransact(): kernel reports error -17\nRTNetlinkAddRoute(): Failed to install ip route\n");
+    EXPECT_EQ(failures(log),
+              "messageTransact(): kernel reports error -17\nRTNetlinkAddRoute(): Failed to install ip route\n");
     EXPECT_EQ(RTNetlinkDeleteRoute("198.51.100.7", 0, AF_INET, 1234, index), 0);
     EXPECT_EQ(output("ip route show table 1234"), "");
     EXPECT_EQ(RTNetlinkDeleteRoute("198.51.100.7", 0, AF_INET, 1234, index), 0) << "nobody waits for the refusal";
@@ -109,7 +115,8 @@ TEST_F(Routes, LeadThroughTheGatewayOfTheirDestination)
 
 TEST_F(Routes, AreLookedUpAsTheKernelWould)
 {
-    const auto looksUp = [](const char* destination, unsigned int mark, unsigned char family, int status, const char* gateway) {
+    const auto looksUp = [](const char* destination, unsigned int mark, unsigned char family, int status,
+                            const char* gateway) {
         const RouterAddressResult result = RTNetlinkGetRoute(destination, mark, family);
         EXPECT_EQ(result.status, status) << destination;
         EXPECT_EQ(result.gateway, gateway) << destination;
@@ -125,14 +132,18 @@ TEST_F(Routes, AreLookedUpAsTheKernelWould)
     looksUp("192.0.2.7", 0, AF_INET, 0, ""); // on the link
     looksUp("2001:db8:2::1", 0, AF_INET6, 0, "");
     looksUp("203.0.113.1", 0, AF_INET, -1, "");
-    EXPECT_EQ(failures(log), "getRouterAddress(): Gateway attribute is missing in NEWROUTE message\ngetRouterAddress(): Gateway attribute is malformed\n"
+    EXPECT_EQ(failures(log), "getRouterAddress(): Gateway attribute is missing in NEWROUTE message\n"
+                             "getRouterAddress(): Gateway attribute is malformed\n"
                              "messageQuery(): kernel reports error -113\nRTNetlinkGetRoute(): Getting routes failed\n");
     output("ip rule del priority 5");
 }
 
 TEST(Rules, AreFoundAmongAThousand)
 {
-    const auto batch = [](const char* verb) { return "seq 15500 16500 | grep -v 16000 | sed 's/.*/rule " + std::string(verb) + " priority & fwmark & table 1001/' | ip -batch -"; };
+    const auto batch = [](const char* verb) {
+        return "seq 15500 16500 | grep -v 16000 | sed 's/.*/rule " + std::string(verb) +
+               " priority & fwmark & table 1001/' | ip -batch -";
+    };
     output(batch("add"));
     LogCapture log;
     EXPECT_EQ(RTNetlinkGetRule("lo"), std::nullopt);
@@ -151,20 +162,23 @@ TEST(Labels, AreGeneratedAroundWhatIsInstalled)
         EXPECT_EQ(addrlabelGenerate(AF_INET6, false, &label), 0);
         return label;
     };
-    std::vector<sockaddr_storage> prefixes{socketAddress("2001:db8:1::"), socketAddress("2001:db8:2::"), socketAddress("2001:db8:3::")};
+    std::vector<sockaddr_storage> prefixes{socketAddress("2001:db8:1::"), socketAddress("2001:db8:2::"),
+                                           socketAddress("2001:db8:3::")};
     EXPECT_GE(generates(), 20u) << "above the system's";
     LogCapture log;
     EXPECT_EQ(addrlabelAdd(&prefixes[0], 64, 22, 1), 0);
     EXPECT_NE(output("ip addrlabel").find("prefix 2001:db8:1::/64 dev lo label 22"), std::string::npos);
     EXPECT_EQ(failures(log), "");
     EXPECT_EQ(addrlabelAdd(&prefixes[0], 64, 22, 1), -1) << "it exists";
-    EXPECT_EQ(failures(log), "messageTransact(): kernel reports error -17\naddrlabelModify(): modifying address label failed\n");
+    EXPECT_EQ(failures(log),
+              "messageTransact(): kernel reports error -17\naddrlabelModify(): modifying address label failed\n");
     EXPECT_EQ(generates(), 21u);
     EXPECT_EQ(addrlabelAdd(&prefixes[1], 64, 21, 1), 0);
     EXPECT_EQ(generates(), 20u);
     EXPECT_EQ(addrlabelAdd(&prefixes[2], 64, 20, 1), 0);
     EXPECT_GE(generates(), 22u) << "no gap is left";
-    for (unsigned int i = 0; i < 3; ++i) EXPECT_EQ(addrlabelDel(&prefixes[i], 64, 22 - i, 1), 0);
+    for (unsigned int i = 0; i < 3; ++i)
+        EXPECT_EQ(addrlabelDel(&prefixes[i], 64, 22 - i, 1), 0);
     EXPECT_EQ(addrlabelDel(&prefixes[0], 64, 22, 1), -1) << "it is gone";
 }
 
@@ -181,10 +195,32 @@ TEST(Labels, ArePurgedWithTheirCompanionsAndNobodyElse)
     EXPECT_EQ(addrlabelPurge(&address, 64, 1), 0);
     EXPECT_EQ(output("ip addrlabel | grep -o '2001:db8:[0-9]::/.*' | sort"),
               "2001:db8:3::/64 dev lo label 4712 \n2001:db8:4::/64 label 4711 \n2001:db8:5::/48 dev lo label 4711 \n");
-    for (const auto& [text, prefix, device] : {std::tuple("2001:db8:3::", 64u, 1u), std::tuple("2001:db8:4::", 64u, 0u), std::tuple("2001:db8:5::", 48u, 1u)}) {
+    for (const auto& [text, prefix, device] : {std::tuple("2001:db8:3::", 64u, 1u), std::tuple("2001:db8:4::", 64u, 0u),
+                                               std::tuple("2001:db8:5::", 48u, 1u)}) {
         address = socketAddress(text);
         EXPECT_EQ(addrlabelPurge(&address, prefix, device), 0);
     }
+    EXPECT_EQ(output("ip addrlabel"), before);
+}
+
+// More than a kernel puts into two datagrams, of 8 KiB at most.
+TEST(Labels, AreGeneratedAndPurgedAmongThreeHundred)
+{
+    const auto batch = [](const char* verb) {
+        return "seq 21 320 | sed 's|.*|addrlabel " + std::string(verb) +
+               " prefix 2001:db8:&::/64 dev lo label &|' | ip -batch -";
+    };
+    const std::string before = output("ip addrlabel");
+    sockaddr_storage first = socketAddress("2001:db8:1000::"), last = socketAddress("2001:db8:2000::");
+    EXPECT_EQ(addrlabelAdd(&first, 64, 20, 1), 0);
+    output(batch("add"));
+    EXPECT_EQ(addrlabelAdd(&last, 64, 322, 1), 0);
+    unsigned int label = 0;
+    EXPECT_EQ(addrlabelGenerate(AF_INET6, false, &label), 0);
+    EXPECT_EQ(label, 321u) << "the only gap";
+    for (sockaddr_storage* address : {&first, &last})
+        EXPECT_EQ(addrlabelPurge(address, 64, 1), 0);
+    output(batch("del"));
     EXPECT_EQ(output("ip addrlabel"), before);
 }
 
@@ -208,7 +244,8 @@ TEST_F(Qdiscs, OfThePlatformAreRefusedByMainline)
     EXPECT_EQ(RTNetlinkFlowControl(device, 0, 0x10000, 1, 0), -1);
     output("tc qdisc add dev wan0 root handle 1: prio");
     EXPECT_EQ(RTNetlinkFlowControl(device, 0, 0x10000, 0, 2), -1);
-    EXPECT_EQ(failures(log), refused + "RTNetlinkTCPrio(): tc qdisc transaction failed\n" + refused + "RTNetlinkFlowControl(): tc qdisc transaction failed\n" + refused +
+    EXPECT_EQ(failures(log), refused + "RTNetlinkTCPrio(): tc qdisc transaction failed\n" + refused +
+                                 "RTNetlinkFlowControl(): tc qdisc transaction failed\n" + refused +
                                  "RTNetlinkFlowControl(): tc qdisc transaction failed\n");
     EXPECT_EQ(RTNetlinkTCPrio(device, 0, 0x10000, 1), 0) << "deleting needs no options";
 }

@@ -2,15 +2,22 @@
 #include <RealKernel.h>
 
 #include <cstdio>
+#include <sys/utsname.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
 int main(int argc, char** argv)
 {
     testing::InitGoogleTest(&argc, argv);
-    if (!testing::GTEST_FLAG(list_tests) && !Vesk::Testing::enterOwnNetwork()) {
+    if (testing::GTEST_FLAG(list_tests))
+        return RUN_ALL_TESTS();
+    if (!Vesk::Testing::enterOwnNetwork()) {
         std::puts("SKIPPED: root alone may have a network of its own");
         return 77;
     }
+    utsname kernel{};
+    uname(&kernel);
+    std::printf("On Linux %s, pages of %d KiB\n", kernel.release, getpagesize() / 1024);
     return RUN_ALL_TESTS();
 }

@@ -1,5 +1,4 @@
-// The language of the wire tests. A case is a call of `check`: what happens in words, the call, its result, the requests
-// that it sends, its whole log, and what the scripted kernel answers.
+// The language of the wire tests: a case is a row with named fields, in the order in which things happen.
 #ifndef WIRE_TEST_H
 #define WIRE_TEST_H
 
@@ -8,8 +7,11 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <functional>
+#include <optional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -17,44 +19,123 @@
 namespace wire {
 
 using namespace Vesk::Testing;
+using namespace Vesk;
 
-using Operation = std::function<int()>;
+constexpr int kAck   = NLM_F_REQUEST | NLM_F_ACK;
+constexpr int kNew   = kAck | NLM_F_EXCL | NLM_F_CREATE;
+constexpr int kDump  = NLM_F_REQUEST | NLM_F_DUMP;
+constexpr int kMulti = NLM_F_MULTI;
+
+inline const std::string kEnd = endOfDump();
+inline const LogLine kAcked   = acknowledged();
+inline const LogLine kNoText  = core("extack")(3, "No EXTACK content");
+inline const Log kDumpRefused = core("messageDump")(4, "kernel reports errno [%d, %s]", EPERM, strerror(EPERM));
+
+inline const auto miscounted = [](int sent, unsigned length) {
+    return core("messageSend")(4, "sending full NL message failed: %d of %u", sent, length);
+};
+
+// A line of level 4 that ends in an errno and its text.
+inline const auto failure = [](const LoggedBy& by, const char* format, int error) {
+    return by(4, format, error, strerror(error));
+};
+
+// What a call returned: a number, or what it found. It allocates nothing, so that it leaves no block behind.
+struct Result {
+    Result(int status) { std::snprintf(text, sizeof text, "%d", status); }
+    Result(const std::string& found) { std::snprintf(text, sizeof text, "%s", found.c_str()); }
+    Result(const char* found) : Result(std::string(found)) {}
+    Result(const RouterAddressResult& r) : Result(r.gateway + (r.gateway.empty() ? "" : " ") + std::to_string(r.status))
+    {}
+    Result(const std::optional<std::pair<unsigned, unsigned>>& rule) : Result(-1)
+    {
+        if (rule)
+            std::snprintf(text, sizeof text, "0x%x/0x%x", rule->first, rule->second);
+    }
+    char text[64];
+};
+
+// An argument as it is held between calls.
+template <typename Parameter>
+struct Held {
+    explicit Held(const auto& argument) : value(static_cast<decltype(value)>(argument)) {}
+    auto& pass() { return value; }
+    std::remove_cvref_t<Parameter> value;
+};
+template <>
+struct Held<sockaddr_storage*> {
+    explicit Held(const char* text) : value(socketAddress(text)) {}
+    auto* pass() { return &value; }
+    sockaddr_storage value;
+};
+
+// A lambda, or an exported operation with its arguments, as in {addrlabelAdd, "fe80::1", 64, 7, 3}.
+struct Operation : std::function<Result()> {
+    using function::function;
+    template <typename Returned, typename... Parameters>
+    Operation(Returned (*operation)(Parameters...) noexcept, const auto&... arguments)
+        : function([operation, all = std::tuple(Held<Parameters>(arguments)...)]() mutable {
+              return std::apply([&](auto&... each) { return Result(operation(each.pass()...)); }, all);
+          })
+    {}
+};
+
 using Answers = std::vector<std::vector<Reply>>; // to each request; an empty one is the usual
 
-inline const Sends kNothing = std::vector<Sent>{};
-inline const Sends kAnything = std::nullopt;
-inline const std::string kSeqPid = "00000000 00000000 |";                         // of the header, which ends there
-inline const std::string kEnd = " 14000000 0300 0200 00000000 00000000 00000000"; // of a dump
-inline const LogLine kAcked = acknowledged();
-inline const LogLine kNoExtAckText = core(3, "%s(): No EXTACK content", "extack");
+struct Case {
+    const char* what                           = nullptr; // the first line of the log, where that says it all
+    std::function<void(ScriptedKernel&)> given = {}; // said to the kernel first; it knows "lo" as 1 and "wlan0" as 3
+    Answers answers                            = {};
+    Operation call                             = {};
+    std::optional<Result> result               = {}; // 0
+    Sends sends                                = {};
+    Log log                                    = {};
+};
 
-inline LogLine refused(int error) { return core(4, "%s(): kernel reports error %d", "messageTransact", error); }
+// Runs cases. What a case leaves out is as in the one that is given here.
+class Check {
+public:
+    explicit Check(Case common = {}, int protocolOfAll = NETLINK_ROUTE, log_level lowest = log_level_verbose)
+        : usual(std::move(common)), protocol(protocolOfAll), from(lowest)
+    {}
 
-inline LogLine sentShort(int sent, unsigned int length) { return core(4, "%s(): sending full NL message failed: %d of %u", "messageSend", sent, length); }
+    void operator()(const Case& row, const char* file = __builtin_FILE(), int line = __builtin_LINE()) const
+    {
+        const std::string what     = row.what != nullptr ? row.what : row.log.empty() ? "" : row.log.front().text;
+        const std::string expected = row.result.value_or(usual.result.value_or(0)).text;
+        ScriptedKernel kernel;
+        kernel.addInterface("lo", 1);
+        kernel.addInterface("wlan0", 3);
+        kernel.answerEach(row.answers.empty() ? usual.answers : row.answers);
+        if (row.given || usual.given)
+            (row.given ? row.given : usual.given)(kernel);
 
-inline Sends route(const std::string& digits) { return requests(NETLINK_ROUTE, {digits}); }
+        std::string differences;
+        {
+            const testing::ScopedTrace trace(file, line, what);
+            const std::string result = kernel.run(row.call ? row.call : usual.call).text;
+            if (result != expected)
+                differences = "result " + result + ", not " + expected + '\n';
+        }
+        const bool sends = row.sends.any || !row.sends.digits.empty();
+        differences +=
+            unmet(kernel, sends ? row.sends : usual.sends, row.log.empty() ? usual.log : row.log, protocol, from);
+        if (!differences.empty()) // in full for the first case of a test that fails, since others tend to fail likewise
+            ADD_FAILURE_AT(file, line) << what << '\n' << (testing::Test::HasFailure() ? "" : differences);
+    }
 
-inline LogLine dumpRefused() { return core(4, "%s(): kernel reports errno [%d, %s]", "messageDump", EPERM, "Operation not permitted"); }
+private:
+    Case usual;
+    int protocol;
+    log_level from;
+};
 
-// The kernel knows "lo" as 1 and "wlan0" as 3.
-inline void check(const char* what, const Operation& call, int result, const Sends& sends, const Log& log, const Answers& answers = {},
-                  const std::function<void(ScriptedKernel&)>& trouble = {}, log_level from = log_level_verbose)
-{
-    ScriptedKernel kernel;
-    kernel.addInterface("lo", 1);
-    kernel.addInterface("wlan0", 3);
-    kernel.answerEach(answers);
-    if (trouble) trouble(kernel);
-    EXPECT_EQ(kernel.run(call), result) << what;
-    const std::string differences = unmet(kernel, sends, log, from);
-    EXPECT_TRUE(differences.empty()) << what << '\n' << differences;
-}
-
-// Of the log, the lines of level 3 and 4 are compared.
-inline void notable(const char* what, const Operation& call, int result, const Sends& sends, const Log& log, const Answers& answers = {})
-{
-    check(what, call, result, sends, log, answers, {}, log_level_notice);
-}
+namespace routing {
+inline const Check check;
+inline const Check acked({.log = kAcked});
+inline const Check rejects({.result = -1}); // sends nothing
+inline const Check refused({.answers = {{refusal(-EPERM)}}, .result = -1, .sends = kAnything});
+} // namespace routing
 
 } // namespace wire
 

@@ -1,0 +1,61 @@
+// What the tests of IPsec share.
+#ifndef IPSEC_TEST_H
+#define IPSEC_TEST_H
+
+#include "WireTest.h"
+
+#include <Records.h>
+
+#include <linux/xfrm.h>
+#include <netinet/in.h>
+
+namespace wire::ipsec {
+
+using Record = tro_ipsec_static_sa_config_ex_info_ind_msg_v01;
+using Change = void (*)(Record&);
+
+inline constexpr const char *kHere = "192.0.2.1", *kPeer = "198.51.100.7", *kHere6 = "fe80::1", *kPeer6 = "fe80::2";
+inline constexpr unsigned kTxSpi = 0x11223344, kRxSpi = 0x55667788;
+
+inline const auto same = [](Record&) {};
+inline const auto v4   = [](Change change = same, const char* here = kHere, const char* peer = kPeer) {
+    Record record = espTunnel(here, peer);
+    change(record);
+    return record;
+};
+inline const auto v6 = [](Change change = same) { return v4(change, kHere6, kPeer6); };
+
+// `whole` compares the whole log, the others its lines of level 3 and 4.
+inline const Check whole({}, NETLINK_XFRM);
+inline const Check check({}, NETLINK_XFRM, log_level_notice);
+inline const Check rejects({.result = -1}, NETLINK_XFRM, log_level_notice); // sends nothing
+inline const Check refused({.answers = {{refusal(-EPERM)}}, .result = -1, .sends = kAnything}, NETLINK_XFRM,
+                           log_level_notice);
+
+inline const LoggedBy kId = xfrm("setXFRMIdFromBexa"), kMode = xfrm("setXFRMMode"), kEncap = xfrm("setXFRMEncap");
+inline const LogLine kNoEncap = kEncap(3, "not setting encapsulation params\n");
+inline const auto noAddress   = [](unsigned type) {
+    return xfrm("setXFRMAddrFromBexa")(4, "invalid addr family %u\n", type);
+};
+
+inline const auto identity = [](unsigned spi, const Log& addresses = {}, const char* proto = "esp",
+                                const char* mode = "tunnel") {
+    return Log{kId(2, "\t..id.proto = %s\n", proto), kId(2, "\t..saddr = %s\n", ""),
+               kId(2, "\t..id.daddr = %s\n", ""),    addresses,
+               kId(2, "\t..id.spi = 0x%x\n", spi),   kMode(2, "\t..mode = %s\n", mode)};
+};
+
+inline XfrmSelector selector(const char* saddr, int sourcePrefix, const char* daddr, int destinationPrefix,
+                             int protocol = 0, int family = AF_INET)
+{
+    return {.daddr       = daddr,
+            .saddr       = saddr,
+            .family      = family,
+            .prefixlen_d = destinationPrefix,
+            .prefixlen_s = sourcePrefix,
+            .proto       = protocol};
+}
+
+} // namespace wire::ipsec
+
+#endif
