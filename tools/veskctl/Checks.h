@@ -1,0 +1,31 @@
+// What the library takes as it is given, looked at before: addresses, prefixes, devices.
+#ifndef VESKCTL_CHECKS_H
+#define VESKCTL_CHECKS_H
+
+#include <string>
+#include <vector>
+
+#include <sys/socket.h>
+
+struct Prefix {
+    sockaddr_storage address = {};
+    unsigned int length      = 0;
+};
+
+// All throw a Refusal that says what to write instead.
+
+// "address" or "address/length"; a whole address when nothing else is said.
+Prefix prefixOf(const std::string& text);
+
+// An address without a prefix; AF_INET or AF_INET6.
+unsigned char familyOf(const std::string& text);
+
+// Two selectors of one policy, of which one may be empty.
+void checkSelectors(const std::string& source, const std::string& destination);
+
+// 0 for no device. A device that is not there is what the library, too, would refuse.
+unsigned int indexOf(const std::string& device);
+
+std::vector<std::string> devices();
+
+#endif

@@ -1,0 +1,70 @@
+// The commands: what each is called, takes, does and says of itself. Sources by subject make the tables of them.
+#ifndef VESKCTL_COMMAND_H
+#define VESKCTL_COMMAND_H
+
+#include "Answer.h"
+#include "Checks.h"
+#include "Kernel.h"
+#include "RecordFile.h"
+
+#include <string>
+#include <variant>
+#include <vector>
+
+// Arguments of any of the commands, and what is made of them. One is run a process, so they share them.
+struct Arguments {
+    std::string name, device, address, kind, file, otherFile, source, destination, direction;
+    unsigned int mark = 0, mask = 0xffffffff, table = 254, parent = 0, handle = 0, label = 0, valid = 0;
+    unsigned short size    = 0;
+    unsigned char protocol = 0;
+    int technology         = 0;
+    bool enable = false, useDefault = false, inbound = false;
+
+    Prefix prefix;
+    unsigned char family = 0;
+    unsigned int index   = 0;
+    FileRecord record, otherRecord;
+    int routesBefore = 0;
+    std::vector<Label> labelsBefore;
+    InstalledStates statesBefore;
+};
+
+// A name alone is a positional argument, one with dashes an option, or a flag when its field is a bool.
+struct Argument {
+    std::string name;
+    std::string type; // for the help and for completion; "{in,out}" are all words that it may be
+    std::string what;
+    std::variant<std::string Arguments::*, unsigned int Arguments::*, unsigned short Arguments::*,
+                 unsigned char Arguments::*, int Arguments::*, bool Arguments::*>
+        field;
+    bool required = name[0] != '-';
+};
+
+// What to do about an errno.
+struct Advice {
+    int error;
+    std::string text;
+};
+
+struct Command {
+    std::string path; // "route add"
+    std::string what;
+    std::string example             = {}; // of arguments
+    std::vector<Argument> arguments = {};
+    Operation (*prepare)(Arguments&); // checks arguments, and throws a Refusal when they cannot be meant
+    std::string notes          = {};  // more for the help
+    std::vector<Advice> advice = {};
+    int mainlineRefusal        = 0;  // the errno with which mainline kernels always refuse it
+    std::string unanswered     = {}; // what a dry run lacks of the kernel's answer
+};
+
+// Arguments of several commands
+inline const Argument kDevice = {"device", "DEVICE", "Interface", &Arguments::device};
+inline const Argument kPrefix = {"prefix", "PREFIX", "Address, with its prefix length after a slash",
+                                 &Arguments::address};
+
+std::vector<Command> linkCommands();
+std::vector<Command> labelCommands();
+std::vector<Command> ipsecCommands();
+
+#endif

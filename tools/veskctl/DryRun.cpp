@@ -1,0 +1,77 @@
+#include "DryRun.h"
+
+#include "Decoder.h"
+#include "Text.h"
+
+#include <ScriptedKernel.h>
+
+#include <algorithm>
+
+#include <net/if.h>
+
+using Vesk::Testing::Request;
+using Vesk::Testing::ScriptedKernel;
+
+namespace {
+
+constexpr std::size_t kValueColumn = 28, kBytesColumn = 45, kBytesInLine = 16;
+
+// "    id.spi                  0x1001           00001001". What is too long for its column moves the next one.
+std::string lineOf(const DecodedField& field)
+{
+    std::string line = field.name.empty() ? "  " + field.part : "    " + field.name;
+    line.resize(std::max(line.size() + 1, kValueColumn), ' ');
+    line += field.text;
+    std::string lines;
+    if (line.size() >= kBytesColumn && !field.bytes.empty())
+        lines = std::exchange(line, "") + '\n';
+    for (std::size_t at = 0; at < field.bytes.size(); at += kBytesInLine) {
+        line.resize(kBytesColumn, ' ');
+        const std::size_t size = std::min(kBytesInLine, field.bytes.size() - at);
+        lines += std::exchange(line, "") + faint(digits(field.bytes.data() + at, size)) + '\n';
+    }
+    return line.empty() ? lines : lines + line + '\n';
+}
+
+void addRequest(Answer& answer, const Request& request, bool showKeys)
+{
+    Json fields = Json::array();
+    std::string part;
+    const std::string size = std::to_string(request.datagram.size()) + " bytes";
+    answer.text += bold(protocolName(request.protocol) + ", " + size) + '\n';
+    for (const DecodedField& field : decoded(request.protocol, request.datagram, showKeys)) {
+        if (part != field.part && !field.name.empty())
+            answer.text += "  " + field.part + '\n';
+        part = field.part;
+        answer.text += lineOf(field);
+        fields.push_back({{"part", field.part},
+                          {"field", field.name},
+                          {"value", field.value},
+                          {"text", field.text},
+                          {"bytes", digits(field.bytes.data(), field.bytes.size())}});
+    }
+    answer.findings["requests"].push_back({{"protocol", protocolName(request.protocol)}, {"fields", fields}});
+}
+
+} // namespace
+
+Answer dryRun(const Operation& operation, const std::string& unanswered, bool showKeys)
+{
+    struct if_nameindex* const devices = if_nameindex(); // the kernel is asked before its place is taken
+    ScriptedKernel kernel;
+    for (struct if_nameindex* each = devices; each != nullptr && each->if_index != 0; ++each)
+        kernel.addInterface(each->if_name, each->if_index);
+    if_freenameindex(devices);
+
+    Answer ignored; // what the operation makes of a kernel that says nothing
+    operation.call(ignored);
+    Answer answer;
+    answer.findings["requests"] = Json::array();
+    for (const Request& request : kernel.requests())
+        addRequest(answer, request, showKeys);
+    answer.log  = kernel.log();
+    answer.note = "dry run, nothing was sent";
+    if (!unanswered.empty())
+        answer.note += "; the kernel's answer is taken as empty: " + unanswered;
+    return answer;
+}

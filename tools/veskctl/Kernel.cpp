@@ -1,0 +1,422 @@
+#include "Kernel.h"
+
+#include "Text.h"
+
+#include <vesk/netlink.h>
+
+#include <algorithm>
+#include <cstring>
+#include <map>
+#include <unordered_map>
+
+#include <arpa/inet.h>
+#include <linux/capability.h>
+#include <linux/fib_rules.h>
+#include <linux/if_addrlabel.h>
+#include <linux/rtnetlink.h>
+#include <linux/xfrm.h>
+#include <net/if.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr unsigned int kRoutePriority = 100;  // of the routes that the library installs
+constexpr unsigned int kFirstTable    = 1000; // a device's own table is this and its index
+
+// Reading answers
+
+class Attributes {
+public:
+    Attributes(nlmsghdr* message, std::size_t payload)
+    {
+        const std::size_t start = NLMSG_SPACE(payload);
+        if (message->nlmsg_len > start)
+            Vesk::NetlinkMessage::parseAttributes(
+                reinterpret_cast<nlattr*>(reinterpret_cast<unsigned char*>(message) + start), all,
+                static_cast<unsigned int>(message->nlmsg_len - start), static_cast<unsigned short>(NLA_TYPE_MASK));
+    }
+
+    [[nodiscard]] const unsigned char* value(int type) const
+    {
+        const auto found = all.find(type);
+        return found == all.end() ? nullptr : reinterpret_cast<const unsigned char*>(found->second) + NLA_HDRLEN;
+    }
+    [[nodiscard]] std::size_t size(int type) const
+    {
+        const auto found = all.find(type);
+        return found == all.end() ? 0 : found->second->nla_len - static_cast<std::size_t>(NLA_HDRLEN);
+    }
+    // Null where the attribute is missing or shorter. Attributes lie at multiples of 4, and no value is read by eights.
+    template <typename Value>
+    [[nodiscard]] const Value* as(int type) const
+    {
+        static_assert(alignof(Value) <= NLA_ALIGNTO);
+        return size(type) < sizeof(Value) ? nullptr : reinterpret_cast<const Value*>(value(type));
+    }
+    [[nodiscard]] std::optional<unsigned int> number(int type) const
+    {
+        const auto* const found = as<unsigned int>(type);
+        return found != nullptr ? std::optional(*found) : std::nullopt;
+    }
+    [[nodiscard]] std::string text(int type) const
+    {
+        const auto* const first = reinterpret_cast<const char*>(value(type));
+        return {first, strnlen(first, size(type))};
+    }
+    [[nodiscard]] bool has(int type) const { return all.contains(type); }
+
+private:
+    std::unordered_map<int, nlattr*> all;
+};
+
+// A message of the type that is asked for.
+template <typename Payload>
+using Show = std::function<void(const Payload&, const Attributes&)>;
+
+template <typename Payload>
+struct Shown {
+    unsigned short type;
+    const Show<Payload>& show;
+
+    bool take(nlmsghdr* message) const
+    {
+        if (message->nlmsg_type != type || message->nlmsg_len < NLMSG_LENGTH(sizeof(Payload)))
+            return false;
+        Payload payload;
+        std::memcpy(&payload, NLMSG_DATA(message), sizeof payload);
+        show(payload, Attributes(message, sizeof payload));
+        return true;
+    }
+};
+
+template <typename Payload>
+int dump(int protocol, unsigned short request, unsigned short type, Payload* about, const Show<Payload>& show)
+{
+    Shown<Payload> shown = {type, show};
+    Vesk::NetlinkMessage msg;
+    msg.setNLMsgHeader(protocol, request, NLM_F_REQUEST | NLM_F_DUMP);
+    if (about != nullptr)
+        msg.addMsgPayload(sizeof *about, about);
+    return msg.messageDump(
+        [](nlmsghdr* message, void* context) { static_cast<Shown<Payload>*>(context)->take(message); }, &shown);
+}
+
+int dumpStates(const Show<xfrm_usersa_info>& show)
+{
+    return dump<xfrm_usersa_info>(NETLINK_XFRM, XFRM_MSG_GETSA, XFRM_MSG_NEWSA, nullptr, show);
+}
+
+// Words
+
+std::string named(const std::map<unsigned int, const char*>& names, unsigned int number)
+{
+    const auto found = names.find(number);
+    return found != names.end() ? found->second : std::to_string(number);
+}
+
+std::string protocolName(unsigned int protocol)
+{
+    return named({{IPPROTO_ESP, "esp"}, {IPPROTO_AH, "ah"}, {IPPROTO_COMP, "comp"}}, protocol);
+}
+
+std::string modeName(unsigned int mode)
+{
+    return named({{XFRM_MODE_TRANSPORT, "transport"}, {XFRM_MODE_TUNNEL, "tunnel"}, {XFRM_MODE_BEET, "beet"}}, mode);
+}
+
+std::string deviceName(unsigned int index)
+{
+    char name[IF_NAMESIZE] = {};
+    return if_indextoname(index, name) != nullptr ? name : std::to_string(index);
+}
+
+std::string textOf(const xfrm_address_t& address, unsigned int family)
+{
+    return addressText(&address, family == AF_INET ? 4 : 16);
+}
+
+std::string selected(const xfrm_address_t& address, unsigned int length, unsigned int family)
+{
+    return family == AF_UNSPEC ? "any" : textOf(address, family) + '/' + std::to_string(length);
+}
+
+void addMark(Json& entry, const Attributes& attributes)
+{
+    if (const auto* const mark = attributes.as<xfrm_mark>(XFRMA_MARK))
+        entry.update({{"mark", mark->v}, {"mask", mark->m}});
+}
+
+// When it was added and, if ever, used.
+void addTimes(Json& entry, const xfrm_lifetime_cur& times)
+{
+    entry["added"] = times.add_time;
+    if (times.use_time != 0)
+        entry["used"] = times.use_time;
+}
+
+Json entryOf(const xfrm_usersa_info& state, const Attributes& attributes)
+{
+    Json entry = {{"protocol", protocolName(state.id.proto)},
+                  {"mode", modeName(state.mode)},
+                  {"source", textOf(state.saddr, state.family)},
+                  {"destination", textOf(state.id.daddr, state.family)},
+                  {"spi", ntohl(state.id.spi)}};
+    if (const auto* const cipher = attributes.as<xfrm_algo>(XFRMA_ALG_CRYPT))
+        entry.update({{"cipher", attributes.text(XFRMA_ALG_CRYPT)}, {"cipher_key_bits", cipher->alg_key_len}});
+    if (const auto* const aead = attributes.as<xfrm_algo_aead>(XFRMA_ALG_AEAD))
+        entry.update({{"cipher", attributes.text(XFRMA_ALG_AEAD)}, {"cipher_key_bits", aead->alg_key_len}});
+    if (const auto* const hash = attributes.as<xfrm_algo_auth>(XFRMA_ALG_AUTH_TRUNC))
+        entry.update({{"hash", attributes.text(XFRMA_ALG_AUTH_TRUNC)},
+                      {"hash_key_bits", hash->alg_key_len},
+                      {"hash_cut_to_bits", hash->alg_trunc_len}});
+    if (const auto* const udp = attributes.as<xfrm_encap_tmpl>(XFRMA_ENCAP))
+        entry.update({{"udp_source", ntohs(udp->encap_sport)}, {"udp_destination", ntohs(udp->encap_dport)}});
+    addMark(entry, attributes);
+    if (const auto mark = attributes.number(XFRMA_SET_MARK))
+        entry["output_mark"] = *mark;
+    if (const auto mask = attributes.number(XFRMA_SET_MARK_MASK))
+        entry["output_mask"] = *mask;
+    entry.update({{"packets", state.curlft.packets}, {"bytes", state.curlft.bytes}});
+    if (const auto* const replay = attributes.as<xfrm_replay_state>(XFRMA_REPLAY_VAL))
+        entry.update({{"sequence_out", replay->oseq}, {"sequence_in", replay->seq}});
+    else if (const auto* const extended = attributes.as<xfrm_replay_state_esn>(XFRMA_REPLAY_ESN_VAL))
+        entry.update({{"sequence_out", extended->oseq}, {"sequence_in", extended->seq}});
+    entry.update({{"replay_window", state.replay_window},
+                  {"replayed", state.stats.replay},
+                  {"integrity_failed", state.stats.integrity_failed}});
+    addTimes(entry, state.curlft);
+    return entry;
+}
+
+Json entryOf(const xfrm_userpolicy_info& policy, const Attributes& attributes)
+{
+    const auto& sel      = policy.sel;
+    const char* const to = policy.dir == XFRM_POLICY_IN ? "in" : policy.dir == XFRM_POLICY_OUT ? "out" : "fwd";
+    Json entry           = {{"direction", to},
+                            {"source", selected(sel.saddr, sel.prefixlen_s, sel.family)},
+                            {"destination", selected(sel.daddr, sel.prefixlen_d, sel.family)},
+                            {"priority", policy.priority},
+                            {"action", policy.action == XFRM_POLICY_ALLOW ? "allow" : "block"},
+                            {"index", policy.index}};
+    if (sel.proto != 0)
+        entry["ip_protocol"] = sel.proto;
+    addMark(entry, attributes);
+    addTimes(entry, policy.curlft);
+    entry["templates"]     = Json::array();
+    const std::size_t size = attributes.size(XFRMA_TMPL);
+    for (std::size_t at = 0; at + sizeof(xfrm_user_tmpl) <= size; at += sizeof(xfrm_user_tmpl)) {
+        xfrm_user_tmpl each;
+        std::memcpy(&each, attributes.value(XFRMA_TMPL) + at, sizeof each);
+        entry["templates"].push_back({{"protocol", protocolName(each.id.proto)},
+                                      {"mode", modeName(each.mode)},
+                                      {"source", textOf(each.saddr, each.family)},
+                                      {"destination", textOf(each.id.daddr, each.family)},
+                                      {"spi", ntohl(each.id.spi)}});
+    }
+    return entry;
+}
+
+Json entryOf(const fib_rule_hdr& rule, const Attributes& attributes)
+{
+    static const std::map<unsigned int, const char*> actions = {
+        {FR_ACT_TO_TBL, "lookup"},
+        {FR_ACT_GOTO, "goto"},
+        {FR_ACT_NOP, "nop"},
+        {FR_ACT_BLACKHOLE, "blackhole"},
+        {FR_ACT_UNREACHABLE, "unreachable"},
+        {FR_ACT_PROHIBIT, "prohibit"},
+    };
+    Json entry = {{"family", rule.family == AF_INET ? "ipv4" : "ipv6"},
+                  {"priority", attributes.number(FRA_PRIORITY).value_or(0)}};
+    if ((rule.flags & FIB_RULE_INVERT) != 0)
+        entry["not"] = true;
+    const std::tuple<const char*, int, unsigned int> prefixes[] = {{"from", FRA_SRC, rule.src_len},
+                                                                   {"to", FRA_DST, rule.dst_len}};
+    for (const auto& [name, type, length] : prefixes)
+        if (attributes.has(type))
+            entry[name] = addressText(attributes.value(type), attributes.size(type)) + '/' + std::to_string(length);
+    for (const auto& [name, type] : {std::pair("in", FRA_IIFNAME), std::pair("out", FRA_OIFNAME)})
+        if (attributes.has(type))
+            entry[name] = attributes.text(type);
+    if (const auto mark = attributes.number(FRA_FWMARK))
+        entry.update({{"mark", *mark}, {"mask", attributes.number(FRA_FWMASK).value_or(0)}});
+    if (const auto* const users = attributes.as<fib_rule_uid_range>(FRA_UID_RANGE))
+        entry["users"] = std::to_string(users->start) + '-' + std::to_string(users->end);
+    const unsigned int table = attributes.number(FRA_TABLE).value_or(rule.table);
+    entry.update({{"action", named(actions, rule.action)}, {"table", table}});
+    char device[IF_NAMESIZE] = {};
+    if (table > kFirstTable && if_indextoname(table - kFirstTable, device) != nullptr)
+        entry["device"] = device;
+    return entry;
+}
+
+// The values of these fields, as an entry begins.
+std::string headline(const Json& entry, std::initializer_list<const char*> fields, const char* between)
+{
+    return joined(fields, between, [&entry](const char* field) {
+        return entry[field].is_string() ? entry[field].get<std::string>() : entry[field].dump();
+    });
+}
+
+// Whether an SA has another key than this one. What a kernel keeps to itself it shows as zeros.
+bool isOther(const Attributes& attributes, int type, std::size_t head, const std::uint8_t* key, std::size_t length)
+{
+    if (attributes.size(type) < head)
+        return false;
+    const unsigned char *const first = attributes.value(type) + head, *const end = attributes.value(type) +
+                                                                                   attributes.size(type);
+    return !std::equal(first, end, key, key + length) &&
+           std::any_of(first, end, [](unsigned char byte) { return byte != 0; });
+}
+
+} // namespace
+
+// Lists
+
+int listStates(Answer& answer)
+{
+    answer.findings["sas"] = Json::array();
+    return dumpStates([&](const xfrm_usersa_info& state, const Attributes& attributes) {
+        const Json entry       = entryOf(state, attributes);
+        const std::string ends = headline(entry, {"source", "destination"}, " > ");
+        addEntry(answer, "sas",
+                 headline(entry, {"protocol", "mode"}, " ") + ' ' + ends + " spi " + hexadecimal(ntohl(state.id.spi)),
+                 entry, 5);
+    });
+}
+
+int listPolicies(Answer& answer)
+{
+    answer.findings["policies"]           = Json::array();
+    const Show<xfrm_userpolicy_info> show = [&](const xfrm_userpolicy_info& policy, const Attributes& attributes) {
+        const Json entry       = entryOf(policy, attributes);
+        const std::string ends = headline(entry, {"source", "destination"}, " > ");
+        addEntry(answer, "policies", headline(entry, {"direction"}, "") + ' ' + ends, entry, 3);
+    };
+    return dump<xfrm_userpolicy_info>(NETLINK_XFRM, XFRM_MSG_GETPOLICY, XFRM_MSG_NEWPOLICY, nullptr, show);
+}
+
+int listLabels(Answer& answer)
+{
+    answer.findings["labels"] = Json::array();
+    std::vector<Label> labels;
+    const int result = readLabels(labels);
+    for (const Label& each : labels) {
+        Json entry = {{"prefix", each.text()}, {"label", each.label}};
+        if (each.device != 0)
+            entry["device"] = deviceName(each.device);
+        addEntry(answer, "labels", each.text(), entry, 1);
+    }
+    return result;
+}
+
+int listRules(Answer& answer)
+{
+    answer.findings["rules"]      = Json::array();
+    const Show<fib_rule_hdr> show = [&](const fib_rule_hdr& rule, const Attributes& attributes) {
+        const Json entry = entryOf(rule, attributes);
+        if (rule.family == AF_INET || rule.family == AF_INET6) // multicast has rules too
+            addEntry(answer, "rules", headline(entry, {"family", "priority"}, " "), entry, 2);
+    };
+    fib_rule_hdr about = {}; // of all families
+    return dump<fib_rule_hdr>(NETLINK_ROUTE, RTM_GETRULE, RTM_NEWRULE, &about, show);
+}
+
+// Looks
+
+InstalledStates installedStates(const Record& r)
+{
+    InstalledStates found;
+    const std::string local = addressText(r.local_addr), remote = addressText(r.remote_addr);
+    const unsigned int protocol = r.ipsec_protocol == kAH ? IPPROTO_AH : IPPROTO_ESP;
+    static_cast<void>(dumpStates([&](const xfrm_usersa_info& state, const Attributes& attributes) {
+        const std::string source      = textOf(state.saddr, state.family),
+                          destination = textOf(state.id.daddr, state.family);
+        const bool tx                 = ntohl(state.id.spi) == r.spi_tx && source == local && destination == remote;
+        const bool rx                 = ntohl(state.id.spi) == r.spi_rx && source == remote && destination == local;
+        if (state.id.proto != protocol || (!tx && !rx))
+            return;
+        (tx ? found.tx : found.rx) = true;
+        if (isOther(attributes, XFRMA_ALG_CRYPT, sizeof(xfrm_algo), tx ? r.crypto_key_tx : r.crypto_key_rx,
+                    tx ? r.crypto_key_tx_len : r.crypto_key_rx_len) ||
+            isOther(attributes, XFRMA_ALG_AUTH_TRUNC, sizeof(xfrm_algo_auth), tx ? r.hash_key_tx : r.hash_key_rx,
+                    tx ? r.hash_key_tx_len : r.hash_key_rx_len))
+            found.otherKeys = true;
+    }));
+    return found;
+}
+
+std::string Label::text() const
+{
+    return addressText(address.data(), address.size()) + '/' + std::to_string(length);
+}
+
+int readLabels(std::vector<Label>& labels)
+{
+    const Show<ifaddrlblmsg> show = [&](const ifaddrlblmsg& entry, const Attributes& attributes) {
+        const auto* const address = attributes.as<std::array<unsigned char, 16>>(IFAL_ADDRESS);
+        const auto label          = attributes.number(IFAL_LABEL);
+        if (address != nullptr && label)
+            labels.push_back({*address, entry.ifal_prefixlen, entry.ifal_index, *label});
+    };
+    ifaddrlblmsg about = {};
+    about.ifal_family  = AF_INET6;
+    return dump<ifaddrlblmsg>(NETLINK_ROUTE, RTM_GETADDRLABEL, RTM_NEWADDRLABEL, &about, show);
+}
+
+int installedRoutes(const std::string& destination, unsigned int table, unsigned int device)
+{
+    rtmsg about      = {};
+    about.rtm_family = AF_INET;
+    int routes       = 0;
+    static_cast<void>(dump<rtmsg>(
+        NETLINK_ROUTE, RTM_GETROUTE, RTM_NEWROUTE, &about, [&](const rtmsg& route, const Attributes& attributes) {
+            const bool same = route.rtm_dst_len == 32 && attributes.has(RTA_DST) &&
+                              addressText(attributes.value(RTA_DST), attributes.size(RTA_DST)) == destination &&
+                              attributes.number(RTA_TABLE) == table && attributes.number(RTA_OIF) == device &&
+                              attributes.number(RTA_PRIORITY) == kRoutePriority;
+            routes += same ? 1 : 0;
+        }));
+    return routes;
+}
+
+std::optional<NextHop> nextHop(const std::string& destination, unsigned char family, unsigned int mark)
+{
+    const int size                        = family == AF_INET ? 4 : 16;
+    std::array<unsigned char, 16> address = {};
+    inet_pton(family, destination.c_str(), address.data());
+    rtmsg about       = {};
+    about.rtm_family  = family;
+    about.rtm_dst_len = static_cast<unsigned char>(8 * size);
+
+    std::optional<NextHop> found;
+    const Show<rtmsg> show = [&](const rtmsg&, const Attributes& attributes) {
+        found = {"", deviceName(attributes.number(RTA_OIF).value_or(0))};
+        if (attributes.has(RTA_GATEWAY))
+            found->gateway = addressText(attributes.value(RTA_GATEWAY), attributes.size(RTA_GATEWAY));
+        else if (attributes.size(RTA_VIA) > sizeof(rtvia))
+            found->gateway =
+                addressText(attributes.value(RTA_VIA) + sizeof(rtvia), attributes.size(RTA_VIA) - sizeof(rtvia));
+    };
+    Shown<rtmsg> shown = {RTM_NEWROUTE, show};
+    Vesk::NetlinkMessage msg;
+    msg.setNLMsgHeader(NETLINK_ROUTE, RTM_GETROUTE, NLM_F_REQUEST);
+    msg.addMsgPayload(sizeof about, &about);
+    msg.addNLAttribute(RTA_DST, size, address.data());
+    msg.addNLAttribute(RTA_MARK, mark);
+    static_cast<void>(msg.messageQuery(
+        [](nlmsghdr* message, void* context) {
+            return static_cast<Shown<rtmsg>*>(context)->take(message) ? Vesk::NetlinkQueryDone
+                                                                      : Vesk::NetlinkQueryContinue;
+        },
+        &shown, false));
+    return found;
+}
+
+bool mayChangeNetworks()
+{
+    __user_cap_header_struct header                         = {_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct rights[_LINUX_CAPABILITY_U32S_3] = {};
+    return syscall(SYS_capget, &header, rights) == 0 && (rights[0].effective & (1U << CAP_NET_ADMIN)) != 0;
+}

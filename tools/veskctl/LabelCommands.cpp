@@ -1,0 +1,146 @@
+// Commands for the table of IPv6 address labels.
+
+#include "Command.h"
+#include "Text.h"
+
+#include <vesk/netlink.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include <netinet/in.h>
+
+namespace {
+
+Operation labelChange(Arguments& a, decltype(Vesk::addrlabelAdd)* operation)
+{
+    a.prefix = prefixOf(a.address);
+    a.index  = indexOf(a.device);
+    return {[&a, operation](Answer&) { return operation(&a.prefix.address, a.prefix.length, a.label, a.index); }};
+}
+
+Operation labelAdd(Arguments& a)
+{
+    return labelChange(a, Vesk::addrlabelAdd);
+}
+
+Operation labelDel(Arguments& a)
+{
+    return labelChange(a, Vesk::addrlabelDel);
+}
+
+// Whether an entry is of the prefix length and device that are purged.
+bool isCandidate(const Label& each, const Arguments& a)
+{
+    return a.prefix.address.ss_family == AF_INET6 && each.length == a.prefix.length && each.device == a.index;
+}
+
+// Whether it has the address that is purged: whole bytes of the prefix are compared, as the library does.
+bool hasAddress(const Label& each, const Arguments& a)
+{
+    const auto& address = reinterpret_cast<const sockaddr_in6&>(a.prefix.address).sin6_addr;
+    return std::memcmp(each.address.data(), &address, a.prefix.length / 8) == 0;
+}
+
+void judgePurge(const Arguments& a, Answer& answer)
+{
+    std::vector<Label> after, purged, left;
+    if (answer.result != 0 || readLabels(after) != 0)
+        return;
+    const auto& before = a.labelsBefore;
+    const auto own     = std::find_if(before.begin(), before.end(),
+                                      [&](const Label& each) { return isCandidate(each, a) && hasAddress(each, a); });
+    for (const Label& each : before)
+        if (std::count(after.begin(), after.end(), each) == 0)
+            purged.push_back(each);
+    for (const Label& each : after)
+        if (own != before.end() && isCandidate(each, a) && (each.label == own->label || hasAddress(each, a)))
+            left.push_back(each);
+
+    for (const Label& each : purged)
+        answer.findings["purged"].push_back({{"prefix", each.text()}, {"label", each.label}});
+    if (!purged.empty())
+        answer.text = "purged " + joined(purged, ", ", std::mem_fn(&Label::text)) + '\n';
+    if (own == before.end())
+        answer.notAsAsked(
+            "nothing to purge: no entry has this prefix length, address and device; veskctl label list shows all");
+    else if (purged.empty() && own->label != 1 && own->label < 20)
+        answer.notAsAsked("nothing was purged: " + own->text() + " has label " + std::to_string(own->label) +
+                          "; 0 and those from 2 to 19 are the system's; veskctl label del deletes one");
+    else if (purged.empty())
+        answer.notAsAsked(
+            "nothing was purged: for this address, the kernel takes another entry; give an address that only " +
+            own->text() + " matches best");
+    else if (!left.empty())
+        answer.notAsAsked("left: " + joined(left, ", ", std::mem_fn(&Label::text)) + "; purge again with one of them");
+}
+
+Operation purge(Arguments& a)
+{
+    a.prefix = prefixOf(a.address);
+    a.index  = indexOf(a.device);
+    return {.call  = [&a](Answer&) { return Vesk::addrlabelPurge(&a.prefix.address, a.prefix.length, a.index); },
+            .look  = [&a] { static_cast<void>(readLabels(a.labelsBefore)); },
+            .judge = [&a](Answer& answer) { judgePurge(a, answer); }};
+}
+
+Operation generate(Arguments& a)
+{
+    return {[&a](Answer& answer) {
+        unsigned int label       = 0;
+        const int result         = Vesk::addrlabelGenerate(AF_INET6, a.useDefault, &label);
+        answer.findings["label"] = label;
+        return result;
+    }};
+}
+
+Operation list(Arguments&)
+{
+    return {listLabels};
+}
+
+const Argument kEntryDevice = {"--device", "DEVICE", "Interface; entries of no interface when not given",
+                               &Arguments::device};
+const Argument kLabel       = {"label", "NUMBER", "Label", &Arguments::label};
+
+} // namespace
+
+std::vector<Command> labelCommands()
+{
+    const Advice ipv4 = {EOPNOTSUPP, "mainline kernels always refuse this: they have labels for IPv6 only"};
+    return {
+        {.path      = "label add",
+         .what      = "Give an IPv6 prefix a label",
+         .example   = "2001:db8::/32 4711 --device wlan0",
+         .arguments = {kPrefix, kLabel, kEntryDevice},
+         .prepare   = labelAdd,
+         .notes     = "Mainline kernels refuse IPv4 labels (EOPNOTSUPP).",
+         .advice    = {ipv4, {EEXIST, "the prefix has a label; delete it first: veskctl label del"}}},
+        {.path      = "label del",
+         .what      = "Delete the label of an IPv6 prefix",
+         .example   = "2001:db8::/32 4711 --device wlan0",
+         .arguments = {kPrefix, kLabel, kEntryDevice},
+         .prepare   = labelDel,
+         .advice    = {ipv4, {ESRCH, "there is no such entry; veskctl label list shows all"}}},
+        {.path       = "label purge",
+         .what       = "Delete the label of a prefix, wherever it is",
+         .example    = "2001:db8::/32 --device wlan0",
+         .arguments  = {kPrefix, kEntryDevice},
+         .prepare    = purge,
+         .notes      = "Deleted are the entry of the prefix, and those of the same prefix length and\n"
+                       "device that have its label, where that is 1, or 20 or more. Status 3 when\n"
+                       "there was none, or one is left.",
+         .advice     = {ipv4},
+         .unanswered = "where it names a label of 1, or 20 or more, a dump of all labels would follow, and "
+                       "RTM_DELADDRLABEL for each that matches"},
+        {.path       = "label generate",
+         .what       = "Propose a label",
+         .arguments  = {{"--default", "", "Propose the default label", &Arguments::useDefault}},
+         .prepare    = generate,
+         .notes      = "Just below the first label above 20 that has none before it, or a random one\n"
+                       "above the largest.",
+         .unanswered = "the proposal depends on it"},
+        {.path = "label list", .what = "All labels", .prepare = list, .unanswered = "the list is in it"},
+    };
+}

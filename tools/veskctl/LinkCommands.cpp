@@ -1,0 +1,286 @@
+// Commands for families, addresses, routes, rules and queueing disciplines.
+
+#include "Command.h"
+
+#include <vesk/netlink.h>
+
+#include <cerrno>
+
+namespace {
+
+Operation family(Arguments& a)
+{
+    return {[&a](Answer& answer) {
+        unsigned short id         = 0;
+        const int result          = Vesk::queryGenericNetlinkFamily(a.name, 2, &id);
+        answer.findings["family"] = id;
+        return result;
+    }};
+}
+
+template <Vesk::AddressLifetimeChange change>
+Operation addressChange(Arguments& a)
+{
+    a.prefix = prefixOf(a.address);
+    indexOf(a.device);
+    return {[&a](Answer&) {
+        return Vesk::RTNetlinkAddressCfg(a.device, &a.prefix.address, a.prefix.length, change, a.valid);
+    }};
+}
+
+Operation gso(Arguments& a)
+{
+    indexOf(a.device);
+    return {[&a](Answer&) { return Vesk::RTNetlinkSetGSOMaxSize(a.device, a.size); }};
+}
+
+// Why a look-up found no gateway that the library takes.
+std::string withoutGateway(const Arguments& a)
+{
+    const auto hop = nextHop(a.address, a.family, a.mark);
+    if (!hop)
+        return "the kernel has no route to " + a.address + " under this mark";
+    if (hop->gateway.empty())
+        return "on link, no gateway: " + a.address + " is reached over " + hop->device + " itself";
+    return "the gateway is " + hop->gateway + " over " + hop->device + "; only IPv4 gateways are taken";
+}
+
+Operation routeGet(Arguments& a)
+{
+    a.family        = familyOf(a.address);
+    const auto call = [&a](Answer& answer) {
+        const Vesk::RouterAddressResult router = Vesk::RTNetlinkGetRoute(a.address, a.mark, a.family);
+        if (!router.gateway.empty())
+            answer.findings["gateway"] = router.gateway;
+        return router.status;
+    };
+    const auto judge = [&a](Answer& answer) {
+        if (answer.result == 0 && answer.findings.empty())
+            answer.notAsAsked(withoutGateway(a));
+    };
+    return {.call = call, .judge = judge};
+}
+
+Operation routeAdd(Arguments& a)
+{
+    a.family         = familyOf(a.address);
+    a.index          = indexOf(a.device);
+    const auto call  = [&a](Answer&) { return Vesk::RTNetlinkAddRoute(a.address, a.mark, a.family, a.table, a.index); };
+    const auto judge = [&a](Answer& answer) {
+        if (answer.result != 0 && answer.error == 0)
+            answer.note = withoutGateway(a);
+    };
+    return {.call = call, .judge = judge};
+}
+
+// Nobody waits for the kernel's answer to a removal, so that the table has to tell.
+Operation routeDel(Arguments& a)
+{
+    a.family        = familyOf(a.address);
+    a.index         = indexOf(a.device);
+    const auto look = [&a] { return installedRoutes(a.address, a.table, a.index); };
+    const auto call = [&a](Answer&) {
+        return Vesk::RTNetlinkDeleteRoute(a.address, a.mark, a.family, a.table, a.index);
+    };
+    const auto judge = [&a, look](Answer& answer) {
+        const std::string route =
+            "route to " + a.address + " over " + a.device + " in table " + std::to_string(a.table);
+        const int after = look();
+        if (answer.result != 0 && answer.error == 0)
+            answer.note = withoutGateway(a);
+        else if (answer.result == 0 && after == 0 && a.routesBefore == 0)
+            answer.notAsAsked("nothing to remove: there is no " + route);
+        else if (answer.result == 0 && after >= a.routesBefore)
+            answer.notAsAsked("the " + route + " is still there: " +
+                              (mayChangeNetworks() ? "its gateway is not the one that was looked up now"
+                                                   : "this process has no CAP_NET_ADMIN; run it as root"));
+    };
+    return {.call = call, .look = [&a, look] { a.routesBefore = look(); }, .judge = judge};
+}
+
+Operation ruleGet(Arguments& a)
+{
+    a.index         = indexOf(a.device);
+    const auto call = [&a](Answer& answer) {
+        const auto rule = Vesk::RTNetlinkGetRule(a.device);
+        if (rule)
+            answer.findings = {{"mark", rule->first}, {"mask", rule->second}};
+        return rule ? 0 : -1;
+    };
+    const auto judge = [&a](Answer& answer) {
+        if (answer.result != 0 && answer.error == 0)
+            answer.note = "no IPv4 rule of priority 16000 has a mark and table " + std::to_string(1000 + a.index) +
+                          ", which is that of " + a.device + "; veskctl rule list shows all";
+    };
+    return {.call = call, .judge = judge};
+}
+
+Operation ruleList(Arguments&)
+{
+    return {listRules};
+}
+
+template <unsigned char operation>
+Operation qdisc(Arguments& a)
+{
+    indexOf(a.device);
+    return {[&a](Answer&) { return Vesk::RTNetlinkTCQdisc(a.device, a.kind, a.parent, a.handle, operation); }};
+}
+
+template <unsigned char operation>
+Operation prio(Arguments& a)
+{
+    indexOf(a.device);
+    return {[&a](Answer&) { return Vesk::RTNetlinkTCPrio(a.device, a.parent, a.handle, operation); }};
+}
+
+template <unsigned char operation>
+Operation flowControl(Arguments& a)
+{
+    indexOf(a.device);
+    return {[&a](Answer&) {
+        return Vesk::RTNetlinkFlowControl(a.device, a.parent, a.handle, a.enable ? 1 : 0, operation);
+    }};
+}
+
+const Argument kDestination = {"destination", "ADDRESS", "Address", &Arguments::address};
+const Argument kOutput      = {"device", "DEVICE", "Output interface", &Arguments::device};
+const Argument kLookUpMark  = {"--mark", "NUMBER", "Firewall mark of the look-up", &Arguments::mark};
+const Argument kTable       = {"--table", "NUMBER", "Routing table; 254 when not given", &Arguments::table};
+const Argument kValid       = {"--valid", "SECONDS", "Valid lifetime; must be given", &Arguments::valid, true};
+const Argument kParent      = {"--parent", "NUMBER", "Parent, as 0x20001 for 2:1; the root when not given",
+                               &Arguments::parent};
+const Argument kHandle      = {"--handle", "NUMBER", "Handle, as 0x10000 for 1:", &Arguments::handle};
+const Argument kKind        = {"kind", "KIND", "Such as fq_codel", &Arguments::kind};
+const Argument kEnable      = {"--enable", "", "Switch flow control on", &Arguments::enable};
+
+const std::vector<Advice> kNoRoute = {
+    {ENETUNREACH, "no route leads there, or the gateway is not on this device's link"},
+    {EHOSTUNREACH, "no route leads there"},
+    {EEXIST, "there is such a route; remove it first: veskctl route del"},
+};
+const std::vector<Advice> kNoQdisc = {
+    {EEXIST, "there is one already; remove it first"},
+    {ENOENT, "there is none to remove, or the kernel lacks this kind; tc qdisc show lists them"},
+};
+
+} // namespace
+
+std::vector<Command> linkCommands()
+{
+    using namespace Vesk;
+    const std::string gateway = "with the gateway that it names";
+    const auto address        = [](const char* name, const char* what, auto prepare, bool deprecates) {
+        std::vector<Argument> arguments = {kDevice, kPrefix};
+        if (deprecates)
+            arguments.push_back(kValid);
+        return Command{.path            = std::string("address ") + name,
+                              .what            = what,
+                              .example         = std::string("wlan0 192.0.2.1/24") + (deprecates ? " --valid 60" : ""),
+                              .arguments       = arguments,
+                              .prepare         = prepare,
+                              .mainlineRefusal = EOPNOTSUPP};
+    };
+    return {
+        {.path       = "family",
+         .what       = "Number of a generic netlink family",
+         .example    = "nlctrl",
+         .arguments  = {{"name", "NAME", "Such as nlctrl", &Arguments::name}},
+         .prepare    = family,
+         .advice     = {{ENOENT, "the kernel has no such family; its module may have to be loaded"}},
+         .unanswered = "the number is in it"},
+
+        address("add", "Add an address, for ever", addressChange<AddressAdd>, false),
+        address("renew", "Replace an address, for ever", addressChange<AddressRenew>, false),
+        address("deprecate", "Replace an address, preferred no more", addressChange<AddressDeprecate>, true),
+        address("add-deprecated", "Add an address, preferred no more", addressChange<AddressAddDeprecated>, true),
+
+        {.path            = "gso",
+         .what            = "Set the largest GSO size",
+         .example         = "wlan0 16384",
+         .arguments       = {kDevice, {"size", "BYTES", "Up to 65535", &Arguments::size}},
+         .prepare         = gso,
+         .mainlineRefusal = ERANGE},
+
+        {.path       = "route get",
+         .what       = "Gateway to a destination",
+         .example    = "198.51.100.7 --mark 42",
+         .arguments  = {kDestination, kLookUpMark},
+         .prepare    = routeGet,
+         .notes      = "Status 3 where there is none: on the link, or with an IPv6 gateway.",
+         .advice     = kNoRoute,
+         .unanswered = "the gateway is in it"},
+        {.path       = "route add",
+         .what       = "Install a host route through today's gateway",
+         .example    = "198.51.100.7 wlan0 --table 1003",
+         .arguments  = {kDestination, kOutput, kLookUpMark, kTable},
+         .prepare    = routeAdd,
+         .notes      = "The gateway is looked up as by route get. Metric 100, advertised MSS 1140.",
+         .advice     = kNoRoute,
+         .unanswered = "RTM_NEWROUTE would follow, " + gateway},
+        {.path       = "route del",
+         .what       = "Remove a host route that route add installed",
+         .example    = "198.51.100.7 wlan0 --table 1003",
+         .arguments  = {kDestination, kOutput, kLookUpMark, kTable},
+         .prepare    = routeDel,
+         .notes      = "The kernel's answer is not waited for. So the table is looked at before and\n"
+                       "after; status 3 when the route was not there, or still is.",
+         .advice     = kNoRoute,
+         .unanswered = "RTM_DELROUTE would follow, " + gateway},
+
+        {.path       = "rule get",
+         .what       = "Mark and mask of a device's rule",
+         .example    = "wlan0",
+         .arguments  = {kDevice},
+         .prepare    = ruleGet,
+         .notes      = "Looked for: an IPv4 rule of priority 16000, of the table 1000 + the device's\n"
+                       "index, with a mark and a mask other than 0. The last one counts.",
+         .unanswered = "mark and mask are in it"},
+        {.path = "rule list", .what = "All rules", .prepare = ruleList, .unanswered = "the list is in it"},
+
+        {.path      = "qdisc add",
+         .what      = "Install a queueing discipline",
+         .example   = "wlan0 --handle 0x10000 fq_codel",
+         .arguments = {kDevice, kKind, kParent, kHandle},
+         .prepare   = qdisc<0>,
+         .advice    = kNoQdisc},
+        {.path      = "qdisc del",
+         .what      = "Remove a queueing discipline",
+         .example   = "wlan0 --handle 0x10000 fq_codel",
+         .arguments = {kDevice, kKind, kParent, kHandle},
+         .prepare   = qdisc<1>,
+         .advice    = kNoQdisc},
+
+        {.path            = "prio add",
+         .what            = "Install the platform's five bands",
+         .example         = "wlan0 --handle 0x10000",
+         .arguments       = {kDevice, kParent, kHandle},
+         .prepare         = prio<0>,
+         .mainlineRefusal = EINVAL},
+        {.path      = "prio del",
+         .what      = "Remove the platform's five bands",
+         .example   = "wlan0 --handle 0x10000",
+         .arguments = {kDevice, kParent, kHandle},
+         .prepare   = prio<1>,
+         .advice    = kNoQdisc},
+
+        {.path            = "flow add",
+         .what            = "Install the platform's three bands",
+         .example         = "wlan0 --handle 0x10000 --enable",
+         .arguments       = {kDevice, kParent, kHandle, kEnable},
+         .prepare         = flowControl<0>,
+         .mainlineRefusal = EINVAL},
+        {.path            = "flow change",
+         .what            = "Switch their flow control",
+         .example         = "wlan0 --handle 0x10000 --enable",
+         .arguments       = {kDevice, kParent, kHandle, kEnable},
+         .prepare         = flowControl<2>,
+         .mainlineRefusal = EINVAL},
+        {.path      = "flow del",
+         .what      = "Remove the platform's three bands",
+         .example   = "wlan0 --handle 0x10000",
+         .arguments = {kDevice, kParent, kHandle},
+         .prepare   = flowControl<1>,
+         .advice    = kNoQdisc},
+    };
+}

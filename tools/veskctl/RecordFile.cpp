@@ -1,0 +1,439 @@
+#include "RecordFile.h"
+
+#include "Text.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+#include <map>
+#include <string_view>
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr std::size_t kLargestFile   = 65536;
+constexpr std::uint32_t kSmallestSPI = 256; // those below are reserved
+constexpr std::uint32_t kCBC = 1, kCTR = 2;
+
+// A word for a code. Of an algorithm, also the lengths that its keys have, in bytes; of AES, the mode.
+struct Word {
+    const char* word;
+    std::vector<std::uint32_t> codes;
+    std::vector<std::size_t> keys = {};
+    std::uint32_t mode            = 0;
+};
+using Words = std::vector<Word>;
+
+const Words kProtocols = {{"ah", {kAH}}, {"esp", {kESP}}};
+const Words kModes     = {{"tunnel", {1}}, {"transport", {2}}};
+const Words kAESModes  = {{"cbc", {kCBC}}, {"ctr", {kCTR}}};
+const Words kCiphers   = {{"des-cbc", {9}, {8}},
+                          {"3des-cbc", {10}, {24}},
+                          {"aes-cbc", {12, 19}, {16, 24, 32}, kCBC},
+                          {"aes-ctr", {12, 19}, {20, 28, 36}, kCTR}};
+const Words kHashes    = {{"hmac-md5", {7}, {16}},     {"hmac-sha1", {5}, {20}},    {"hmac-sha256", {6}, {32}},
+                          {"hmac-sha384", {20}, {48}}, {"hmac-sha512", {21}, {64}}, {"aes-xcbc", {12}, {16}}};
+
+// "16, 24 or 32"
+template <typename Number>
+std::string either(const std::vector<Number>& numbers)
+{
+    std::string text;
+    for (std::size_t i = 0; i < numbers.size(); ++i)
+        text += (i == 0 ? "" : i + 1 == numbers.size() ? " or " : ", ") + std::to_string(numbers[i]);
+    return text;
+}
+
+// "ah (2), esp (3)"
+std::string listed(const Words& words)
+{
+    return joined(words, ", ",
+                  [](const Word& each) { return std::string(each.word) + " (" + either(each.codes) + ')'; });
+}
+
+// The word for a code in a mode; null when there is none.
+const Word* wordFor(const Words& words, std::uint32_t code, std::uint32_t mode)
+{
+    const auto found = std::find_if(words.begin(), words.end(), [&](const Word& each) {
+        return std::count(each.codes.begin(), each.codes.end(), code) != 0 && (each.mode == 0 || each.mode == mode);
+    });
+    return found == words.end() ? nullptr : &*found;
+}
+
+std::uint32_t modeOf(const Record& record)
+{
+    return record.aes_mode_valid != 0 ? record.aes_mode : kCBC;
+}
+
+const Word* cipherOf(const Record& record)
+{
+    return record.crypto_algo_valid != 0 ? wordFor(kCiphers, record.crypto_algo, modeOf(record)) : nullptr;
+}
+
+const Word* hashOf(const Record& record)
+{
+    return record.hash_algo_valid != 0 ? wordFor(kHashes, record.hash_algo, 0) : nullptr;
+}
+
+// The fields
+
+// A record that is being read.
+struct Reading {
+    Record& record;
+    std::uint32_t impliedMode = 0; // by a cipher's word
+};
+
+// What to write instead. The value is not shown: it may be a key.
+struct Wrong : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+using Setter = std::function<void(Reading&, std::string_view)>;
+
+bool parsed(std::string_view text, std::uint32_t& value)
+{
+    const bool digitsOfC = text.starts_with("0x");
+    if (!digitsOfC && text.size() > 1 && text[0] == '0') // octal, for some
+        return false;
+    const char *const first = text.data() + (digitsOfC ? 2 : 0), *const end = text.data() + text.size();
+    const auto [stop, error] = std::from_chars(first, end, value, digitsOfC ? 16 : 10);
+    return error == std::errc() && stop == end;
+}
+
+template <typename Value>
+Setter numberIn(std::uint8_t Record::*valid, Value Record::*field, std::uint32_t lowest, std::uint32_t highest)
+{
+    return [=](Reading& reading, std::string_view text) {
+        std::uint32_t value = 0;
+        if (!parsed(text, value) || value < lowest || value > highest)
+            throw Wrong("write a number from " + std::to_string(lowest) + " to " + std::to_string(highest) +
+                        ", decimal or with 0x");
+        reading.record.*field = static_cast<Value>(value);
+        reading.record.*valid = 1;
+    };
+}
+
+Setter wordIn(std::uint8_t Record::*valid, std::uint32_t Record::*field, const Words& words)
+{
+    return [=, &words](Reading& reading, std::string_view text) {
+        std::uint32_t code = 0;
+        const bool isCode  = parsed(text, code);
+        const auto found   = std::find_if(words.begin(), words.end(), [&](const Word& each) {
+            return isCode ? std::count(each.codes.begin(), each.codes.end(), code) != 0 : text == each.word;
+        });
+        if (found == words.end())
+            throw Wrong("write one of " + listed(words));
+        reading.record.*field = isCode ? code : found->codes[0];
+        reading.record.*valid = 1;
+        if (!isCode && found->mode != 0)
+            reading.impliedMode = found->mode;
+    };
+}
+
+Setter addressIn(std::uint8_t Record::*valid, tro_ip_addr_type_v01 Record::*field)
+{
+    return [=](Reading& reading, std::string_view given) {
+        tro_ip_addr_type_v01& address = reading.record.*field;
+        const std::string text(given);
+        in_addr v4 = {};
+        if (inet_pton(AF_INET, text.c_str(), &v4) == 1) {
+            const std::uint32_t word = ntohl(v4.s_addr); // the record keeps IPv4 addresses in host order
+            address.ip_type          = 4;
+            address.addr_len         = sizeof word;
+            std::memcpy(address.addr, &word, sizeof word);
+        } else if (inet_pton(AF_INET6, text.c_str(), address.addr) == 1) {
+            address.ip_type  = 6;
+            address.addr_len = sizeof address.addr;
+        } else {
+            throw Wrong("write an address, such as 192.0.2.1 or 2001:db8::1");
+        }
+        reading.record.*valid = 1;
+    };
+}
+
+template <std::size_t size>
+Setter keyIn(std::uint8_t Record::*valid, std::uint32_t Record::*length, std::uint8_t (Record::*field)[size])
+{
+    return [=](Reading& reading, std::string_view text) {
+        bool right = text.size() % 2 == 0 && text.size() / 2 <= size;
+        for (std::size_t i = 0; right && i < text.size() / 2; ++i) {
+            const char* const first = text.data() + 2 * i;
+            right = std::from_chars(first, first + 2, (reading.record.*field)[i], 16).ptr == first + 2;
+        }
+        if (!right)
+            throw Wrong("write whole bytes, two hexadecimal digits each");
+        reading.record.*length = static_cast<std::uint32_t>(text.size() / 2);
+        reading.record.*valid  = 1;
+    };
+}
+
+void setPort(Reading& reading, std::string_view text)
+{
+    numberIn(&Record::udp_encap_port_valid, &Record::udp_encap_port, 1, UINT16_MAX)(reading, text);
+    reading.record.udp_encap_port = htons(reading.record.udp_encap_port);
+}
+
+struct Field {
+    const char* name;
+    const char* meaning;
+    unsigned neededFor; // Purposes
+    std::uint8_t Record::*valid;
+    Setter set;
+    const Words* words = nullptr;
+};
+
+constexpr unsigned kIdentity = ForStates | ForRemoval | ForPolicies;
+constexpr unsigned kAlways   = kIdentity | ForMigration;
+
+#define FIELD(name, meaning, neededFor) #name, meaning, neededFor, &Record::name##_valid
+#define NUMBER(name, lowest, highest)   numberIn(&Record::name##_valid, &Record::name, lowest, highest)
+#define ADDRESS(name)                   addressIn(&Record::name##_valid, &Record::name)
+#define KEY(name)                       keyIn(&Record::name##_valid, &Record::name##_len, &Record::name)
+#define WORD(name, words)               wordIn(&Record::name##_valid, &Record::name, words), &words
+
+const std::vector<Field> kFields = {
+    {FIELD(spi_rx, "SPI of the incoming SA, from 256 on", kIdentity), NUMBER(spi_rx, kSmallestSPI, UINT32_MAX)},
+    {FIELD(spi_tx, "SPI of the outgoing SA, from 256 on", kIdentity), NUMBER(spi_tx, kSmallestSPI, UINT32_MAX)},
+    {FIELD(ipsec_protocol, "IPsec protocol; mainline kernels refuse SAs of AH", kAlways),
+     WORD(ipsec_protocol, kProtocols)},
+    {FIELD(encap_mode, "mode", ForStates | ForPolicies | ForMigration), WORD(encap_mode, kModes)},
+    {FIELD(remote_addr, "the peer's address, IPv4 or IPv6", kAlways), ADDRESS(remote_addr)},
+    {FIELD(local_addr, "this end's address, of the same family", kAlways), ADDRESS(local_addr)},
+    {FIELD(hash_algo, "integrity algorithm", ForStates), WORD(hash_algo, kHashes)},
+    {FIELD(crypto_algo, "cipher; AES by its code is in the mode of aes_mode", ForStates), WORD(crypto_algo, kCiphers)},
+    {FIELD(crypto_key_rx, "cipher key of the incoming SA, in hexadecimal", ForStates), KEY(crypto_key_rx)},
+    {FIELD(crypto_key_tx, "cipher key of the outgoing SA, in hexadecimal", ForStates), KEY(crypto_key_tx)},
+    {FIELD(udp_encap, "1: ESP goes in UDP, 0: it does not", 0), NUMBER(udp_encap, 0, 1)},
+    {FIELD(aes_mode, "mode of AES; cbc when missing", 0), WORD(aes_mode, kAESModes)},
+    {FIELD(udp_encap_port, "this end's UDP port; the peer's is 4500", 0), setPort},
+    {FIELD(hash_key_rx, "integrity key of the incoming SA, in hexadecimal", ForStates), KEY(hash_key_rx)},
+    {FIELD(hash_key_tx, "integrity key of the outgoing SA, in hexadecimal", ForStates), KEY(hash_key_tx)},
+};
+
+#undef FIELD
+#undef NUMBER
+#undef ADDRESS
+#undef KEY
+#undef WORD
+
+std::string nameOf(const Field& field)
+{
+    return field.name;
+}
+
+// The file
+
+// The text of a file, with keys: wiped at the end, and of one size, so that no copy is left behind.
+class Text {
+public:
+    Text() : text(kLargestFile, '\0') {}
+    ~Text() { explicit_bzero(text.data(), text.size()); }
+    Text(const Text&)            = delete;
+    Text& operator=(const Text&) = delete;
+
+    void read(const std::string& path)
+    {
+        const bool standardInput = path == "-" || path == "/dev/stdin";
+        const int descriptor     = standardInput ? STDIN_FILENO : open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        const std::string error  = descriptor < 0 ? unreadable() : readFrom(descriptor, standardInput);
+        if (!standardInput && descriptor >= 0)
+            close(descriptor);
+        if (!error.empty())
+            throw Refusal(path + ": " + error);
+    }
+    [[nodiscard]] std::string_view view() const { return {text.data(), size}; }
+
+private:
+    static std::string unreadable() { return std::string("cannot be read: ") + std::strerror(errno); }
+
+    // The file that is looked at is the one that is read. Only a file has a mode that says who else may read it.
+    std::string readFrom(int descriptor, bool standardInput)
+    {
+        struct stat about = {};
+        if (fstat(descriptor, &about) != 0)
+            return unreadable();
+        if (!standardInput && S_ISREG(about.st_mode) && (about.st_mode & (S_IRWXG | S_IRWXO)) != 0)
+            return "holds keys, but others may read it; chmod 600 it, or a copy";
+        ssize_t got = 0;
+        while ((got = ::read(descriptor, text.data() + size, text.size() - size)) > 0)
+            size += static_cast<std::size_t>(got);
+        if (got < 0)
+            return unreadable();
+        return size == text.size() ? "too long for a record" : "";
+    }
+
+    std::string text;
+    std::size_t size = 0;
+};
+
+std::string_view trimmed(std::string_view text)
+{
+    const std::size_t first = text.find_first_not_of(" \t\r");
+    return first == std::string_view::npos ? "" : text.substr(first, text.find_last_not_of(" \t\r") + 1 - first);
+}
+
+// All that is wrong with a file.
+class Problems {
+public:
+    explicit Problems(const std::string& path) : file(path == "-" ? "standard input" : path) {}
+
+    void add(const std::string& what, std::size_t line = 0)
+    {
+        all.push_back(file + (line != 0 ? ':' + std::to_string(line) : "") + ": " + what);
+    }
+    void report() const
+    {
+        if (!all.empty())
+            throw Refusal(joined(all, "\n"));
+    }
+
+private:
+    std::string file;
+    std::vector<std::string> all;
+};
+
+using Lines = std::map<std::string, std::size_t>; // where a name was given
+
+// What is no name of the record may be a key in the wrong place; only what reads like a name is shown.
+std::string unknown(std::string_view name)
+{
+    const bool wordLike =
+        name.size() <= 20 && name.find_first_not_of("abcdefghijklmnopqrstuvwxyz_") == std::string_view::npos;
+    return wordLike && !name.empty()
+               ? "unknown name: " + std::string(name) + "; one of " + joined(kFields, ", ", nameOf)
+               : "no line of the form \"name = value\"; veskctl record explain shows the names";
+}
+
+void readLine(std::string_view line, std::size_t number, Reading& reading, Lines& lines, Problems& problems)
+{
+    line = trimmed(line.substr(0, line.find_first_of(";#")));
+    if (line.empty())
+        return;
+    const std::size_t sign = line.find('=');
+    const auto name        = trimmed(line.substr(0, sign));
+    const auto field = std::find_if(kFields.begin(), kFields.end(), [&](const Field& f) { return name == f.name; });
+    if (sign == std::string_view::npos || field == kFields.end())
+        return problems.add(unknown(sign == std::string_view::npos ? "" : name), number);
+    const auto [given, first] = lines.emplace(field->name, number);
+    if (!first)
+        return problems.add(
+            std::string(name) + ": given in line " + std::to_string(given->second) + " too; write it once", number);
+    try {
+        field->set(reading, trimmed(line.substr(sign + 1)));
+    } catch (const Wrong& wrong) {
+        problems.add(std::string(name) + ": " + wrong.what(), number);
+    }
+}
+
+void checkKey(const char* name, const Word* algorithm, std::uint8_t valid, std::size_t length, const Lines& lines,
+              Problems& problems)
+{
+    if (algorithm != nullptr && valid != 0 && std::count(algorithm->keys.begin(), algorithm->keys.end(), length) == 0)
+        problems.add(std::string(name) + ": " + std::to_string(length) + " bytes; " + algorithm->word + " takes " +
+                         either(algorithm->keys),
+                     lines.at(name));
+}
+
+void check(const Record& r, Purpose purpose, const Lines& lines, Problems& problems)
+{
+    std::vector<std::string> missing;
+    for (const Field& field : kFields)
+        if ((field.neededFor & purpose) != 0 && !lines.contains(field.name))
+            missing.emplace_back(field.name);
+    if (r.udp_encap_valid != 0 && r.udp_encap != 0 && r.udp_encap_port_valid == 0)
+        missing.emplace_back("udp_encap_port"); // without it, ESP would go without UDP
+    if (r.udp_encap_port_valid != 0 && r.udp_encap_valid == 0)
+        missing.emplace_back("udp_encap");
+    if (!missing.empty())
+        problems.add("missing: " + joined(missing));
+
+    if (r.local_addr_valid != 0 && r.remote_addr_valid != 0 && r.local_addr.ip_type != r.remote_addr.ip_type)
+        problems.add("remote_addr: of another family than local_addr; write two IPv4 or two IPv6 addresses",
+                     lines.at("remote_addr"));
+    checkKey("crypto_key_rx", cipherOf(r), r.crypto_key_rx_valid, r.crypto_key_rx_len, lines, problems);
+    checkKey("crypto_key_tx", cipherOf(r), r.crypto_key_tx_valid, r.crypto_key_tx_len, lines, problems);
+    checkKey("hash_key_rx", hashOf(r), r.hash_key_rx_valid, r.hash_key_rx_len, lines, problems);
+    checkKey("hash_key_tx", hashOf(r), r.hash_key_tx_valid, r.hash_key_tx_len, lines, problems);
+}
+
+} // namespace
+
+void FileRecord::read(const std::string& path, Purpose purpose)
+{
+    Text text;
+    text.read(path);
+    Problems problems(path);
+    Reading reading = {*this};
+    Lines lines;
+    std::size_t number = 0;
+    for (std::string_view left = text.view(); !left.empty();) {
+        const std::string_view line = left.substr(0, left.find('\n'));
+        readLine(line, ++number, reading, lines, problems);
+        left.remove_prefix(std::min(line.size() + 1, left.size()));
+    }
+    if (reading.impliedMode != 0) {
+        if (aes_mode_valid != 0 && aes_mode != reading.impliedMode)
+            problems.add("aes_mode: not the mode that crypto_algo names; leave it out", lines.at("aes_mode"));
+        aes_mode       = reading.impliedMode;
+        aes_mode_valid = 1;
+    }
+    check(*this, purpose, lines, problems);
+    problems.report();
+}
+
+Json FileRecord::described() const
+{
+    return {{"protocol", wordFor(kProtocols, ipsec_protocol, 0)->word},
+            {"mode", wordFor(kModes, encap_mode, 0)->word},
+            {"local", addressText(local_addr)},
+            {"remote", addressText(remote_addr)},
+            {"spi_tx", spi_tx},
+            {"spi_rx", spi_rx},
+            {"cipher", cipherOf(*this)->word},
+            {"hash", hashOf(*this)->word},
+            {"udp", udp_encap_valid != 0 && udp_encap != 0}};
+}
+
+void FileRecord::forgetKeys()
+{
+    explicit_bzero(crypto_key_rx, sizeof crypto_key_rx);
+    explicit_bzero(crypto_key_tx, sizeof crypto_key_tx);
+    explicit_bzero(hash_key_rx, sizeof hash_key_rx);
+    explicit_bzero(hash_key_tx, sizeof hash_key_tx);
+}
+
+std::string addressText(const tro_ip_addr_type_v01& address)
+{
+    if (address.ip_type != 4)
+        return addressText(address.addr, sizeof address.addr);
+    std::uint32_t word = 0;
+    std::memcpy(&word, address.addr, sizeof word);
+    word = htonl(word);
+    return addressText(&word, sizeof word);
+}
+
+void explainRecord(Answer& answer)
+{
+    const auto padded = [](std::string text, std::size_t width) {
+        text.resize(std::max(text.size(), width), ' ');
+        return text;
+    };
+    for (const Field& field : kFields) {
+        Json entry = {{"name", field.name}, {"meaning", field.meaning}};
+        answer.text += bold(padded(field.name, 17)) + field.meaning + '\n';
+        for (const Word& each : field.words != nullptr ? *field.words : Words()) {
+            const std::string word  = std::string(19, ' ') + each.word + " (" + either(each.codes) + ')';
+            const char* const nonce = each.mode == kCTR ? ", 4 nonce" : "";
+            answer.text +=
+                each.keys.empty() ? word : padded(word, 38) + "key of " + either(each.keys) + " bytes" + nonce;
+            answer.text += '\n';
+            entry["words"].push_back({{"word", each.word}, {"codes", each.codes}, {"key_bytes", each.keys}});
+        }
+        answer.findings["fields"].push_back(entry);
+    }
+}

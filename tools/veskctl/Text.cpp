@@ -1,0 +1,61 @@
+#include "Text.h"
+
+#include <cstdlib>
+#include <cstring>
+
+#include <arpa/inet.h>
+#include <unistd.h>
+
+std::string hexadecimal(std::uint64_t value)
+{
+    constexpr const char* figures = "0123456789abcdef";
+    std::string text;
+    do
+        text.insert(text.begin(), figures[value % 16]);
+    while ((value /= 16) != 0);
+    return "0x" + text;
+}
+
+std::string digits(const unsigned char* bytes, std::size_t size)
+{
+    constexpr const char* figures = "0123456789abcdef";
+    std::string text;
+    for (std::size_t i = 0; i < size; ++i) {
+        if (i != 0 && i % 4 == 0)
+            text += ' ';
+        text += {figures[bytes[i] / 16], figures[bytes[i] % 16]};
+    }
+    return text;
+}
+
+std::string addressText(const void* bytes, std::size_t size)
+{
+    char text[INET6_ADDRSTRLEN] = {};
+    const int family            = size == sizeof(in_addr) ? AF_INET : size == sizeof(in6_addr) ? AF_INET6 : AF_UNSPEC;
+    if (inet_ntop(family, bytes, text, sizeof text) == nullptr)
+        return digits(static_cast<const unsigned char*>(bytes), size);
+    return text;
+}
+
+namespace {
+
+std::string painted(const char* code, const std::string& text)
+{
+    const char* const unwanted = std::getenv("NO_COLOR");
+    const char* const terminal = std::getenv("TERM");
+    const bool plain           = isatty(STDOUT_FILENO) == 0 || (unwanted != nullptr && *unwanted != '\0') ||
+                       (terminal != nullptr && std::strcmp(terminal, "dumb") == 0);
+    return plain || text.empty() ? text : std::string("\x1b[") + code + 'm' + text + "\x1b[0m";
+}
+
+} // namespace
+
+std::string bold(const std::string& text)
+{
+    return painted("1", text);
+}
+
+std::string faint(const std::string& text)
+{
+    return painted("2", text);
+}

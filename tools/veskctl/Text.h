@@ -1,0 +1,33 @@
+// How words, numbers and lines are shown.
+#ifndef VESKCTL_TEXT_H
+#define VESKCTL_TEXT_H
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <string>
+
+// "add, del, list": the texts of what there is.
+template <typename Range, typename TextOf = std::identity>
+std::string joined(const Range& all, const char* between = ", ", const TextOf& textOf = {})
+{
+    std::string text;
+    for (const auto& each : all)
+        text += (text.empty() ? "" : between) + textOf(each);
+    return text;
+}
+
+// "0x1001"
+std::string hexadecimal(std::uint64_t value);
+
+// Two digits a byte, a space after every fourth.
+std::string digits(const unsigned char* bytes, std::size_t size);
+
+// IPv4 of 4 bytes, IPv6 of 16; digits of any other number.
+std::string addressText(const void* bytes, std::size_t size);
+
+// Bold or faint when standard output is a terminal that is to have colours; else the text as it is.
+std::string bold(const std::string& text);
+std::string faint(const std::string& text);
+
+#endif
