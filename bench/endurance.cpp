@@ -3,8 +3,8 @@
 //     endurance load [ROUNDS]    eight threads, so many rounds each, in a network of their own; takes root
 //     endurance soak [ROUNDS]
 //
-// Ends with 0 when no operation failed, no descriptor stayed and, after a warm-up, memory did not grow; with 77 without the
-// right to a network. Sanitizers keep memory of their own, so it is not judged under them.
+// Ends with 0 when no operation failed, no descriptor stayed and, after a warm-up, memory did not grow; with 77 without
+// the right to a network. Sanitizers keep memory of their own, so it is not judged under them.
 
 #include <AnyOperation.h>
 #include <Expectations.h>

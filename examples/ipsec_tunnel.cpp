@@ -6,8 +6,8 @@
 // The library installs the tunnel at both ends. Ping crosses it; a capture of the link shows what really crossed. Then
 // the handset's address changes, and the tunnel moves with it while ping goes on.
 //
-// Needs root, iproute2, ping, tcpdump and /etc/protocols; `./dev demo` gives it a kernel to throw away. Ends with 1 when anything is not
-// as it says.
+// Needs root, iproute2, ping, tcpdump and /etc/protocols; `./dev demo` gives it a kernel to throw away. Ends with 1
+// when anything is not as it says.
 
 #include <vesk/netlink.h>
 
@@ -77,8 +77,8 @@ bool contains(const std::string& text, const std::string& piece)
     return text.find(piece) != std::string::npos;
 }
 
-// A network namespace. Sockets belong to the namespace that their thread is in when it opens them, so that a call of the
-// library changes the host that it is made at.
+// A network namespace. Sockets belong to the namespace that their thread is in when it opens them, so that a call of
+// the library changes the host that it is made at.
 class Host {
 public:
     explicit Host(std::string given) : name(std::move(given))
