@@ -326,9 +326,13 @@ Job labelsJob(int over)
 const std::vector<Job>& jobs()
 {
     static const auto all = [] {
-        std::vector<Job> made{policyJob(),      labelJob(),     gatewayJob(),   ruleJob(16),
-                              ruleJob(1000),    ruleJob(10000), labelsJob(10),  labelsJob(1000),
-                              labelsJob(10000), statesJob(10),  statesJob(1000)};
+        std::vector<Job> made{policyJob(), labelJob(), gatewayJob()};
+        for (int among : {16, 100, 1000, 3000, 10000})
+            made.push_back(ruleJob(among));
+        for (int over : {10, 100, 1000, 3000, 10000})
+            made.push_back(labelsJob(over));
+        for (int among : {10, 100, 300, 1000})
+            made.push_back(statesJob(among));
         for (Job& job : made)
             for (Step& step : job.steps)
                 for (Ask& ask : step.asks)

@@ -7,11 +7,12 @@
 //     libnl      the same
 //     ip         the program, a process for each request
 //
-// Run as root, in a network of its own. Each job checks that the kernel really did or answered what was asked. Ratios are
-// taken pair by pair, the floor and the other in alternation. Beside the times stand this library's instructions in user
-// space (callgrind), calls of operator new and system calls (strace) for one time.
+// Run as root, in a network of its own. Each job checks that the kernel really did or answered what was asked. Ratios
+// are taken pair by pair, the floor and the other in alternation. Beside the times stand this library's instructions in
+// user space (callgrind), calls of operator new and system calls (strace) for one time.
 //
-//     bench [--benchmark_filter=…]    the table
+//     bench [--benchmark_filter=…]    a line for each job and column: job, column, floor in us, the ratio's median
+//                                     and quartiles, instructions, allocations, system calls
 //     bench --times N JOB             only runs the library's part of a job, in the network as it is: what is counted
 
 #include "Columns.h"
@@ -22,8 +23,6 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <iterator>
-#include <map>
 #include <new>
 
 #include <benchmark/benchmark.h>
@@ -119,8 +118,8 @@ std::function<void()> onceOf(const Job& job, const Column& column)
     };
 }
 
-// The number that `program`, run over this program, prints, for each of `times` that a job is done: the difference between
-// a run of many and one of few.
+// The number that `program`, run over this program, prints, for each of `times` that a job is done: the difference
+// between a run of many and one of few.
 double countedBy(const std::string& program, const Job& job)
 {
     const auto count = [&](int times) {
@@ -168,7 +167,7 @@ try {
     }
     std::sort(ratios.begin(), ratios.end());
     std::sort(floors.begin(), floors.end());
-    state.counters["floor"] = floors[floors.size() / 2];
+    state.counters["floor"] = 1e6 * floors[floors.size() / 2];
     state.counters["ratio"] = ratios[ratios.size() / 2];
     state.counters["low"]   = ratios[ratios.size() / 4];
     state.counters["high"]  = ratios[ratios.size() * 3 / 4];
@@ -184,21 +183,10 @@ try {
     state.SkipWithError(error.what());
 }
 
-// A row for each job, printed when all its columns are there.
-class MarkdownTable : public benchmark::BenchmarkReporter {
+// A line for each job and column, as soon as it is measured: their names and the counters.
+class Lines : public benchmark::BenchmarkReporter {
 public:
-    bool ReportContext(const Context&) override
-    {
-        std::string head = "| job | floor", rule = "|---|---";
-        for (const Column& column : kColumns) {
-            head += std::string(" | ") + column.name;
-            rule += "|---";
-        }
-        std::printf(
-            "%s | of libmnl | of libnl | instructions | allocations | system calls |\n%s|---|---|---|---|---|\n",
-            head.c_str(), rule.c_str());
-        return true;
-    }
+    bool ReportContext(const Context&) override { return true; }
 
     void ReportRuns(const std::vector<Run>& runs) override
     {
@@ -208,32 +196,21 @@ public:
                 ++failures;
                 continue;
             }
-            const std::string& label     = run.run_name.function_name;
-            const std::size_t slash      = label.find('/');
-            row[label.substr(slash + 1)] = run.counters;
-            if (row.size() == std::size(kColumns))
-                print(label.substr(0, slash));
+            std::string names      = run.run_name.function_name;
+            names[names.find('/')] = '\t';
+            std::printf("%s", names.c_str());
+            for (const char* name : {"floor", "ratio", "low", "high", "instructions", "allocations", "calls"}) {
+                const auto counter = run.counters.find(name);
+                if (counter == run.counters.end())
+                    std::printf("\t-");
+                else
+                    std::printf("\t%.6g", counter->second.value);
+            }
+            std::puts("");
         }
     }
 
     int failures = 0;
-
-private:
-    void print(const std::string& job)
-    {
-        const auto value = [this](const char* column, const char* counter) { return row[column][counter].value; };
-        std::printf("| %s | %.1f us", job.c_str(), 1e6 * value("library", "floor"));
-        for (const auto& [name, rounds, via] : kColumns)
-            std::printf(" | %.2f (%.2f-%.2f)", value(name, "ratio"), value(name, "low"), value(name, "high"));
-        for (const char* column : {"libmnl", "libnl"})
-            std::printf(" | %.2f", value("library", "ratio") / value(column, "ratio"));
-        for (const char* counter : {"instructions", "allocations", "calls"})
-            std::printf(" | %.0f", value("library", counter));
-        std::puts(" |");
-        row.clear();
-    }
-
-    std::map<std::string, benchmark::UserCounters> row;
 };
 
 } // namespace
@@ -265,9 +242,9 @@ try {
             benchmark::RegisterBenchmark((job.name + '/' + column.name).c_str(), measure, std::cref(job), column)
                 ->UseManualTime()
                 ->Iterations(column.rounds);
-    MarkdownTable table;
-    benchmark::RunSpecifiedBenchmarks(&table);
-    return table.failures == 0 ? 0 : 1;
+    Lines lines;
+    benchmark::RunSpecifiedBenchmarks(&lines);
+    return lines.failures == 0 ? 0 : 1;
 } catch (const std::exception& error) {
     std::fprintf(stderr, "bench: %s\n", error.what());
     return 1;
