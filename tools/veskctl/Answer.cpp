@@ -90,7 +90,7 @@ int flushed(Status status)
 }
 
 // Text that is no UTF-8, a device's name perhaps, is shown as far as it goes.
-void put(const Json& json)
+void putJson(const Json& json)
 {
     std::puts(json.dump(-1, ' ', false, Json::error_handler_t::replace).c_str());
 }
@@ -168,7 +168,7 @@ int print(const Answer& answer, bool json, int logLevel)
             all["message"] = answer.note.empty() ? refused : answer.note;
         if (answer.status != Done)
             all["failures"] = failures;
-        put(all);
+        putJson(all);
         return flushed(answer.status);
     }
 
@@ -186,7 +186,7 @@ int print(const Answer& answer, bool json, int logLevel)
 int print(const Refusal& refusal, bool json)
 {
     if (json)
-        put({{"status", refusal.status}, {"message", refusal.what()}});
+        putJson({{"status", refusal.status}, {"message", refusal.what()}});
     else
         complain(refusal.what());
     return flushed(refusal.status);

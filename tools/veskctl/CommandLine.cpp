@@ -61,7 +61,7 @@ const CLI::App* deepest(const CLI::App& app)
     return at;
 }
 
-std::string nameOf(const CLI::App* app)
+std::string commandName(const CLI::App* app)
 {
     return app->get_name();
 }
@@ -147,12 +147,12 @@ std::string CommandLine::mistake(const CLI::ParseError& error) const
         at = at->get_subcommands().back();
 
     if (left.empty() && !known.empty())
-        return path + " which? One of " + joined(known, ", ", nameOf);
+        return path + " which? One of " + joined(known, ", ", commandName);
     if (left.empty())
         return std::string(error.what()) + "; " + path + " --help says more";
     if (!left[0].starts_with('-'))
         return known.empty() ? "one word too many: " + left[0] + "; " + path + " --help shows what it takes"
-                             : "unknown command: " + left[0] + "; one of " + joined(known, ", ", nameOf);
+                             : "unknown command: " + left[0] + "; one of " + joined(known, ", ", commandName);
     std::set<std::string> options;
     for (const CLI::App* at : {app, &root})
         for (const CLI::Option* each : at->get_options([](const CLI::Option* o) { return o->nonpositional(); }))

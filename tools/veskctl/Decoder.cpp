@@ -43,14 +43,14 @@ enum class Kind {
 
 struct Structure;
 struct Attribute;
-using Attributes = std::vector<Attribute>;
+using KnownAttributes = std::vector<Attribute>;
 
 // How bytes are read: as a value, whose numbers may have names; as a structure; as attributes.
 struct Format {
-    Kind kind                    = Kind::Number;
-    const Names* names           = nullptr;
-    const Structure* structure   = nullptr;
-    const Attributes* attributes = nullptr;
+    Kind kind                         = Kind::Number;
+    const Names* names                = nullptr;
+    const Structure* structure        = nullptr;
+    const KnownAttributes* attributes = nullptr;
 };
 
 struct Field {
@@ -77,7 +77,7 @@ struct Message {
     unsigned int type;
     const char* name;
     const Structure* payload;
-    const Attributes* attributes;
+    const KnownAttributes* attributes;
 };
 
 Field field(const char* name, std::size_t offset, std::size_t size, const Format& format = {})
@@ -195,30 +195,30 @@ const Structure kEncap  = STRUCTURE(xfrm_encap_tmpl, AT(encap_type, named(kEncap
                                     AT(encap_dport, kBig), AT(encap_oa, kAddress));
 const Structure kReplay = STRUCTURE(xfrm_replay_state, AT(oseq), AT(seq), AT(bitmap, kHex));
 
-const Attributes kOfFamilies  = {ATTRIBUTE(CTRL_ATTR_FAMILY_NAME, kText)};
-const Attributes kOfAddresses = {ATTRIBUTE(IFA_LOCAL, kAddress), ATTRIBUTE(IFA_CACHEINFO, made(kLifetimes))};
-const Attributes kOfLinks     = {ATTRIBUTE(IFLA_GSO_MAX_SIZE)};
-const Attributes kOfMetrics   = {ATTRIBUTE(RTAX_ADVMSS)};
-const Attributes kOfRoutes    = {ATTRIBUTE(RTA_TABLE),
-                                 ATTRIBUTE(RTA_DST, kAddress),
-                                 ATTRIBUTE(RTA_OIF),
-                                 ATTRIBUTE(RTA_GATEWAY, kAddress),
-                                 ATTRIBUTE(RTA_METRICS, {Kind::Number, nullptr, nullptr, &kOfMetrics}),
-                                 ATTRIBUTE(RTA_PRIORITY),
-                                 ATTRIBUTE(RTA_MARK, kHex)};
-const Attributes kOfPrio      = {{2, "prio_options", made(kPrio)}};
-const Attributes kOfQdiscs    = {ATTRIBUTE(TCA_KIND, kText),
-                                 ATTRIBUTE(TCA_OPTIONS, {Kind::Number, nullptr, nullptr, &kOfPrio})};
-const Attributes kOfLabels    = {ATTRIBUTE(IFAL_LABEL), ATTRIBUTE(IFAL_ADDRESS, kAddress)};
-const Attributes kOfIPsec     = {ATTRIBUTE(XFRMA_ALG_CRYPT, made(kCipher), true),
-                                 ATTRIBUTE(XFRMA_ALG_AUTH_TRUNC, made(kHash), true),
-                                 ATTRIBUTE(XFRMA_ENCAP, made(kEncap)),
-                                 ATTRIBUTE(XFRMA_SET_MARK, kHex),
-                                 ATTRIBUTE(XFRMA_SET_MARK_MASK, kHex),
-                                 ATTRIBUTE(XFRMA_SRCADDR, kAddress),
-                                 ATTRIBUTE(XFRMA_REPLAY_VAL, made(kReplay)),
-                                 ATTRIBUTE(XFRMA_TMPL, made(kTemplate)),
-                                 ATTRIBUTE(XFRMA_MIGRATE, made(kMigrate))};
+const KnownAttributes kOfFamilies  = {ATTRIBUTE(CTRL_ATTR_FAMILY_NAME, kText)};
+const KnownAttributes kOfAddresses = {ATTRIBUTE(IFA_LOCAL, kAddress), ATTRIBUTE(IFA_CACHEINFO, made(kLifetimes))};
+const KnownAttributes kOfLinks     = {ATTRIBUTE(IFLA_GSO_MAX_SIZE)};
+const KnownAttributes kOfMetrics   = {ATTRIBUTE(RTAX_ADVMSS)};
+const KnownAttributes kOfRoutes    = {ATTRIBUTE(RTA_TABLE),
+                                      ATTRIBUTE(RTA_DST, kAddress),
+                                      ATTRIBUTE(RTA_OIF),
+                                      ATTRIBUTE(RTA_GATEWAY, kAddress),
+                                      ATTRIBUTE(RTA_METRICS, {Kind::Number, nullptr, nullptr, &kOfMetrics}),
+                                      ATTRIBUTE(RTA_PRIORITY),
+                                      ATTRIBUTE(RTA_MARK, kHex)};
+const KnownAttributes kOfPrio      = {{2, "prio_options", made(kPrio)}};
+const KnownAttributes kOfQdiscs    = {ATTRIBUTE(TCA_KIND, kText),
+                                      ATTRIBUTE(TCA_OPTIONS, {Kind::Number, nullptr, nullptr, &kOfPrio})};
+const KnownAttributes kOfLabels    = {ATTRIBUTE(IFAL_LABEL), ATTRIBUTE(IFAL_ADDRESS, kAddress)};
+const KnownAttributes kOfIPsec     = {ATTRIBUTE(XFRMA_ALG_CRYPT, made(kCipher), true),
+                                      ATTRIBUTE(XFRMA_ALG_AUTH_TRUNC, made(kHash), true),
+                                      ATTRIBUTE(XFRMA_ENCAP, made(kEncap)),
+                                      ATTRIBUTE(XFRMA_SET_MARK, kHex),
+                                      ATTRIBUTE(XFRMA_SET_MARK_MASK, kHex),
+                                      ATTRIBUTE(XFRMA_SRCADDR, kAddress),
+                                      ATTRIBUTE(XFRMA_REPLAY_VAL, made(kReplay)),
+                                      ATTRIBUTE(XFRMA_TMPL, made(kTemplate)),
+                                      ATTRIBUTE(XFRMA_MIGRATE, made(kMigrate))};
 
 const Message kMessages[] = {
     {NETLINK_GENERIC, MESSAGE(GENL_ID_CTRL), &kGeneric, &kOfFamilies},
@@ -295,7 +295,7 @@ public:
         fields[2].text          = flagText(flags, name.find("_GET") != std::string::npos ? kGetFlags : kHeaderFlags);
         if (isKnown && known->payload != nullptr)
             structure(known->payload->name, "", *known->payload);
-        attributes(isKnown && known->attributes != nullptr ? *known->attributes : Attributes(), datagram.size());
+        attributes(isKnown && known->attributes != nullptr ? *known->attributes : KnownAttributes(), datagram.size());
         return fields;
     }
 
@@ -388,7 +388,7 @@ private:
         addPadding(part, prefix, start + s.size);
     }
 
-    void attributes(const Attributes& known, std::size_t end)
+    void attributes(const KnownAttributes& known, std::size_t end)
     {
         while (at + NLA_HDRLEN <= end) {
             nlattr header;

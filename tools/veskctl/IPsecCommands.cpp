@@ -178,11 +178,11 @@ const Argument kRecord     = {"record", "FILE", "File with the record; - for sta
 const Argument kOutputMark = {"--mark", "NUMBER", "Output mark of TX", &Arguments::mark};
 const Argument kOutputMask = {"--mask", "NUMBER", "Its mask; all bits when not given", &Arguments::mask};
 const Argument kTechnology = {"--technology", "NUMBER", "The modem's number of the technology", &Arguments::technology};
-const Argument kSource     = {"source", "PREFIX", "Selector, or \"\"", &Arguments::source};
-const Argument kDestination = {"destination", "PREFIX", "Selector, or \"\"", &Arguments::destination};
-const Argument kProtocol    = {"--protocol", "NUMBER", "IP protocol; any when not given", &Arguments::protocol};
-const Argument kInbound     = {"--in", "", "The in and fwd policies, instead of the out policy", &Arguments::inbound};
-const Argument kDirection   = {"direction", "{in,out,fwd}", "Direction", &Arguments::direction};
+const Argument kFrom       = {"source", "PREFIX", "Selector, or \"\"", &Arguments::source};
+const Argument kTo         = {"destination", "PREFIX", "Selector, or \"\"", &Arguments::destination};
+const Argument kProtocol   = {"--protocol", "NUMBER", "IP protocol; any when not given", &Arguments::protocol};
+const Argument kInbound    = {"--in", "", "The in and fwd policies, instead of the out policy", &Arguments::inbound};
+const Argument kDirection  = {"direction", "{in,out,fwd}", "Direction", &Arguments::direction};
 
 const Advice kNoPolicy = {ENOENT, "no policy has this selector, protocol and direction" + kSeePolicies};
 
@@ -225,14 +225,14 @@ std::vector<Command> ipsecCommands()
         {.path      = "policy add",
          .what      = "Install the policies of one side",
          .example   = "handset.ini 10.0.0.0/16 10.1.0.0/16",
-         .arguments = {kRecord, kSource, kDestination, kInbound, kProtocol},
+         .arguments = {kRecord, kFrom, kTo, kInbound, kProtocol},
          .prepare   = addPolicies,
          .notes     = "With --in, the peer's prefix is the source.",
          .advice    = {exists}},
         {.path      = "policy remove",
          .what      = "Remove the policies of one side",
          .example   = "10.0.0.0/16 10.1.0.0/16",
-         .arguments = {kSource, kDestination, kInbound, kProtocol},
+         .arguments = {kFrom, kTo, kInbound, kProtocol},
          .prepare   = removePolicies,
          .advice    = {kNoPolicy}},
         {.path = "policy list", .what = "All policies", .prepare = policyList, .unanswered = listIsThere},

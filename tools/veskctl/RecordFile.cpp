@@ -221,7 +221,7 @@ const std::vector<Field> kFields = {
 #undef KEY
 #undef WORD
 
-std::string nameOf(const Field& field)
+std::string fieldName(const Field& field)
 {
     return field.name;
 }
@@ -305,7 +305,7 @@ std::string unknown(std::string_view name)
     const bool wordLike =
         name.size() <= 20 && name.find_first_not_of("abcdefghijklmnopqrstuvwxyz_") == std::string_view::npos;
     return wordLike && !name.empty()
-               ? "unknown name: " + std::string(name) + "; one of " + joined(kFields, ", ", nameOf)
+               ? "unknown name: " + std::string(name) + "; one of " + joined(kFields, ", ", fieldName)
                : "no line of the form \"name = value\"; veskctl record explain shows the names";
 }
 
