@@ -7,8 +7,9 @@
  * fills the record; the library only reads it and keeps no reference to it after a call.
  *
  * Each optional field follows a one-byte flag of the same name with the suffix `_valid`; non-zero means that the
- * field holds a value. Finding SAs again (to remove or update them) and migration compare the values of SPIs, addresses
- * and protocol whatever their flags say. Fields that the library never reads are not declared.
+ * field holds a value. Finding SAs again (to remove or update them) compares SPIs, addresses and protocol whatever
+ * their flags say; so does a migration with mode, protocol and the peer's address, and it sends addresses and protocol
+ * so. Fields that the library never reads are not declared.
  */
 #ifndef VESK_IPSEC_SA_RECORD_H
 #define VESK_IPSEC_SA_RECORD_H

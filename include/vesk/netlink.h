@@ -126,7 +126,7 @@ public:
      * Appends an attribute, padded with zeros to a multiple of 4 bytes.
      * @param type  `nla_type`, with its flag bits; only the header of one with NLA_F_NESTED is sent
      * @param len   bytes of the value; a negative one is skipped without a word, one above 65,531 does not fit the
-     *              attribute's length field and makes the send fail
+     *              attribute's length field and makes the send fail, one of 2^31 - 7 and more ends the process
      * @param data  `len` bytes, not read when `len` is 0
      */
     void addNLAttribute(int type, int len, void* data) noexcept;
@@ -203,7 +203,7 @@ public:
     /**
      * Logs the text of an extended acknowledgement, where the library's rule for its place finds it: the walk over the
      * attributes starts 12 bytes before their place, inside the echo of the request. An attribute that begins inside
-     * the echo of an SA's request, on an object for NETLINK_XFRM, is not logged.
+     * the echoed payload of an SA's request, on an object for NETLINK_XFRM, is not logged.
      *
      * A message that says NLM_F_ACK_TLVS ends the process when it is shorter than 24 bytes, when the padding of its
      * last attribute is missing, and, without NLM_F_CAPPED, when the length in the echoed header is below 16 or above
@@ -212,9 +212,9 @@ public:
      */
     void extack(nlmsghdr* msg) noexcept;
 
-    /// @return the error of the last NLMSG_ERROR that failed an exchange, a negative errno; 0 before there was one. A
-    /// later success does not reset it, but a query that fails because it met an NLMSG_ERROR with error 0 does. The
-    /// status of a dump's end is not kept.
+    /// @return the error of the last whole NLMSG_ERROR that failed an exchange, a negative errno; 0 before there was
+    /// one. A later success does not reset it, but a query that fails because it met an NLMSG_ERROR with error 0 does.
+    /// The status of a dump's end is not kept.
     int getKernelError() noexcept;
 
     /// Stores the arguments of `messageQuery()`.
@@ -315,7 +315,7 @@ private:
  * | CTRL_ATTR_FAMILY_NAME | `name` and its NUL |
  *
  * Mainline answers with CTRL_ATTR_FAMILY_ID, with ENOENT for an unknown name, or with EINVAL for one of 16 and more
- * characters. It reads a name up to a NUL inside it, if there are 15 characters at most in all. Logs "Netlink query
+ * characters, ERANGE where a NUL is among the first 16. A shorter name it reads up to a NUL inside. Logs "Netlink query
  * failed" after the reason.
  * @param name     the family's name, such as "nlctrl"
  * @param version  `genlmsghdr.version`
@@ -650,8 +650,8 @@ VESK_EXPORT int addrlabelPurge(sockaddr_storage* address, unsigned int prefixLen
  * | XFRMA_ALG_CRYPT      | name and key of the cipher |
  * | XFRMA_ALG_AUTH_TRUNC | name, truncation and key of the hash |
  * | XFRMA_ENCAP          | UDP ports, when the record asks for it and has a port |
- * | XFRMA_SET_MARK       | TX: `mark` and 0x20000; RX: 0x20002, for one technology only |
- * | XFRMA_SET_MARK_MASK  | TX: `mask` and 0x20000 |
+ * | XFRMA_SET_MARK       | TX: `mark`, with bit 0x20000 set; RX: 0x20002, for one technology only |
+ * | XFRMA_SET_MARK_MASK  | TX: `mask`, with bit 0x20000 set |
  *
  * Mainline answers 0, EEXIST, or, for example, EINVAL for a key whose length does not fit its algorithm, and for AH,
  * which takes no cipher there. RX's fields are looked at after TX is installed: when they are refused, or RX fails, TX
@@ -696,8 +696,8 @@ VESK_EXPORT int addXFRMStates(tro_ipsec_static_sa_config_ex_info_ind_msg_v01& re
  * or failed RX update, and a failed TX counter update are logged only, so that the result may be 0 then. Nothing is
  * rolled back.
  *
- * Logs "failed to query XFRM"; what `addXFRMStates` logs, and then "updating TX (RX) XFRM state failed"; "updating
- * sequence TX (RX) failed".
+ * Logs "failed to query XFRM"; the step that refuses an SA, or "sending XFRM state failed", and then "updating TX (RX)
+ * XFRM state failed"; "sending XFRM state failed" and then "updating sequence TX (RX) failed".
  * @return the result of the TX update when that fails, else that of the RX counter update: 0 or -1
  */
 VESK_EXPORT int updateXFRMStates(tro_ipsec_static_sa_config_ex_info_ind_msg_v01& record,
@@ -737,10 +737,11 @@ VESK_EXPORT int removeXFRMStates(tro_ipsec_static_sa_config_ex_info_ind_msg_v01&
  * Works on mainline; a second addition is EEXIST. When fwd fails, in stays installed. Logs the step that refuses
  * selector or record and then "setting policy ... failed", or "sending XFRM policy failed" after the reason.
  *
- * The prefix is not checked, and its low 8 bits are sent: "/300" is 44, and "/256", "/x" and "/" are 0, which selects
- * everything. A text is cut at 63 characters. With two addresses of different families the destination's goes out for
- * both. Of the record's addresses one of unknown type is logged and sent as zeros, and two of different families go out
- * under the source's: kernels install that.
+ * The prefix is not checked, and its low 8 bits are sent: "/300" is 44, which mainline refuses for IPv4 (EINVAL), and
+ * "/256", "/x" and "/" are 0, which selects everything. A text is cut at 63 characters. With two addresses of different
+ * families the destination's goes out for both. Of the record's addresses one of unknown type is logged and sent as
+ * zeros, and two of different families go out under the source's: mainline installs that, in transport mode only where
+ * the source's family is the selector's (or else EINVAL).
  * @param record       the SAs that the traffic shall use
  * @param source       source of the selector, "address" or "address/prefix" (decimal, 0x.. or octal 0..), or empty
  * @param destination  destination of the selector, likewise; not both may be empty
@@ -800,11 +801,12 @@ VESK_EXPORT int removeXFRMPolicyEx(unsigned char direction) noexcept;
  * | XFRMA_MIGRATE        | old and new addresses, protocol, mode, any reqid, old and new family |
  * | XFRMA_ENCAP          | UDP ports, when the new record asks for it |
  *
- * Works on mainline; ENOENT when there is no such policy. SAs that have UDP encapsulation keep it, with their ports,
- * when they are moved to a record without, so also when they are moved back to one. Two addresses of different families
- * are not refused: they go out under that of the local one. Logs "XFRM mode (protocol) has changed", "remote address
- * has changed", the step that refuses a record, or "sending XFRM migration failed" after the reason; then which
- * direction failed, and whether moving back did too.
+ * Works on mainline; ENOENT when there is no such policy. SAs that have UDP encapsulation and are moved to a record
+ * without, or moved back to one, keep it, with their ports, on kernels up to 6.12; on 7.2 they lose it. Two addresses
+ * of different families are not refused: they go out under that of the local one. A new local address of unknown type
+ * is sent as zeros (ENODATA). Logs "XFRM mode (protocol) has changed", "remote address has changed", the step that
+ * refuses a record, or "sending XFRM migration failed" after the reason; then which direction failed, and whether
+ * moving back did too.
  * @param oldRecord       the record as it was installed
  * @param newRecord       the record as it is now; mode, protocol and peer must be the same
  * @param localSelector   this end's selector, as given to `addXFRMPolicies`
