@@ -145,6 +145,21 @@ void addMark(Json& entry, const Attributes& attributes)
 {
     if (const auto* const mark = attributes.as<xfrm_mark>(XFRMA_MARK))
         entry.update({{"mark", mark->v}, {"mask", mark->m}});
+    if (const auto id = attributes.number(XFRMA_IF_ID))
+        entry["if_id"] = *id;
+}
+
+// What a selector asks for beside its two prefixes.
+void addSelected(Json& entry, const xfrm_selector& sel)
+{
+    if (sel.proto != 0)
+        entry["ip_protocol"] = sel.proto;
+    if (sel.sport_mask != 0)
+        entry["source_port"] = ntohs(sel.sport);
+    if (sel.dport_mask != 0)
+        entry["destination_port"] = ntohs(sel.dport);
+    if (sel.ifindex != 0)
+        entry["device"] = deviceName(static_cast<unsigned int>(sel.ifindex));
 }
 
 // When it was added and, if ever, used.
@@ -162,6 +177,12 @@ Json entryOf(const xfrm_usersa_info& state, const Attributes& attributes)
                   {"source", textOf(state.saddr, state.family)},
                   {"destination", textOf(state.id.daddr, state.family)},
                   {"spi", ntohl(state.id.spi)}};
+    if (state.reqid != 0)
+        entry["reqid"] = state.reqid;
+    if (state.sel.prefixlen_s != 0 || state.sel.prefixlen_d != 0)
+        entry.update({{"selected_source", selected(state.sel.saddr, state.sel.prefixlen_s, state.family)},
+                      {"selected_destination", selected(state.sel.daddr, state.sel.prefixlen_d, state.family)}});
+    addSelected(entry, state.sel);
     if (const auto* const cipher = attributes.as<xfrm_algo>(XFRMA_ALG_CRYPT))
         entry.update({{"cipher", attributes.text(XFRMA_ALG_CRYPT)}, {"cipher_key_bits", cipher->alg_key_len}});
     if (const auto* const aead = attributes.as<xfrm_algo_aead>(XFRMA_ALG_AEAD))
@@ -170,6 +191,8 @@ Json entryOf(const xfrm_usersa_info& state, const Attributes& attributes)
         entry.update({{"hash", attributes.text(XFRMA_ALG_AUTH_TRUNC)},
                       {"hash_key_bits", hash->alg_key_len},
                       {"hash_cut_to_bits", hash->alg_trunc_len}});
+    if (attributes.has(XFRMA_ALG_COMP))
+        entry["compression"] = attributes.text(XFRMA_ALG_COMP);
     if (const auto* const udp = attributes.as<xfrm_encap_tmpl>(XFRMA_ENCAP))
         entry.update({{"udp_source", ntohs(udp->encap_sport)}, {"udp_destination", ntohs(udp->encap_dport)}});
     addMark(entry, attributes);
@@ -178,29 +201,35 @@ Json entryOf(const xfrm_usersa_info& state, const Attributes& attributes)
     if (const auto mask = attributes.number(XFRMA_SET_MARK_MASK))
         entry["output_mask"] = *mask;
     entry.update({{"packets", state.curlft.packets}, {"bytes", state.curlft.bytes}});
-    if (const auto* const replay = attributes.as<xfrm_replay_state>(XFRMA_REPLAY_VAL))
-        entry.update({{"sequence_out", replay->oseq}, {"sequence_in", replay->seq}});
-    else if (const auto* const extended = attributes.as<xfrm_replay_state_esn>(XFRMA_REPLAY_ESN_VAL))
-        entry.update({{"sequence_out", extended->oseq}, {"sequence_in", extended->seq}});
-    entry.update({{"replay_window", state.replay_window},
-                  {"replayed", state.stats.replay},
-                  {"integrity_failed", state.stats.integrity_failed}});
+    if (const auto* const extended = attributes.as<xfrm_replay_state_esn>(XFRMA_REPLAY_ESN_VAL))
+        entry.update({{"sequence_out", std::uint64_t{extended->oseq_hi} << 32 | extended->oseq},
+                      {"sequence_in", std::uint64_t{extended->seq_hi} << 32 | extended->seq},
+                      {"replay_window", extended->replay_window}});
+    else if (const auto* const replay = attributes.as<xfrm_replay_state>(XFRMA_REPLAY_VAL))
+        entry.update(
+            {{"sequence_out", replay->oseq}, {"sequence_in", replay->seq}, {"replay_window", state.replay_window}});
+    entry.update({{"replayed", state.stats.replay}, {"integrity_failed", state.stats.integrity_failed}});
     addTimes(entry, state.curlft);
     return entry;
 }
 
 Json entryOf(const xfrm_userpolicy_info& policy, const Attributes& attributes)
 {
-    const auto& sel      = policy.sel;
-    const char* const to = policy.dir == XFRM_POLICY_IN ? "in" : policy.dir == XFRM_POLICY_OUT ? "out" : "fwd";
-    Json entry           = {{"direction", to},
-                            {"source", selected(sel.saddr, sel.prefixlen_s, sel.family)},
-                            {"destination", selected(sel.daddr, sel.prefixlen_d, sel.family)},
-                            {"priority", policy.priority},
-                            {"action", policy.action == XFRM_POLICY_ALLOW ? "allow" : "block"},
-                            {"index", policy.index}};
-    if (sel.proto != 0)
-        entry["ip_protocol"] = sel.proto;
+    static const std::map<unsigned int, const char*> directions = {
+        {XFRM_POLICY_IN, "in"},
+        {XFRM_POLICY_OUT, "out"},
+        {XFRM_POLICY_FWD, "fwd"},
+        {XFRM_POLICY_MAX + XFRM_POLICY_IN, "socket-in"}, // of one socket alone
+        {XFRM_POLICY_MAX + XFRM_POLICY_OUT, "socket-out"},
+    };
+    const auto& sel = policy.sel;
+    Json entry      = {{"direction", named(directions, policy.dir)},
+                       {"source", selected(sel.saddr, sel.prefixlen_s, sel.family)},
+                       {"destination", selected(sel.daddr, sel.prefixlen_d, sel.family)},
+                       {"priority", policy.priority},
+                       {"action", policy.action == XFRM_POLICY_ALLOW ? "allow" : "block"},
+                       {"index", policy.index}};
+    addSelected(entry, sel);
     addMark(entry, attributes);
     addTimes(entry, policy.curlft);
     entry["templates"]     = Json::array();
@@ -213,6 +242,10 @@ Json entryOf(const xfrm_userpolicy_info& policy, const Attributes& attributes)
                                       {"source", textOf(each.saddr, each.family)},
                                       {"destination", textOf(each.id.daddr, each.family)},
                                       {"spi", ntohl(each.id.spi)}});
+        if (each.reqid != 0)
+            entry["templates"].back()["reqid"] = each.reqid;
+        if (each.optional != 0)
+            entry["templates"].back()["optional"] = true;
     }
     return entry;
 }
@@ -239,12 +272,30 @@ Json entryOf(const fib_rule_hdr& rule, const Attributes& attributes)
     for (const auto& [name, type] : {std::pair("in", FRA_IIFNAME), std::pair("out", FRA_OIFNAME)})
         if (attributes.has(type))
             entry[name] = attributes.text(type);
-    if (const auto mark = attributes.number(FRA_FWMARK))
-        entry.update({{"mark", *mark}, {"mask", attributes.number(FRA_FWMASK).value_or(0)}});
+    if (const auto mask = attributes.number(FRA_FWMASK)) // without a mark, which is 0 then
+        entry.update({{"mark", attributes.number(FRA_FWMARK).value_or(0)}, {"mask", *mask}});
+    if (rule.tos != 0)
+        entry["tos"] = rule.tos;
+    if (const auto* const protocol = attributes.as<unsigned char>(FRA_IP_PROTO))
+        entry["ip_protocol"] = *protocol;
+    for (const auto& [name, type] :
+         {std::pair("source_ports", FRA_SPORT_RANGE), std::pair("destination_ports", FRA_DPORT_RANGE)})
+        if (const auto* const ports = attributes.as<fib_rule_port_range>(type))
+            entry[name] = std::to_string(ports->start) + '-' + std::to_string(ports->end);
     if (const auto* const users = attributes.as<fib_rule_uid_range>(FRA_UID_RANGE))
         entry["users"] = std::to_string(users->start) + '-' + std::to_string(users->end);
     const unsigned int table = attributes.number(FRA_TABLE).value_or(rule.table);
-    entry.update({{"action", named(actions, rule.action)}, {"table", table}});
+    entry["action"]          = named(actions, rule.action);
+    if (const auto target = attributes.number(FRA_GOTO))
+        entry["target"] = *target;
+    else if (attributes.has(FRA_L3MDEV))
+        entry["table"] = "that of the packet's l3mdev";
+    else
+        entry["table"] = table;
+    for (const auto& [name, type] : {std::pair("suppress_prefix_length", FRA_SUPPRESS_PREFIXLEN),
+                                     std::pair("suppress_group", FRA_SUPPRESS_IFGROUP)})
+        if (const auto value = attributes.number(type); value && *value != UINT32_MAX)
+            entry[name] = *value;
     char device[IF_NAMESIZE] = {};
     if (table > kFirstTable && if_indextoname(table - kFirstTable, device) != nullptr)
         entry["device"] = device;
