@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <limits>
 #include <map>
 #include <set>
 
@@ -64,6 +65,23 @@ const CLI::App* deepest(const CLI::App& app)
 std::string commandName(const CLI::App* app)
 {
     return app->get_name();
+}
+
+// What to write instead of a text that is no such number, or nothing.
+template <typename Number>
+std::string noNumber(const std::string& text)
+{
+    constexpr std::int64_t lowest = std::numeric_limits<Number>::min(), highest = std::numeric_limits<Number>::max();
+    const auto number = numberOf(text);
+    return number && *number >= lowest && *number <= highest
+               ? ""
+               : "write a number from " + std::to_string(lowest) + " to " + std::to_string(highest) +
+                     ", decimal or with 0x";
+}
+
+std::string noDevice(const std::string& text)
+{
+    return text.empty() ? "write one of " + joined(devices()) : "";
 }
 
 } // namespace
@@ -125,13 +143,21 @@ void CommandLine::add(CLI::App& app, const Argument& argument)
 {
     const auto added = [&](auto field) {
         auto& value = arguments.*field;
-        if constexpr (std::is_same_v<decltype(value), bool&>)
+        using Value = std::remove_reference_t<decltype(value)>;
+        if constexpr (std::is_same_v<Value, bool>)
             return app.add_flag(argument.name, value, argument.what);
+        else if constexpr (std::is_integral_v<Value>)
+            return app.add_option(argument.name, value, argument.what)
+                ->option_text(argument.type)
+                ->type_name(argument.type) // in messages
+                ->check(noNumber<Value>);
         else
             return app.add_option(argument.name, value, argument.what)->option_text(argument.type);
     };
     CLI::Option* const option = std::visit(added, argument.field);
     option->required(argument.required);
+    if (argument.type == "DEVICE")
+        option->check(noDevice);
     if (argument.type.starts_with('{'))
         option->check(CLI::IsMember(CLI::detail::split(argument.type.substr(1, argument.type.size() - 2), ',')));
 }

@@ -95,25 +95,15 @@ struct Wrong : std::runtime_error {
 
 using Setter = std::function<void(Reading&, std::string_view)>;
 
-bool parsed(std::string_view text, std::uint32_t& value)
-{
-    const bool digitsOfC = text.starts_with("0x");
-    if (!digitsOfC && text.size() > 1 && text[0] == '0') // octal, for some
-        return false;
-    const char *const first = text.data() + (digitsOfC ? 2 : 0), *const end = text.data() + text.size();
-    const auto [stop, error] = std::from_chars(first, end, value, digitsOfC ? 16 : 10);
-    return error == std::errc() && stop == end;
-}
-
 template <typename Value>
 Setter numberIn(std::uint8_t Record::*valid, Value Record::*field, std::uint32_t lowest, std::uint32_t highest)
 {
     return [=](Reading& reading, std::string_view text) {
-        std::uint32_t value = 0;
-        if (!parsed(text, value) || value < lowest || value > highest)
+        const auto value = numberOf(text);
+        if (!value || *value < lowest || *value > highest)
             throw Wrong("write a number from " + std::to_string(lowest) + " to " + std::to_string(highest) +
                         ", decimal or with 0x");
-        reading.record.*field = static_cast<Value>(value);
+        reading.record.*field = static_cast<Value>(*value);
         reading.record.*valid = 1;
     };
 }
@@ -121,16 +111,15 @@ Setter numberIn(std::uint8_t Record::*valid, Value Record::*field, std::uint32_t
 Setter wordIn(std::uint8_t Record::*valid, std::uint32_t Record::*field, const Words& words)
 {
     return [=, &words](Reading& reading, std::string_view text) {
-        std::uint32_t code = 0;
-        const bool isCode  = parsed(text, code);
-        const auto found   = std::find_if(words.begin(), words.end(), [&](const Word& each) {
-            return isCode ? std::count(each.codes.begin(), each.codes.end(), code) != 0 : text == each.word;
+        const auto code  = numberOf(text);
+        const auto found = std::find_if(words.begin(), words.end(), [&](const Word& each) {
+            return code ? std::count(each.codes.begin(), each.codes.end(), *code) != 0 : text == each.word;
         });
         if (found == words.end())
             throw Wrong("write one of " + listed(words));
-        reading.record.*field = isCode ? code : found->codes[0];
+        reading.record.*field = code ? static_cast<std::uint32_t>(*code) : found->codes[0];
         reading.record.*valid = 1;
-        if (!isCode && found->mode != 0)
+        if (!code && found->mode != 0)
             reading.impliedMode = found->mode;
     };
 }
@@ -228,6 +217,11 @@ std::string fieldName(const Field& field)
 
 // The file
 
+std::string titleOf(const std::string& path)
+{
+    return path == "-" ? "standard input" : path;
+}
+
 // The text of a file, with keys: wiped at the end, and of one size, so that no copy is left behind.
 class Text {
 public:
@@ -244,7 +238,7 @@ public:
         if (!standardInput && descriptor >= 0)
             close(descriptor);
         if (!error.empty())
-            throw Refusal(path + ": " + error);
+            throw Refusal(titleOf(path) + ": " + error);
     }
     [[nodiscard]] std::string_view view() const { return {text.data(), size}; }
 
@@ -264,7 +258,9 @@ private:
             size += static_cast<std::size_t>(got);
         if (got < 0)
             return unreadable();
-        return size == text.size() ? "too long for a record" : "";
+        if (size == text.size())
+            return "too long for a record";
+        return view().find('\0') == std::string_view::npos ? "" : "no text; write a record as one, see record explain";
     }
 
     std::string text;
@@ -280,7 +276,7 @@ std::string_view trimmed(std::string_view text)
 // All that is wrong with a file.
 class Problems {
 public:
-    explicit Problems(const std::string& path) : file(path == "-" ? "standard input" : path) {}
+    explicit Problems(const std::string& path) : file(titleOf(path)) {}
 
     void add(const std::string& what, std::size_t line = 0)
     {

@@ -1,10 +1,22 @@
 #include "Text.h"
 
+#include <charconv>
 #include <cstdlib>
 #include <cstring>
 
 #include <arpa/inet.h>
 #include <unistd.h>
+
+std::optional<std::int64_t> numberOf(std::string_view text)
+{
+    const bool hex           = text.starts_with("0x");
+    const auto figures       = text.substr(hex ? 2 : 0);
+    const char* const end    = figures.data() + figures.size();
+    std::int64_t value       = 0;
+    const auto [stop, error] = std::from_chars(figures.data(), end, value, hex ? 16 : 10);
+    const bool octal         = !hex && figures.size() > 1 && figures[0] == '0';
+    return error == std::errc() && stop == end && !octal ? std::optional(value) : std::nullopt;
+}
 
 std::string hexadecimal(std::uint64_t value)
 {

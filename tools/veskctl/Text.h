@@ -5,7 +5,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
+#include <string_view>
 
 // "add, del, list": the texts of what there is.
 template <typename Range, typename TextOf = std::identity>
@@ -16,6 +18,10 @@ std::string joined(const Range& all, const char* between = ", ", const TextOf& t
         text += (text.empty() ? "" : between) + textOf(each);
     return text;
 }
+
+// A number as people write it, decimal or hexadecimal with 0x; nothing else is one. What begins with 0 would be octal to
+// some.
+std::optional<std::int64_t> numberOf(std::string_view text);
 
 // "0x1001"
 std::string hexadecimal(std::uint64_t value);
