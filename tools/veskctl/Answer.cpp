@@ -156,9 +156,9 @@ int print(const Answer& answer, bool json, int logLevel)
             failures.push_back(textOf(line));
     }
 
-    const char* const name = answer.error != 0 ? strerrorname_np(answer.error) : nullptr;
-    const std::string refused =
-        name != nullptr ? std::string("refused: ") + name + ", " + std::strerror(answer.error) : "refused";
+    const char* const known   = strerrorname_np(answer.error); // the C library has none for those of the kernel's own
+    const std::string name    = known != nullptr ? known : std::to_string(answer.error);
+    const std::string refused = answer.error != 0 ? "refused: " + name + ", " + std::strerror(answer.error) : "refused";
     if (json) {
         Json all = {{"result", answer.result}, {"status", answer.status}};
         all.update(answer.findings);

@@ -183,6 +183,8 @@ std::string CommandLine::mistake(const CLI::ParseError& error) const
     for (const CLI::App* at : {app, &root})
         for (const CLI::Option* each : at->get_options([](const CLI::Option* o) { return o->nonpositional(); }))
             options.insert("--" + each->get_lnames()[0]);
+    if (options.contains(left[0].substr(0, left[0].find('='))))
+        return left[0] + ": in the wrong place; write it behind " + path;
     return "unknown option: " + left[0] + "; one of " + joined(options);
 }
 
@@ -199,7 +201,8 @@ int CommandLine::run(int argc, char** argv)
         return print(Refusal(mistake(error)), json);
     }
     try {
-        return print(answer(), json, logFrom());
+        const Answer what = answer();
+        return print(what, json, logFrom(what));
     } catch (const Refusal& refusal) {
         return print(refusal, json);
     }
@@ -231,8 +234,8 @@ Answer CommandLine::answer()
     return answer;
 }
 
-// Unless it is said, JSON has the failures already, and those of a dry run mean nothing.
-int CommandLine::logFrom() const
+// Unless it is said, JSON has the failures already, and those of a dry run mean nothing where requests are shown.
+int CommandLine::logFrom(const Answer& answer) const
 {
-    return chosenLevel->count() == 0 && (json || dry) ? kNoLog : logLevel;
+    return chosenLevel->count() == 0 && (json || (dry && answer.status == Done)) ? kNoLog : logLevel;
 }

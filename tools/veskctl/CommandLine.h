@@ -18,7 +18,7 @@ private:
     void add(CLI::App& app, const Argument& argument);
     [[nodiscard]] std::string mistake(const CLI::ParseError& error) const;
     [[nodiscard]] Answer answer();
-    [[nodiscard]] int logFrom() const;
+    [[nodiscard]] int logFrom(const Answer& answer) const;
 
     CLI::App root;
     std::vector<Command> commands;

@@ -64,14 +64,19 @@ Answer dryRun(const Operation& operation, const std::string& unanswered, bool sh
     if_freenameindex(devices);
 
     Answer ignored; // what the operation makes of a kernel that says nothing
-    operation.call(ignored);
+    const int result = operation.call(ignored);
     Answer answer;
     answer.findings["requests"] = Json::array();
     for (const Request& request : kernel.requests())
         addRequest(answer, request, showKeys);
     answer.log  = kernel.log();
     answer.note = "dry run, nothing was sent";
-    if (!unanswered.empty())
+    if (result != 0 && kernel.requests().empty()) { // nobody else can have refused it
+        answer.result = result;
+        answer.status = Refused;
+        answer.note += "; nor would be, since the library refuses this itself";
+    } else if (!unanswered.empty()) {
         answer.note += "; the kernel's answer is taken as empty: " + unanswered;
+    }
     return answer;
 }

@@ -190,7 +190,9 @@ const Advice kNoPolicy = {ENOENT, "no policy has this selector, protocol and dir
 
 std::vector<Command> ipsecCommands()
 {
-    const Advice exists           = {EEXIST, "there is such a policy; remove it first: veskctl policy remove"};
+    const auto exists = [](const char* remove) {
+        return Advice{EEXIST, std::string("there is such a policy; remove it first: veskctl policy ") + remove};
+    };
     const std::string algorithm   = "this kernel lacks the cipher or the hash; its module may have to be loaded";
     const std::string marks       = "The bit 0x20000 is added to mark and mask.\n";
     const std::string listIsThere = "the list is in it";
@@ -228,7 +230,7 @@ std::vector<Command> ipsecCommands()
          .arguments = {kRecord, kFrom, kTo, kInbound, kProtocol},
          .prepare   = addPolicies,
          .notes     = "With --in, the peer's prefix is the source.",
-         .advice    = {exists}},
+         .advice    = {exists("remove")}},
         {.path      = "policy remove",
          .what      = "Remove the policies of one side",
          .example   = "10.0.0.0/16 10.1.0.0/16",
@@ -241,7 +243,7 @@ std::vector<Command> ipsecCommands()
          .example   = "out",
          .arguments = {kDirection},
          .prepare   = addBypass,
-         .advice    = {exists}},
+         .advice    = {exists("bypass remove")}},
         {.path      = "policy bypass remove",
          .what      = "No longer let it",
          .example   = "out",

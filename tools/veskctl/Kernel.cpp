@@ -418,6 +418,7 @@ int readLabels(std::vector<Label>& labels)
 
 int installedRoutes(const std::string& destination, unsigned int table, unsigned int device)
 {
+    table            = table != RT_TABLE_UNSPEC ? table : RT_TABLE_MAIN; // as the kernel takes it
     rtmsg about      = {};
     about.rtm_family = AF_INET;
     int routes       = 0;
