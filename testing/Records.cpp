@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <utility>
 
 #include <arpa/inet.h>
 
@@ -51,17 +50,6 @@ tro_ipsec_static_sa_config_ex_info_ind_msg_v01 espTunnel(const char* local, cons
     setKey(record.crypto_key_tx_valid, record.crypto_key_tx_len, record.crypto_key_tx, 0xc1, 16);
     setKey(record.hash_key_rx_valid, record.hash_key_rx_len, record.hash_key_rx, 0xa2, 32);
     setKey(record.hash_key_tx_valid, record.hash_key_tx_len, record.hash_key_tx, 0xa1, 32);
-    return record;
-}
-
-tro_ipsec_static_sa_config_ex_info_ind_msg_v01 otherEnd(tro_ipsec_static_sa_config_ex_info_ind_msg_v01 record)
-{
-    std::swap(record.spi_rx, record.spi_tx);
-    std::swap(record.local_addr, record.remote_addr);
-    std::swap(record.crypto_key_rx_len, record.crypto_key_tx_len);
-    std::swap(record.crypto_key_rx, record.crypto_key_tx);
-    std::swap(record.hash_key_rx_len, record.hash_key_tx_len);
-    std::swap(record.hash_key_rx, record.hash_key_tx);
     return record;
 }
 

@@ -16,9 +16,6 @@ tro_ip_addr_type_v01 modemAddress(const char* text);
 /// Keys: 16 bytes 0xc1 and 32 bytes 0xa1 (TX), 16 bytes 0xc2 and 32 bytes 0xa2 (RX).
 tro_ipsec_static_sa_config_ex_info_ind_msg_v01 espTunnel(const char* local, const char* remote);
 
-/// The same pair of SAs seen from the other end.
-tro_ipsec_static_sa_config_ex_info_ind_msg_v01 otherEnd(tro_ipsec_static_sa_config_ex_info_ind_msg_v01 record);
-
 } // namespace Vesk::Testing
 
 #endif
