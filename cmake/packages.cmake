@@ -48,9 +48,12 @@ foreach(component RUNTIME DEV)
 endforeach()
 install(FILES ${CMAKE_CURRENT_LIST_DIR}/lintian-overrides DESTINATION ${CMAKE_INSTALL_DATADIR}/lintian/overrides
         RENAME ${CPACK_DEBIAN_RUNTIME_PACKAGE_NAME} COMPONENT runtime EXCLUDE_FROM_ALL)
-file(GLOB pages CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/docs/*.md)
-file(GLOB pictures CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/docs/pictures/*.svg)
-install(FILES ${pages} DESTINATION ${doc} COMPONENT dev EXCLUDE_FROM_ALL)
-install(FILES ${pictures} DESTINATION ${doc}/pictures COMPONENT dev EXCLUDE_FROM_ALL)
+# The pages, and what they link to, where their links look for it.
+foreach(folder . docs docs/pictures examples)
+  set(linked ${PROJECT_SOURCE_DIR}/${folder})
+  file(GLOB pages CONFIGURE_DEPENDS ${linked}/README.md ${linked}/SECURITY.md ${linked}/[a-z]*.md ${linked}/*.tsv
+       ${linked}/*.svg ${linked}/*.cpp ${linked}/*.ini ${linked}/two-hosts ${linked}/tunnel)
+  install(FILES ${pages} DESTINATION ${doc}/${folder} COMPONENT dev EXCLUDE_FROM_ALL)
+endforeach()
 
 include(CPack)
