@@ -1,5 +1,5 @@
-// From a record to a tunnel: the handset's end of the one in examples/tunnel. The modem's decoder fills the record,
-// with keys that nobody else knows; here it is filled by hand.
+// From a record to a tunnel: the handset's end of the one in examples/tunnel. The modem's decoder
+// fills the record, with keys that nobody else knows; here it is filled by hand.
 #include <vesk/netlink.h>
 
 int main()
