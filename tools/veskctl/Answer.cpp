@@ -3,6 +3,7 @@
 #include "Text.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -86,7 +87,10 @@ private:
 
 int flushed(Status status)
 {
-    return std::fflush(stdout) == 0 ? status : Refused;
+    if (std::fflush(stdout) == 0)
+        return status;
+    std::fprintf(stderr, "veskctl: the answer could not be written: %s\n", std::strerror(errno));
+    return Refused;
 }
 
 // Text that is no UTF-8, a device's name perhaps, is shown as far as it goes.

@@ -141,6 +141,8 @@ Operation policyList(Arguments&)
 Operation migrate(Arguments& a)
 {
     checkSelectors(a.source, a.destination);
+    if (a.file == "-" && a.otherFile == "-")
+        throw Refusal("both records from standard input; write a file's name for one of them");
     a.record.read(a.file, ForMigration);
     a.otherRecord.read(a.otherFile, ForMigration);
     const auto call = [&a](Answer&) {
