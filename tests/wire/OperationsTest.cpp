@@ -92,11 +92,11 @@ TEST(Routes, AreLookedUpUnderAMark)
     passes(message(25, 0), kCb(4, "Wrong message type %d", 25));
     passes("1b000000 1800 0000 8*00 11*00 00", kCb(4, "Wrong message length %d, need %d more bytes", 27, 1));
     passes(answer(""), kCb(4, "Table attribute is missing in NEWROUTE message"));
-    passes(answer(good + attr(RTA_TABLE, "e803")), kCb(4, "Table attribute is malformed"));
+    passes(answer(good + attr(RTA_TABLE, "e8030000 00")), kCb(4, "Table attribute is malformed"));
     passes(answer(kTable), kCb(4, "Gateway attribute is missing in NEWROUTE message"));
     passes(answer(good + attr(RTA_GATEWAY, "c00002")), kCb(4, "Gateway attribute is malformed"));
     passes(answer(kTable + kGateway), kCb(4, "Outgoing interface attribute is missing in NEWROUTE message"));
-    passes(answer(good + attr(RTA_OIF, "030000")), kCb(4, "Outgoing interface attribute is malformed"));
+    passes(answer(good + attr(RTA_OIF, "03000000 00")), kCb(4, "Outgoing interface attribute is malformed"));
     passes(answer(good + attr(RTA_OIF, 9)),
            failure(kCb, "Outgoing interface device lookup failed with error - %d %s", ENXIO));
     check({.what    = "the first answer that will do; an IPv6 gateway is none",
@@ -108,7 +108,7 @@ TEST(Routes, AreLookedUpUnderAMark)
                  RTM_GETROUTE, NLM_F_REQUEST,
                  {"0a 80 00 00 00 00 00 00 00100000", attr(RTA_DST, "20010db8 11*00 01"), attr(RTA_MARK, 0)})},
            .log     = {kCb(4, "Gateway attribute is malformed"), kFound}});
-    rejects({.call = {RTNetlinkGetRoute, "198.51.100.7", 0, 0}, .log = kGet(4, "Invalid family %u", 0)});
+    rejects({.call = {RTNetlinkGetRoute, "10.0.0.300", 0, 0}, .log = kGet(4, "Invalid family %u", 0)});
     rejects({.call = {RTNetlinkGetRoute, "10.0.0.300", 0, AF_INET},
              .log  = kGet(4, "inet_pton failed on destonation address %s with error %d", "10.0.0.300", 0)});
     refused({.call = {RTNetlinkGetRoute, "198.51.100.7", 42, AF_INET}, .log = kUnreachable});
@@ -150,12 +150,16 @@ TEST(Routes, AreInstalledAndRemovedThroughTheGateway)
                      "inet_pton failed on gateway address %s - rc %d"),
           std::tuple(&RTNetlinkDeleteRoute, del, "inet_pton failed on source address %s - rc %d",
                      "inet_pton failed on source address %s - rc %d")}) {
-        rejects({.call = change(operation, "198.51.100.7", 18), .log = by(4, "Invalid family %u", 18)});
+        rejects({.call = change(operation, "10.0.0.300", 18), .log = by(4, "Invalid family %u", 18)});
         rejects({.call = change(operation, "fe80::1"), .log = by(4, badDestination, "fe80::1", 0)});
         refused({.answers = {{""}},
                  .call    = change(operation),
                  .sends   = {kLookUp},
                  .log     = {kNone, by(4, badGateway, "", 0)}});
+        refused({.what    = "IPv6, whose gateway would be one of IPv4",
+                 .answers = {found},
+                 .call    = change(operation, "2001:db8::7", AF_INET6),
+                 .log     = {kFound, by(4, badGateway, "192.0.2.1", 0)}});
         refused({.call  = change(operation),
                  .sends = {kLookUp},
                  .log   = {kUnreachable, by(4, "Unable to get gateway address address %s mark %u with error %d",
@@ -193,14 +197,14 @@ TEST(Rules, AreFoundByPriorityAndTable)
     passes(message(33, 0), cb(4, "Wrong message type %d", 33));
     passes("1b000000 2000 0000 8*00 11*00 00", cb(4, "Wrong message length %d, need %d more bytes", 27, 1));
     passes(rule(""), cb(3, "Priority attribute is missing in NEWRULE message"));
-    passes(rule(good + attr(FRA_PRIORITY, "803e00")), cb(4, "Mark attribute is malformed"));
+    passes(rule(good + attr(FRA_PRIORITY, "803e0000 00")), cb(4, "Mark attribute is malformed"));
     passes(rule(attr(FRA_PRIORITY, 16001)), cb(3, "Mark attribute is not as expected"));
     passes(rule(priority), cb(4, "Mark attribute is missing in NEWRULE message"));
-    passes(rule(good + attr(FRA_FWMARK, "100000")), cb(4, "Mark attribute is malformed"));
+    passes(rule(good + attr(FRA_FWMARK, "10000000 00")), cb(4, "Mark attribute is malformed"));
     passes(rule(priority + mark), cb(4, "Mask attribute is missing in NEWRULE message"));
-    passes(rule(good + attr(FRA_FWMASK, "ff0000")), cb(4, "Mask attribute is malformed"));
+    passes(rule(good + attr(FRA_FWMASK, "ff000000 00")), cb(4, "Mask attribute is malformed"));
     passes(rule(priority + mark + mask), cb(4, "Table attribute is missing in NEWRULE message"));
-    passes(rule(good + attr(FRA_TABLE, "eb0300")), cb(4, "Table attribute is malformed"));
+    passes(rule(good + attr(FRA_TABLE, "eb030000 00")), cb(4, "Table attribute is malformed"));
     passes(rule(good + attr(FRA_TABLE, 1002)), cb(3, "Table index is not as expected for dev %s", "wlan0"));
     finds({.call = {RTNetlinkGetRule, "wlan9"},
            .log  = {cb(4, "Unable to ifindex for dev %s", "wlan9"), none(0, 0, "wlan9")}});
