@@ -104,7 +104,7 @@ TEST(Migration, RefusesOtherChanges)
 
     refuses([](Record& r) { r.encap_mode = r.ipsec_protocol = r.remote_addr.ip_type = 2; },
             kAll(4, "XFRM mode has changed\n"));
-    refuses([](Record& r) { r.ipsec_protocol = 2; }, kAll(4, "XFRM protocol has changed\n"));
+    refuses([](Record& r) { r.ipsec_protocol = r.remote_addr.ip_type = 2; }, kAll(4, "XFRM protocol has changed\n"));
     refuses([](Record& r) { r.remote_addr.addr[3] ^= 1; }, peer);
     refuses([](Record& r) { r.remote_addr.ip_type = 6; }, peer);
     refuses(same, peer, v4([](Record& r) { r.remote_addr.ip_type = 5; }));

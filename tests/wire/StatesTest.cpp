@@ -192,18 +192,22 @@ TEST(States, RefuseARecord)
     refuses([](Record& r) { r.remote_addr_valid = 0; }, invalid, id);
     refuses([](Record& r) { r.local_addr_valid = r.spi_tx_valid = 0; }, invalid, id);
     refuses([](Record& r) { r.ipsec_protocol_valid = 0; }, invalid, id);
-    refuses([](Record& r) { r.spi_tx_valid = 0; }, kId(4, "%s SPI value is marked as invalid\n", "TX"), id);
+    refuses([](Record& r) { r.ipsec_protocol = r.spi_tx_valid = 0; },
+            kId(4, "%s SPI value is marked as invalid\n", "TX"), id);
     refuses([](Record& r) { r.ipsec_protocol = 0x204; }, kId(4, "invalid IPSEC protocol %d\n", 0x204), id);
-    refuses([](Record& r) { r.encap_mode_valid = 0; }, kMode(4, "encapsulation mode marked as invalid\n"), mode);
+    refuses([](Record& r) { r.encap_mode = r.encap_mode_valid = 0; },
+            kMode(4, "encapsulation mode marked as invalid\n"), mode);
     refuses([](Record& r) { r.encap_mode = 0x101; }, kMode(4, "invalid XFRM mode 0x%x\n", 0x101), mode);
     refuses([](Record& r) { r.crypto_algo_valid = r.crypto_key_tx_valid = 0; },
             kCrypt(4, "crypto algorithm marked as invalid\n"), crypto);
-    refuses([](Record& r) { r.crypto_key_tx_valid = 0; }, kCrypt(4, "%s crypto key marked as invalid\n", "TX"), crypto);
+    refuses([](Record& r) { r.crypto_algo = r.crypto_key_tx_valid = 0; },
+            kCrypt(4, "%s crypto key marked as invalid\n", "TX"), crypto);
     refuses([](Record& r) { r.crypto_algo = 11; }, kCrypt(4, "invalid crypto algo %d\n", 11), crypto);
     refuses([](Record& r) { r.aes_mode_valid = 0x80, r.aes_mode = 3; }, kCrypt(4, "invalid AES mode %d\n", 3), crypto);
     refuses([](Record& r) { r.hash_algo_valid = r.hash_key_tx_valid = 0; }, kAuth(4, "hash algo marked as invalid\n"),
             hashing);
-    refuses([](Record& r) { r.hash_key_tx_valid = 0; }, kAuth(4, "TX hash key marked as invalid\n"), hashing);
+    refuses([](Record& r) { r.hash_algo = r.hash_key_tx_valid = 0; }, kAuth(4, "TX hash key marked as invalid\n"),
+            hashing);
     refuses([](Record& r) { r.hash_algo = 8; }, kAuth(4, "invalid autho algo %d\n", 8), hashing);
     rxRefuses([](Record& r) { r.spi_rx_valid = 0; }, kId(4, "%s SPI value is marked as invalid\n", "RX"), id);
     rxRefuses([](Record& r) { r.crypto_key_rx_valid = 0; }, kCrypt(4, "%s crypto key marked as invalid\n", "RX"),
@@ -403,6 +407,10 @@ TEST(States, AreUpdatedInPlace)
          .answers = {{dumped(kTx, esn(five)) + dumped(kRx, esn(std::string(longer) + "ffffffff")), kEnd}},
          .sends   = sends(counters(txId, esn(longer)), rxZeros),
          .log     = {tx, extended(6, 5), rx, extended(3, 2), all}});
+    updates({.what    = "a plain one takes the place of its first 12 bytes",
+             .answers = {{dumped(kTx, esn(five)) + dumped(kRx, value({.oseq = 2, .seq = 3, .bitmap = 4})), kEnd}},
+             .sends   = sends(counters(txId, esn(XfrmReplayStateEsn{2, 3, 4, 7, 8, 9})), rxZeros),
+             .log     = {tx, extended(6, 5), rx, counted(3, 2), all}});
     updates({.what    = "one of RX is sent for TX, as 12 bytes",
              .answers = {{dumped(kRx, esn(five)), kEnd}},
              .sends   = sends(counters(noId, value({.seq = 5, .bitmap = 6})), rxZeros),
