@@ -101,7 +101,7 @@ Log::Log(std::initializer_list<Log> parts)
 
 LogLine logLine(const std::string& source, int level, const char* format, ...)
 {
-    char text[1024];
+    char text[2048];
     std::va_list arguments;
     va_start(arguments, format);
     formatLogLine(text, sizeof text, format, arguments);

@@ -47,7 +47,7 @@ TEST(Exchange, NeedsASocket)
     for (const Operation& any : {transact(), query(NetlinkQueryDone, true), dump()}) {
         const Check gets({.call = any, .result = -1});
         const auto fails = [&](Call call, int error, const LogLine& line) {
-            gets({.given = [=](ScriptedKernel& k) { k.fail(call, error); }, .log = line});
+            gets({.given = [=](ScriptedKernel& k) { k.fail(call, error), k.fail(Call::Close, EIO); }, .log = line});
         };
         fails(Call::Socket, EMFILE, failure(open, "opening NL socket failed: errno=[%d, %s]", EMFILE));
         fails(Call::Bind, EACCES, failure(open, "binding NL socket failed: errno=[%d, %s]", EACCES));
@@ -64,16 +64,21 @@ TEST(Exchange, NeedsASocket)
     kernel.fail(Call::SetSockOpt, ENOPROTOOPT);
     EXPECT_STREQ(transact()().text, "0") << "extended acknowledgements are not essential";
     EXPECT_EQ(kernel.log(), (Log{open(3, "EXTACK not supported"), kAcked}));
+    EXPECT_NE(kernel.log().at(0).line, 0u);
 }
 
 TEST(Exchange, KeepsItsSocket)
 {
-    const auto twoExchanges = [] {
-        NetlinkMessage msg;
-        msg.setNLMsgHeader(NETLINK_ROUTE, 16, kAck);
-        const int first = msg.messageTransact();
-        msg.addMsgPayload(0, nullptr); // the length anew
-        return first == -1 && msg.messageTransact() == 0 ? msg.getKernelError() : 0;
+    const auto twoExchanges = [](int (NetlinkMessage::*then)()) {
+        return [=] {
+            NetlinkMessage msg;
+            msg.setNLMsgHeader(NETLINK_ROUTE, 16, kAck);
+            msg.setQueryCb([](nlmsghdr*, void*) { return NetlinkQueryDone; }, nullptr, false);
+            const int first = msg.messageTransact();
+            msg.addMsgPayload(0, nullptr); // the length anew
+            const int second = (msg.*then)();
+            return std::to_string(first) + ' ' + std::to_string(second) + ' ' + std::to_string(msg.getKernelError());
+        };
     };
     const auto opensTwice = [] {
         NetlinkMessage msg;
@@ -81,13 +86,21 @@ TEST(Exchange, KeepsItsSocket)
         return msg.openSocket() + msg.openSocket() + msg.messageTransact();
     };
     const Check gets({.sends = kAnything});
-    gets({.what    = "two exchanges go through one socket, 0 though it be; the first one's error stays",
+    gets({.what    = "two exchanges go through one socket, 0 though it be; a success leaves the error",
           .given   = [](ScriptedKernel& k) { k.numberSockets(0), k.fail(Call::Socket, EMFILE, 2); },
           .answers = {{refusal(-ENOENT)}},
-          .call    = twoExchanges,
-          .result  = -ENOENT,
+          .call    = twoExchanges(&NetlinkMessage::messageTransact),
+          .result  = "-1 0 -2",
           .log     = {refusedBy(-ENOENT), kAcked}});
-    gets({.what = "opened twice, the first one is closed", .call = opensTwice, .log = kAcked});
+    gets({.what    = "an acknowledgement fails a query, with its error",
+          .answers = {{refusal(-ENOENT)}},
+          .call    = twoExchanges(&NetlinkMessage::messageQuery),
+          .result  = "-1 -1 0",
+          .log     = {refusedBy(-ENOENT), kQuery(4, "kernel reports error %d", 0), kNoText}});
+    gets({.what  = "opened twice, the first one is closed, 0 though it be",
+          .given = [](ScriptedKernel& k) { k.numberSockets(0); },
+          .call  = opensTwice,
+          .log   = kAcked});
 }
 
 // As much as kernels put into a datagram, and into zeros.
@@ -150,7 +163,7 @@ TEST(Exchange, FindsExtendedText)
         "14000000 4800 0506 00000000 00000000 bbbbbbbb 0800 0100 6e6f7400", // it does not
         "14000000 4800 0506 0c000200 8*00 0800 0100 6e6f7400 0800 0100 74776f00 0800 0700 6e6f7400", // the last: "two"
         "14000000 4800 0506 0c000200 8*00 0700 0100 656e64 66", // without NUL: "end"
-        "14000000 4800 0506 0c000200 8*00 5c02 0100 600*78",
+        "14000000 4800 0506 0c000200 8*00 7007 0100 1900*78",
         "1c000000 1000 0500 8*00 0c000100 6e6f6b65 79000000", // what is an SA in IPsec: "nokey"
     };
     const std::vector<const char*> ofIpsec = {
@@ -162,7 +175,7 @@ TEST(Exchange, FindsExtendedText)
     const std::vector<const char*> capped = {"18000000 0c00 0500 8*00 0800 0100 63617000"}; // in the header: "cap"
 
     check({.call = explain(ofRoutes),
-           .log  = {reports("one"), reports("two"), reports("end"), reports(std::string(600, 'x')), reports("nokey")}});
+           .log = {reports("one"), reports("two"), reports("end"), reports(std::string(1900, 'x')), reports("nokey")}});
     check({.call = explain(ofIpsec, NETLINK_XFRM), .log = {reports("too"), reports("nokey")}});
     check({.call = explain(capped, NETLINK_ROUTE, NLM_F_ACK_TLVS | NLM_F_CAPPED), .log = reports("cap")});
 }
@@ -206,7 +219,8 @@ TEST(Exchange, DumpGoesOnUntilDone)
           .result  = "17 17 18 26 18 26 26 0"});
     gets({.what = "its status may be positive", .answers = {{endOfDump(1)}}, .result = 0});
     gets({.what    = "an acknowledgement is handed on, whatever its flags; of an interruption other messages tell",
-          .answers = {{message(NLMSG_ERROR, NLM_F_DUMP_INTR, {"20*00"}) + message(26, NLM_F_DUMP_INTR), kEnd}},
+          .answers = {{message(NLMSG_ERROR, NLM_F_DUMP_INTR, {"20*00"}) + message(26, NLM_F_DUMP_INTR),
+                       message(NLMSG_DONE, NLM_F_DUMP_INTR, {"00000000"})}},
           .result  = "2 26 0",
           .log     = kDumped(3, "NL dump was interrupted")});
     gets({.answers = {{kOther, refusal(-ENOENT) + kEnd}},
@@ -250,9 +264,9 @@ TEST(Attributes, AreFoundByType)
 static Operation lookUp(std::string name, unsigned char version = 2)
 {
     return [=]() mutable {
-        unsigned short id = 0xffff;
+        unsigned short id = 0xdead;
         const int result  = queryGenericNetlinkFamily(name, version, &id);
-        return id == 0xffff ? std::to_string(result) : std::to_string(id) + (result == 0 ? "" : " though it failed");
+        return id == 0xdead ? std::to_string(result) : std::to_string(id) + (result == 0 ? "" : " though it failed");
     };
 }
 
