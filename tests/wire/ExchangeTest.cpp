@@ -1,8 +1,9 @@
-// The socket, the three exchanges, extended acknowledgements, attributes, and the look-up of a family.
+// The socket, the three exchanges, extended acknowledgements, attributes, the look-up of a family, and the logger.
 #include "WireTest.h"
 
 #include <map>
 
+#include <dlfcn.h>
 #include <linux/genetlink.h>
 
 using namespace wire;
@@ -297,6 +298,22 @@ TEST(GenericFamily, IsLookedUpByName)
           .answers = {{refusal(-ENOENT)}},
           .call    = lookUp("x"),
           .log     = {kQuery(4, "kernel reports error %d", -ENOENT), kNoText, failed}});
+}
+
+// The library's own, whose place is taken in all other tests.
+TEST(Logger, WritesALineFromLevelThreeOn)
+{
+    using DoLog = void(LogMgr*, log_level, const char*, unsigned, const char*, ...);
+    auto* const doLog =
+        reinterpret_cast<DoLog*>(dlsym(dlopen("libvesk_utils.so", RTLD_NOW), "_ZN6LogMgr5doLogE9log_levelPKcjS2_z"));
+    ASSERT_NE(doLog, nullptr);
+    LogMgr own;
+    unsetenv("VESK_LOG_LEVEL");
+    testing::internal::CaptureStderr();
+    doLog(&own, log_level_detail, "src/a", 1, "left out");
+    doLog(&own, log_level_notice, "src/a", 2, "%S: %d\n", "f", 3);
+    doLog(&own, log_level_failure, "src/a", 4, "one\ntwo");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "N src/a:2 f: 3\nF src/a:4 one two\n");
 }
 
 TEST(ExchangeDeathTest, EndsTheProcess)
