@@ -18,15 +18,18 @@
 
 namespace Vesk::Testing {
 
+/// @addtogroup testing
+/// @{
+
 /// The requests that are sent, in order, each as Messages.h writes it.
 struct Sends {
     Sends() = default;
-    Sends(std::initializer_list<std::string> datagrams) : digits(datagrams) {}
+    Sends(std::initializer_list<std::string> datagrams) : digits(datagrams) {} ///< These.
 
-    std::vector<std::string> digits;
-    bool any = false; ///< they do not matter
+    std::vector<std::string> digits; ///< a datagram each
+    bool any = false;                ///< they do not matter
 };
-extern const Sends kAnything;
+extern const Sends kAnything; ///< Whatever they are.
 
 /// The same of a request that was recorded.
 std::string digits(const Request& request);
@@ -35,8 +38,8 @@ std::string digits(const Request& request);
 class Log : public std::vector<LogLine> {
 public:
     Log() = default;
-    Log(const LogLine& line) : vector{line} {}
-    Log(std::initializer_list<Log> parts);
+    Log(const LogLine& line) : vector{line} {} ///< One line.
+    Log(std::initializer_list<Log> parts);     ///< All of these, in order.
 };
 
 /// A log line by its source, level, format, and what fills the format.
@@ -44,8 +47,8 @@ LogLine logLine(const std::string& source, int level, const char* format, ...);
 
 /// Makes the lines that a function of the library logs.
 struct LoggedBy {
-    const char* source;
-    const char* function;
+    const char* source;   ///< as the logger is given it
+    const char* function; ///< the name that the line begins with
 
     /// As in `core("messageTransact")(4, "kernel reports error %d", -17)`: the format without "%s():" and a space.
     template <typename... Arguments>
@@ -80,6 +83,9 @@ sockaddr_storage socketAddress(const char* text);
 /**
  * Compares what happened with what was expected: the requests, block by block; the whole log, raw formats too; that
  * each socket was opened as this library opens them; that no reply was left or missing, and no socket or block stayed.
+ * @param kernel    what happened
+ * @param sends     the requests
+ * @param log       the lines
  * @param protocol  of each request
  * @param from      lines of lower levels are not compared
  * @return where the log differs first, and where the requests do, with two lines around each (of requests four bytes a
@@ -87,6 +93,8 @@ sockaddr_storage socketAddress(const char* text);
  */
 std::string unmet(const ScriptedKernel& kernel, const Sends& sends, const Log& log, int protocol = NETLINK_ROUTE,
                   log_level from = log_level_verbose);
+
+/// @}
 
 } // namespace Vesk::Testing
 

@@ -20,8 +20,11 @@
 
 namespace Vesk::Testing {
 
-using Bytes  = std::vector<std::uint8_t>; ///< A datagram, or a part of one.
-using Blocks = std::initializer_list<std::string>;
+/// @addtogroup testing
+/// @{
+
+using Bytes  = std::vector<std::uint8_t>;          ///< A datagram, or a part of one.
+using Blocks = std::initializer_list<std::string>; ///< Parts of a message, each as digits.
 
 /// Digits with each "56*00" written out, and without spaces.
 std::string spelledOut(const std::string& digits);
@@ -146,6 +149,8 @@ struct XfrmUserMigrate {
     int new_family        = 0;
     operator std::string() const;
 };
+
+/// @}
 
 } // namespace Vesk::Testing
 
