@@ -179,7 +179,8 @@ Operation explain(Arguments&)
 const Argument kRecord     = {"record", "FILE", "File with the record; - for standard input", &Arguments::file};
 const Argument kOutputMark = {"--mark", "NUMBER", "Output mark of TX", &Arguments::mark};
 const Argument kOutputMask = {"--mask", "NUMBER", "Its mask; all bits when not given", &Arguments::mask};
-const Argument kTechnology = {"--technology", "NUMBER", "The modem's number of the technology", &Arguments::technology};
+const Argument kTechnology = {"--technology", "NUMBER", "The technology; -32640 gives RX a mark, 0x20002",
+                              &Arguments::technology};
 const Argument kFrom       = {"source", "PREFIX", "Selector, or \"\"", &Arguments::source};
 const Argument kTo         = {"destination", "PREFIX", "Selector, or \"\"", &Arguments::destination};
 const Argument kProtocol   = {"--protocol", "NUMBER", "IP protocol; any when not given", &Arguments::protocol};

@@ -7,7 +7,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
+#include <random>
 
 #include <netinet/in.h>
 
@@ -87,6 +89,7 @@ Operation purge(Arguments& a)
 
 Operation generate(Arguments& a)
 {
+    std::srand(std::random_device{}()); // the library takes the C library's numbers
     return {[&a](Answer& answer) {
         unsigned int label       = 0;
         const int result         = Vesk::addrlabelGenerate(AF_INET6, a.useDefault, &label);

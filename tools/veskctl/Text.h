@@ -19,8 +19,8 @@ std::string joined(const Range& all, const char* between = ", ", const TextOf& t
     return text;
 }
 
-// A number as people write it, decimal or hexadecimal with 0x; nothing else is one. What begins with 0 would be octal to
-// some.
+// A number as people write it, decimal or hexadecimal with 0x; nothing else is one. What begins with 0 would be octal
+// to some.
 std::optional<std::int64_t> numberOf(std::string_view text);
 
 // "0x1001"
