@@ -42,7 +42,7 @@ static std::string migrates(int dir, const char* peer, Address from, Address to,
 TEST(Migration, MovesTheLocalAddressAndBackWhenItFails)
 {
     const Record before = v4([](Record& r) {
-        r.ipsec_protocol = r.encap_mode = 2, r.remote_addr.addr[5] = 9;
+        r.ipsec_protocol = r.encap_mode = 2, r.remote_addr.addr[4] = 9;
     }); // the 4 bytes before it count
     Record after = before, unread = before;
     after.local_addr = modemAddress("fe80::9"), after.remote_addr = modemAddress(kPeer), after.remote_addr.addr_len = 9;

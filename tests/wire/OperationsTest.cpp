@@ -348,7 +348,7 @@ TEST(Labels, ArePurgedWithTheirCompanions)
     check({.what = "entries that are too short are left; the next call, which the system's label answers, starts anew",
            .answers = {{entry(kOwn + label(20))},
                        {entry(address("fe80 4*00") + label(20)) + entry(kOwn + attr(IFAL_LABEL, "1400")) +
-                            entry(address("8*ff") + label(20)),
+                            entry(address("fe80 5*00 ff") + label(20)),
                         kEnd},
                        {entry(address("16*00") + label(1), "00")}},
            .call    = twice,
