@@ -280,16 +280,18 @@ public:
 
 private:
     VESK_LOCAL int openAndSend() noexcept;
+    VESK_LOCAL int refusedBy(nlmsghdr* message, int error) noexcept;
     friend int transactWhole(NetlinkMessage& msg) noexcept; // the library's own
 
     // Order, types and size are part of the binary interface: daemons keep objects on their stacks.
     int protocol              = -1; // negative: not set yet
     int socketFd              = -1; // negative: closed
     int kernelError           = 0;
-    unsigned payloadLength    = 0; // padded, as header.nlmsg_len until the first send; and kAttributeMissing
+    unsigned payloadLength    = 0; // padded, as header.nlmsg_len until the first send
     QueryCallback* queryCb    = nullptr;
     void* queryCtx            = nullptr;
     bool requireResponse      = false;
+    bool attributeMissing     = false; // one could not be allocated
     DumpCallback* dumpCb      = nullptr;
     void* dumpCtx             = nullptr;
     nlmsghdr header           = {}; // nlmsg_len: the padded payload before the send, the datagram after it

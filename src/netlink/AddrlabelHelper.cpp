@@ -15,6 +15,7 @@
 #include "Zeroed.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
@@ -49,7 +50,8 @@ int addrlabelModify(int type, sockaddr_storage* address, unsigned int prefixLeng
     if (bytes.size == 0) {
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat"
-        return FAIL("%S(): invalid addr family %u", address->ss_family); // sic: the logger reads %S as %s
+        return FAIL_WITH(EAFNOSUPPORT, "%S(): invalid addr family %u",
+                         address->ss_family); // sic: the logger reads %S as %s
 #pragma GCC diagnostic pop
     }
 
@@ -199,10 +201,11 @@ int addrlabelGenerate(int family, bool useDefault, unsigned int* label) noexcept
 {
     if (useDefault) {
         *label = kDefaultLabel;
+        errno  = 0; // as after a dump that was whole
         return 0;
     }
     if (family != AF_INET && family != AF_INET6)
-        return FAIL("%s(): invalid addr type 0x%x", static_cast<unsigned int>(family));
+        return FAIL_WITH(EAFNOSUPPORT, "%s(): invalid addr type 0x%x", static_cast<unsigned int>(family));
 
     auto any        = zeroed<ifaddrlblmsg>();
     any.ifal_family = static_cast<__u8>(family);
@@ -231,7 +234,7 @@ int addrlabelGenerate(int family, bool useDefault, unsigned int* label) noexcept
         last = *it;
     }
     if (last > INT_MAX)
-        return FAIL("%s(): generating unique label failed");
+        return FAIL_WITH(ENOSPC, "%s(): generating unique label failed");
     *label = addOrAbort<unsigned int>(last, rand());
     return 0;
 }
@@ -240,7 +243,7 @@ int addrlabelPurge(sockaddr_storage* address, unsigned int prefixLength, unsigne
 {
     const AddressBytes bytes = addressBytes(address);
     if (bytes.size == 0)
-        return FAIL("%s(): invalid addr type 0x%x", address->ss_family);
+        return FAIL_WITH(EAFNOSUPPORT, "%s(): invalid addr type 0x%x", address->ss_family);
 
     addrlabelPurgeCtx context = {address, prefixLength, 0, ifIndex};
     auto entry                = zeroed<ifaddrlblmsg>();

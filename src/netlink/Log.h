@@ -1,23 +1,29 @@
 // How a line is logged. Each source names itself in `kLogSource`; the function's name is the first argument of nearly
 // every format, so the macros add it. Formats are literals where they are logged, so that the compiler checks them and
-// a search for a message finds its line.
+// a search for a message finds its line. A line never changes errno, which says why an operation failed.
 #ifndef VESK_LOG_H
 #define VESK_LOG_H
 
-#include <LogMgr.h>
+#include "Errno.h"
 
-#include <cerrno>
+#include <LogMgr.h>
 
 namespace Vesk {
 
-// The platform's logger may change errno when it is first used, before the arguments that read it are evaluated.
-inline LogMgr& logger()
-{
-    const int error  = errno;
-    LogMgr& instance = LogMgr::getInstance();
-    errno            = error;
-    return instance;
-}
+// Lives as long as its line is logged. The platform's logger may change errno when it is first used, before the line's
+// arguments read it, and while it writes.
+class LogLine {
+public:
+    [[nodiscard]] LogMgr& logger() const
+    {
+        LogMgr& instance = LogMgr::getInstance();
+        kept.restore();
+        return instance;
+    }
+
+private:
+    KeptErrno kept;
+};
 
 } // namespace Vesk
 
@@ -28,9 +34,15 @@ inline LogMgr& logger()
 #define LOG_AS(level, name, format, ...) LOG_TEXT(level, format, name __VA_OPT__(, ) __VA_ARGS__)
 
 // The same without a name.
-#define LOG_TEXT(level, ...) ::Vesk::logger().doLog(log_level_##level, kLogSource, __LINE__, __VA_ARGS__)
+#define LOG_TEXT(level, ...) ::Vesk::LogLine().logger().doLog(log_level_##level, kLogSource, __LINE__, __VA_ARGS__)
 
-// Logs a failure and yields the -1 that reports it: `return FAIL("%s(): no such device %s", device.c_str());`
-#define FAIL(format, ...) (LOG(failure, format __VA_OPT__(, ) __VA_ARGS__), -1)
+// Logs and yields what is returned then: `return YIELD(NetlinkQueryContinue, failure, "%s(): Wrong type %d", type);`
+#define YIELD(value, ...) (LOG(__VA_ARGS__), value)
+
+// Logs a failure and yields the -1 that reports it. The reason is in errno already, where the call that failed left it.
+#define FAIL(...) YIELD(-1, failure, __VA_ARGS__)
+
+// The same, with this reason: `return FAIL_WITH(EINVAL, "%s(): Invalid family %u", family);`
+#define FAIL_WITH(reason, ...) (errno = (reason), FAIL(__VA_ARGS__))
 
 #endif

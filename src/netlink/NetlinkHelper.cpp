@@ -10,6 +10,7 @@
 #include <vesk/netlink.h>
 
 #include "Checked.h"
+#include "Errno.h"
 #include "Log.h"
 #include "Message.h"
 #include "WholeRequest.h"
@@ -37,7 +38,6 @@ constexpr char kLogSource[] = "src/netlink/NetlinkHelper";
 
 constexpr std::size_t kUsualAttributes = 8; // no request of this library has more, so the list never grows
 constexpr std::size_t kNoSuchBlock     = SIZE_MAX;
-constexpr unsigned kAttributeMissing   = 1; // kept in payloadLength, a multiple of 4: no member more in the interface
 constexpr std::size_t kReceiveCapacity = 8192;
 constexpr std::size_t kMinErrorSize    = kMessageSize<nlmsgerr>;
 constexpr std::size_t kMinDoneSize     = kMessageSize<int>;
@@ -61,10 +61,17 @@ std::size_t blockSize(const nlattr* block)
     return (block->nla_type & NLA_F_NESTED) != 0 ? NLA_HDRLEN : NLA_ALIGN(std::size_t{block->nla_len});
 }
 
-// The errno of a status that the kernel reports; any 32 bits have one.
+// The errno of a status that the kernel reports, as it is logged; any 32 bits have one.
 int positive(int status)
 {
     return static_cast<int>(0U - static_cast<unsigned int>(status));
+}
+
+// The same as a caller is told it: what is no errno says that the reply is none of a kernel's.
+int reasonOf(int status)
+{
+    constexpr int kLastErrno = 4095; // that the kernel reports
+    return status < 0 && status >= -kLastErrno ? -status : EBADMSG;
 }
 
 // What a kernel puts into one datagram of a dump: as much as a page of the machine holds, and at most 8,192 bytes. With
@@ -84,8 +91,8 @@ public:
     {
         const ssize_t received = recvfrom(socketFd, buffer, size, 0, nullptr, nullptr);
         at                     = buffer;
-        unread                 = received > 0 ? static_cast<std::size_t>(received) : 0;
-        longest                = std::max(longest, unread);
+        unread = datagram = received > 0 ? static_cast<std::size_t>(received) : 0;
+        longest           = std::max(longest, unread);
         return received;
     }
 
@@ -102,11 +109,23 @@ public:
         return message;
     }
 
-private:
+    // After the last message: whether the datagram was longer than a receive, which shows when it ends inside a message.
+    // A cut between two messages does not show.
+    [[nodiscard]] bool isCutOff() const
+    {
+        __u32 length = 0; // of the message that follows, which may have no whole header
+        if (datagram == size && unread >= sizeof length)
+            std::memcpy(&length, at, sizeof length);
+        return length >= NLMSG_HDRLEN && length > unread;
+    }
+
     const std::size_t size = receiveSize();
-    unsigned char* at      = buffer;
-    std::size_t unread     = 0;
-    std::size_t longest    = 0; // datagram so far
+
+private:
+    unsigned char* at    = buffer;
+    std::size_t datagram = 0;
+    std::size_t unread   = 0;
+    std::size_t longest  = 0; // datagram so far
     alignas(nlmsghdr) unsigned char buffer[kReceiveCapacity];
 };
 
@@ -124,6 +143,7 @@ NetlinkMessage::NetlinkMessage() noexcept
     static_assert(offsetof(NetlinkMessage, queryCb) == 24);
     static_assert(offsetof(NetlinkMessage, queryCtx) == 32);
     static_assert(offsetof(NetlinkMessage, requireResponse) == 40);
+    static_assert(offsetof(NetlinkMessage, attributeMissing) == 41);
     static_assert(offsetof(NetlinkMessage, dumpCb) == 48);
     static_assert(offsetof(NetlinkMessage, dumpCtx) == 56);
     static_assert(offsetof(NetlinkMessage, header) == 64);
@@ -135,6 +155,7 @@ NetlinkMessage::NetlinkMessage() noexcept
 
 NetlinkMessage::~NetlinkMessage()
 {
+    const KeptErrno reason; // of the exchange that failed, or of a dump
     clearMsgPayload();
     clearAttributes();
     if (socketFd >= 0)
@@ -168,14 +189,14 @@ void NetlinkMessage::addMsgPayload(int len, void* data) noexcept
     if (size != 0)
         std::memcpy(payload, data, size);
     std::memset(payload + size, 0, padded - size);
-    payloadLength    = padded | (payloadLength & kAttributeMissing);
+    payloadLength    = padded;
     header.nlmsg_len = padded;
 }
 
 void NetlinkMessage::clearMsgPayload() noexcept
 {
     if (payload != nullptr)
-        wipe(payload, payloadLength & ~kAttributeMissing);
+        wipe(payload, payloadLength);
     delete[] payload;
     payload = nullptr;
 }
@@ -191,7 +212,7 @@ void NetlinkMessage::addNLAttribute(int type, int len, void* data) noexcept
     auto* block = new (std::nothrow) unsigned char[padded];
     if (block == nullptr) {
         LOG(failure, "%s(): adding attribute of type %d failed", type);
-        payloadLength |= kAttributeMissing;
+        attributeMissing = true;
         return;
     }
 
@@ -277,7 +298,7 @@ void NetlinkMessage::clearAttributes() noexcept
 int NetlinkMessage::openSocket() noexcept
 {
     if (protocol < 0)
-        return FAIL("%s(): NL protocol not yet set. Aborting");
+        return FAIL_WITH(EINVAL, "%s(): NL protocol not yet set. Aborting");
     if (socketFd >= 0)
         close(socketFd);
 
@@ -292,6 +313,7 @@ int NetlinkMessage::openSocket() noexcept
     sockaddr_nl address = {};
     address.nl_family   = AF_NETLINK;
     if (bind(socketFd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+        const KeptErrno reason;
         LOG(failure, "%s(): binding NL socket failed: errno=[%d, %s]", errno, strerror(errno));
         close(socketFd);
         socketFd = -1;
@@ -305,12 +327,12 @@ int NetlinkMessage::messageSend() noexcept
     const std::size_t count = 1 + (payload != nullptr ? 1 : 0) + attributes.size();
     const std::unique_ptr<iovec[]> blocks(new (std::nothrow) iovec[count]);
     if (blocks == nullptr)
-        return FAIL("%s(): msg allocation failed");
+        return FAIL_WITH(ENOMEM, "%s(): msg allocation failed");
 
     iovec* block = blocks.get();
     *block++     = {&header, sizeof header};
     if (payload != nullptr)
-        *block++ = {payload, payloadLength & ~kAttributeMissing};
+        *block++ = {payload, payloadLength};
     for (nlattr* attribute : attributes)
         *block++ = {attribute, blockSize(attribute)};
 
@@ -324,7 +346,8 @@ int NetlinkMessage::messageSend() noexcept
     if (sent < 0)
         return FAIL("%s(): sending NL message failed. errno=[%d, %s]", errno, strerror(errno));
     if (sent != static_cast<ssize_t>(header.nlmsg_len))
-        return FAIL("%s(): sending full NL message failed: %d of %u", static_cast<int>(sent), header.nlmsg_len);
+        return FAIL_WITH(EMSGSIZE, "%s(): sending full NL message failed: %d of %u", static_cast<int>(sent),
+                         header.nlmsg_len);
     return 0;
 }
 
@@ -354,25 +377,32 @@ int NetlinkMessage::messageTransact() noexcept
         if (message->nlmsg_type != NLMSG_ERROR)
             continue;
         if (message->nlmsg_len < kMinErrorSize)
-            return FAIL("%s(): invalid NL error received");
+            return FAIL_WITH(EBADMSG, "%s(): invalid NL error received");
 
         const int error = payloadOf<nlmsgerr>(message).error;
-        if (error == 0) {
-            LOG(notice, "%s(): NL ACK received form kernel"); // sic
-            return 0;
-        }
+        if (error == 0)
+            return YIELD(0, notice, "%s(): NL ACK received form kernel"); // sic
         LOG(failure, "%s(): kernel reports error %d", error);
-        extack(message);
-        kernelError = error;
-        return -1;
+        return refusedBy(message, error);
     }
-    return FAIL("%s(): no NL ACK received from kernel");
+    return FAIL_WITH(reply.isCutOff() ? EMSGSIZE : EBADMSG, "%s(): no NL ACK received from kernel");
+}
+
+// What the kernel said of a refusal, in words and as the error of the object.
+int NetlinkMessage::refusedBy(nlmsghdr* message, int error) noexcept
+{
+    extack(message);
+    kernelError = error;
+    errno       = reasonOf(error);
+    return -1;
 }
 
 int transactWhole(NetlinkMessage& msg) noexcept
 {
-    const bool whole = msg.payload != nullptr && (msg.payloadLength & kAttributeMissing) == 0;
-    return whole ? msg.messageTransact() : -1;
+    if (msg.payload != nullptr && !msg.attributeMissing)
+        return msg.messageTransact();
+    errno = ENOMEM;
+    return -1;
 }
 
 void NetlinkMessage::extack(nlmsghdr* msg) noexcept
@@ -424,7 +454,7 @@ int NetlinkMessage::messageQuery() noexcept
 int NetlinkMessage::messageQuery(QueryCallback* cb, void* ctx, bool responseRequired) noexcept
 {
     if (cb == nullptr)
-        return FAIL("%s(): attempting to query without valid callback. Aborting");
+        return FAIL_WITH(EINVAL, "%s(): attempting to query without valid callback. Aborting");
     if (openAndSend() != 0)
         return -1;
 
@@ -435,21 +465,21 @@ int NetlinkMessage::messageQuery(QueryCallback* cb, void* ctx, bool responseRequ
     while (nlmsghdr* message = reply.next()) {
         if (message->nlmsg_type == NLMSG_ERROR) {
             if (message->nlmsg_len < kMinErrorSize)
-                return FAIL("%s(): invalid NL error received");
+                return FAIL_WITH(EBADMSG, "%s(): invalid NL error received");
             const int error = payloadOf<nlmsgerr>(message).error;
             LOG(failure, "%s(): kernel reports error %d", error);
-            extack(message);
-            kernelError = error;
-            return -1;
+            return refusedBy(message, error);
         }
 
         const VeskNetlinkQueryReturn verdict = cb(message, ctx);
         if (verdict == NetlinkQueryDone)
             return 0;
         if (verdict == NetlinkQueryFailed)
-            return FAIL("%s(): netlink query cb reports failure");
+            return FAIL_WITH(ECANCELED, "%s(): netlink query cb reports failure");
     }
-    return responseRequired ? FAIL("%s(): netlink query response not found") : 0;
+    if (reply.isCutOff())
+        return FAIL_WITH(EMSGSIZE, "%s(): NL reply was cut off at %zu bytes", reply.size);
+    return responseRequired ? FAIL_WITH(ENOENT, "%s(): netlink query response not found") : 0;
 }
 
 void NetlinkMessage::setDumpCb(DumpCallback* cb, void* ctx) noexcept
@@ -466,34 +496,40 @@ int NetlinkMessage::messageDump() noexcept
 int NetlinkMessage::messageDump(DumpCallback* cb, void* ctx) noexcept
 {
     if (cb == nullptr)
-        return FAIL("%s(): attempting to dump without valid callback. Aborting");
+        return FAIL_WITH(EINVAL, "%s(): attempting to dump without valid callback. Aborting");
     if (openAndSend() != 0)
         return -1;
 
     Reply reply;
+    bool interrupted = false;
     while (reply.receive(socketFd) >= 0) {
         while (nlmsghdr* message = reply.next()) {
+            interrupted |= (message->nlmsg_flags & NLM_F_DUMP_INTR) != 0;
             if (message->nlmsg_type == NLMSG_ERROR) {
                 if (message->nlmsg_len < kMinErrorSize)
-                    return FAIL("%s(): invalid NL ERR received");
+                    return FAIL_WITH(EBADMSG, "%s(): invalid NL ERR received");
                 const int error = payloadOf<nlmsgerr>(message).error;
                 if (error != 0) {
-                    LOG(failure, "%s(): kernel reports errno [%d, %s]", positive(error), strerror(positive(error)));
                     kernelError = error;
-                    return -1;
+                    return FAIL_WITH(reasonOf(error), "%s(): kernel reports errno [%d, %s]", positive(error),
+                                     strerror(positive(error)));
                 }
             } else if (message->nlmsg_type == NLMSG_DONE) {
                 if (message->nlmsg_len < kMinDoneSize)
-                    return FAIL("%s(): invalid dump done message");
+                    return FAIL_WITH(EBADMSG, "%s(): invalid dump done message");
                 const int status = payloadOf<int>(message);
                 if (status < 0)
-                    return FAIL("%s(): NL dump reports errno [%d, %s]", positive(status), strerror(positive(status)));
+                    return FAIL_WITH(reasonOf(status), "%s(): NL dump reports errno [%d, %s]", positive(status),
+                                     strerror(positive(status)));
+                errno = interrupted ? EINTR : 0;
                 return 0;
             } else if ((message->nlmsg_flags & NLM_F_DUMP_INTR) != 0) {
                 LOG(notice, "%s(): NL dump was interrupted");
             }
             cb(message, ctx);
         }
+        if (reply.isCutOff())
+            return FAIL_WITH(EMSGSIZE, "%s(): NL reply was cut off at %zu bytes", reply.size);
     }
     return FAIL("%s(): receiving NL dump failed. errno=[%d %s]", errno, strerror(errno));
 }
@@ -541,7 +577,7 @@ int queryGenericNetlinkFamily(std::string& name, unsigned char version, unsigned
         return result;
     }
     if (answer < 0)
-        return FAIL("%s(): no response to GENL family ID query");
+        return FAIL_WITH(ENOENT, "%s(): no response to GENL family ID query");
 
     *id = static_cast<unsigned short>(answer);
     return 0;

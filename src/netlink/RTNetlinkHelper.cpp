@@ -65,7 +65,7 @@ int RTNetlinkAddressCfg(std::string& device, sockaddr_storage* address, unsigned
         return FAIL("%s(): no duch device %s", device.c_str()); // sic
     const AddressBytes bytes = addressBytes(address);
     if (bytes.size == 0)
-        return FAIL("%s(): invalid addr family %u", address->ss_family);
+        return FAIL_WITH(EAFNOSUPPORT, "%s(): invalid addr family %u", address->ss_family);
 
     // Two independent choices: a value that is none of the enumerators replaces the address, with infinite lifetimes.
     const bool replace    = change != AddressAdd && change != AddressAddDeprecated;
@@ -120,37 +120,37 @@ static VeskNetlinkQueryReturn getRouterAddress(nlmsghdr* message, void* context)
     constexpr unsigned int size = kMessageSize<rtmsg>;
 
     if (message->nlmsg_type != RTM_NEWROUTE)
-        return LOG(failure, "%s(): Wrong message type %d", message->nlmsg_type), next;
+        return YIELD(next, failure, "%s(): Wrong message type %d", message->nlmsg_type);
     if (message->nlmsg_len < size)
-        return LOG(failure, "%s(): Wrong message length %d, need %d more bytes", static_cast<int>(message->nlmsg_len),
-                   static_cast<int>(size - message->nlmsg_len)),
-               next;
+        return YIELD(next, failure, "%s(): Wrong message length %d, need %d more bytes",
+                     static_cast<int>(message->nlmsg_len), static_cast<int>(size - message->nlmsg_len));
 
     const AttributeTable<kMaxRouteType> attributes(message, size);
     nlattr* table = attributes[RTA_TABLE];
     if (table == nullptr)
-        return LOG(failure, "%s(): Table attribute is missing in NEWROUTE message"), next;
+        return YIELD(next, failure, "%s(): Table attribute is missing in NEWROUTE message");
     if (!holdsU32(table))
-        return LOG(failure, "%s(): Table attribute is malformed"), next;
+        return YIELD(next, failure, "%s(): Table attribute is malformed");
 
     nlattr* gateway = attributes[RTA_GATEWAY];
     if (gateway == nullptr)
-        return LOG(failure, "%s(): Gateway attribute is missing in NEWROUTE message"), next;
+        return YIELD(next, failure, "%s(): Gateway attribute is missing in NEWROUTE message");
     if (!holdsU32(gateway)) // an IPv6 address does not, either
-        return LOG(failure, "%s(): Gateway attribute is malformed"), next;
+        return YIELD(next, failure, "%s(): Gateway attribute is malformed");
     char text[512] = {};
     if (inet_ntop(AF_INET, attributeValue(gateway), text, sizeof text) == nullptr)
-        return LOG(failure, "%s(): Gateway address conversion failed with error - %d %s", errno, strerror(errno)), next;
+        return YIELD(next, failure, "%s(): Gateway address conversion failed with error - %d %s", errno,
+                     strerror(errno));
 
     nlattr* output = attributes[RTA_OIF];
     if (output == nullptr)
-        return LOG(failure, "%s(): Outgoing interface attribute is missing in NEWROUTE message"), next;
+        return YIELD(next, failure, "%s(): Outgoing interface attribute is missing in NEWROUTE message");
     if (!holdsU32(output))
-        return LOG(failure, "%s(): Outgoing interface attribute is malformed"), next;
+        return YIELD(next, failure, "%s(): Outgoing interface attribute is malformed");
     char device[IF_NAMESIZE] = {};
     if (if_indextoname(u32Of(output), device) == nullptr)
-        return LOG(failure, "%s(): Outgoing interface device lookup failed with error - %d %s", errno, strerror(errno)),
-               next;
+        return YIELD(next, failure, "%s(): Outgoing interface device lookup failed with error - %d %s", errno,
+                     strerror(errno));
 
     LOG(verbose, "%s(): Table %u gateway address %s device %s", u32Of(table), text, device);
     *static_cast<std::string*>(context) = text;
@@ -159,15 +159,13 @@ static VeskNetlinkQueryReturn getRouterAddress(nlmsghdr* message, void* context)
 
 RouterAddressResult RTNetlinkGetRoute(std::string destination, unsigned int mark, unsigned char family) noexcept
 {
-    const RouterAddressResult failed = {"", -1};
     if (!isIPv4Or6(family))
-        return LOG(failure, "%s(): Invalid family %u", family), failed;
+        return {"", FAIL_WITH(EAFNOSUPPORT, "%s(): Invalid family %u", family)};
     unsigned char address[kAddressMax] = {};
     const int converted                = inet_pton(family, destination.c_str(), address);
     if (converted != 1)
-        return LOG(failure, "%s(): inet_pton failed on destonation address %s with error %d", destination.c_str(),
-                   converted), // sic
-               failed;
+        return {"", FAIL_WITH(EINVAL, "%s(): inet_pton failed on destonation address %s with error %d", // sic
+                              destination.c_str(), converted)};
 
     static_assert(sizeof(rtmsg) == 12);
     auto route        = zeroed<rtmsg>();
@@ -184,7 +182,7 @@ RouterAddressResult RTNetlinkGetRoute(std::string destination, unsigned int mark
     std::string gateway;
     msg.setQueryCb(getRouterAddress, &gateway, false);
     if (msg.messageQuery() != 0)
-        return LOG(failure, "%s(): Getting routes failed"), failed;
+        return {"", FAIL("%s(): Getting routes failed")};
     LOG(verbose, "%s(): Got router address %s", gateway.c_str());
     return {gateway, 0};
 }
@@ -221,17 +219,18 @@ int RTNetlinkAddRoute(std::string destination, unsigned int mark, unsigned char 
 {
     unsigned char to[kAddressMax] = {}, via[kAddressMax] = {};
     if (!isIPv4Or6(family))
-        return FAIL("%s(): Invalid family %u", family);
+        return FAIL_WITH(EAFNOSUPPORT, "%s(): Invalid family %u", family);
     int rc = inet_pton(family, destination.c_str(), to);
     if (rc != 1)
-        return FAIL("%s(): inet_pton failed on destination address %s with error %d", destination.c_str(), rc);
+        return FAIL_WITH(EINVAL, "%s(): inet_pton failed on destination address %s with error %d", destination.c_str(),
+                         rc);
     const auto [gateway, status] = RTNetlinkGetRoute(destination, mark, family);
     if (status != 0)
         return FAIL("%s(): Unable to get gateway address address %s mark %u with error %d", destination.c_str(), mark,
                     status); // sic
     rc = inet_pton(family, gateway.c_str(), via);
     if (rc != 1)
-        return FAIL("%s(): inet_pton failed on gateway address %s - rc %d", gateway.c_str(), rc);
+        return FAIL_WITH(ENOENT, "%s(): inet_pton failed on gateway address %s - rc %d", gateway.c_str(), rc);
 
     if (sendRoute(RTM_NEWROUTE, kCreate, family, table, outputIfIndex, to, via) != 0)
         return FAIL("%s(): Failed to install ip route");
@@ -244,17 +243,17 @@ int RTNetlinkDeleteRoute(std::string destination, unsigned int mark, unsigned ch
 {
     unsigned char to[kAddressMax] = {}, via[kAddressMax] = {};
     if (!isIPv4Or6(family))
-        return FAIL("%s(): Invalid family %u", family);
+        return FAIL_WITH(EAFNOSUPPORT, "%s(): Invalid family %u", family);
     int rc = inet_pton(family, destination.c_str(), to);
     if (rc != 1)
-        return FAIL("%s(): inet_pton failed on source address %s - rc %d", destination.c_str(), rc); // sic
+        return FAIL_WITH(EINVAL, "%s(): inet_pton failed on source address %s - rc %d", destination.c_str(), rc); // sic
     const auto [gateway, status] = RTNetlinkGetRoute(destination, mark, family);
     if (status != 0)
         return FAIL("%s(): Unable to get gateway address address %s mark %u with error %d", destination.c_str(), mark,
                     status); // sic
     rc = inet_pton(family, gateway.c_str(), via);
     if (rc != 1)
-        return FAIL("%s(): inet_pton failed on source address %s - rc %d", gateway.c_str(), rc); // sic
+        return FAIL_WITH(ENOENT, "%s(): inet_pton failed on source address %s - rc %d", gateway.c_str(), rc); // sic
 
     // Not acknowledged, so that this succeeds whether or not there is such a route.
     if (sendRoute(RTM_DELROUTE, NLM_F_REQUEST, family, table, outputIfIndex, to, via) != 0)
@@ -335,10 +334,13 @@ std::optional<std::pair<unsigned int, unsigned int>> RTNetlinkGetRule(std::strin
     RuleMarkCtx rule = {device, 0, 0};
     msg.setDumpCb(getRuleMark, &rule);
     if (msg.messageDump() != 0)
-        return LOG(failure, "%s(): Getting rules failed for dev %s", device.c_str()), std::nullopt;
-    if (rule.fwmark == 0 || rule.fwmask == 0)
-        return LOG(failure, "%s(): Invalid fwmark 0x%04x/0x%04x for dev %s", rule.fwmark, rule.fwmask, device.c_str()),
-               std::nullopt;
+        return YIELD(std::nullopt, failure, "%s(): Getting rules failed for dev %s", device.c_str());
+    if (rule.fwmark == 0 || rule.fwmask == 0) {
+        if (errno == 0) // the dump was whole; an interrupted one may have missed the rule, and says so
+            errno = ENOENT;
+        return YIELD(std::nullopt, failure, "%s(): Invalid fwmark 0x%04x/0x%04x for dev %s", rule.fwmark, rule.fwmask,
+                     device.c_str());
+    }
     LOG(verbose, "%s(): Got rule fwmark 0x%04x/0x%04x for dev %s", rule.fwmark, rule.fwmask, device.c_str());
     return std::pair(rule.fwmark, rule.fwmask);
 }
@@ -382,8 +384,10 @@ const QdiscOperation* buildQdisc(NetlinkMessage& msg, const char* name, const st
                                  unsigned char operations)
 {
     const unsigned int index = if_nametoindex(device.c_str());
-    if (index == 0)
-        return LOG_AS(failure, name, "%s(): no such device %s", device.c_str()), nullptr;
+    if (index == 0) {
+        LOG_AS(failure, name, "%s(): no such device %s", device.c_str());
+        return nullptr;
+    }
 
     static_assert(sizeof(tcmsg) == 20);
     auto qdisc        = zeroed<tcmsg>();
@@ -393,8 +397,11 @@ const QdiscOperation* buildQdisc(NetlinkMessage& msg, const char* name, const st
     msg.addMsgPayload(sizeof qdisc, &qdisc);
     msg.addNLAttribute(TCA_KIND, kind);
 
-    if (operation >= operations)
-        return LOG_AS(failure, name, "%s(): tc qdisc invalid flag operation"), nullptr;
+    if (operation >= operations) {
+        errno = EINVAL;
+        LOG_AS(failure, name, "%s(): tc qdisc invalid flag operation");
+        return nullptr;
+    }
     const QdiscOperation& chosen = kQdiscOperations[operation];
     msg.setNLMsgHeader(NETLINK_ROUTE, chosen.type, chosen.flags);
     return &chosen;

@@ -7,7 +7,8 @@ namespace Vesk {
 
 class NetlinkMessage;
 
-// `messageTransact`, unless the payload or an attribute could not be added (logged then): -1, and nothing is sent.
+// `messageTransact`, unless the payload or an attribute could not be added (logged then): -1 with ENOMEM, and nothing
+// is sent.
 int transactWhole(NetlinkMessage& msg) noexcept;
 
 } // namespace Vesk

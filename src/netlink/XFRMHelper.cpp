@@ -22,6 +22,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
@@ -179,13 +180,13 @@ int setXFRMIdFromBexa(const SaRecord& record, xfrm_address_t* saddr, xfrm_id* id
 {
     const Half half = halfOf(record, tx);
     if (record.remote_addr_valid == 0 || record.local_addr_valid == 0 || record.ipsec_protocol_valid == 0)
-        return FAIL("%s(): IPSEC addresses or protocol is marked as invalid\n");
+        return FAIL_WITH(EINVAL, "%s(): IPSEC addresses or protocol is marked as invalid\n");
     if (half.spiValid == 0)
-        return FAIL("%s(): %s SPI value is marked as invalid\n", half.name);
+        return FAIL_WITH(EINVAL, "%s(): %s SPI value is marked as invalid\n", half.name);
 
     const std::uint32_t protocol = record.ipsec_protocol & 0xff; // sic: elsewhere the whole value counts
     if (protocol != kAH && protocol != kESP)
-        return FAIL("%s(): invalid IPSEC protocol %d\n", static_cast<int>(record.ipsec_protocol));
+        return FAIL_WITH(EINVAL, "%s(): invalid IPSEC protocol %d\n", static_cast<int>(record.ipsec_protocol));
     id->proto = protocol == kAH ? IPPROTO_AH : IPPROTO_ESP;
     LOG(detail, "%s():\t..id.proto = %s\n", protocol == kAH ? "ah" : "esp");
     LOG(detail, "%s():\t..saddr = %s\n", kUnsaid);
@@ -200,9 +201,9 @@ int setXFRMIdFromBexa(const SaRecord& record, xfrm_address_t* saddr, xfrm_id* id
 int setXFRMMode(const SaRecord& record, __u8* mode)
 {
     if (record.encap_mode_valid == 0)
-        return FAIL("%s(): encapsulation mode marked as invalid\n");
+        return FAIL_WITH(EINVAL, "%s(): encapsulation mode marked as invalid\n");
     if (record.encap_mode != kTunnel && record.encap_mode != kTransport)
-        return FAIL("%s(): invalid XFRM mode 0x%x\n", record.encap_mode);
+        return FAIL_WITH(EINVAL, "%s(): invalid XFRM mode 0x%x\n", record.encap_mode);
     *mode = record.encap_mode == kTunnel ? XFRM_MODE_TUNNEL : XFRM_MODE_TRANSPORT;
     LOG(detail, "%s():\t..mode = %s\n", *mode == XFRM_MODE_TUNNEL ? "tunnel" : "transport");
     return 0;
@@ -235,6 +236,7 @@ public:
         std::strncpy(head().alg_name, name, sizeof head().alg_name - 1);
         head().alg_key_len = key.length * 8;
         std::memcpy(bytes + sizeof(Algorithm), key.bytes, key.length);
+        wipeRegisters();
     }
     ~AlgorithmWithKey() { wipe(bytes, sizeof bytes); }
     AlgorithmWithKey(const AlgorithmWithKey&)            = delete;
@@ -244,6 +246,7 @@ public:
     void addTo(NetlinkMessage& msg, int type)
     {
         msg.addNLAttribute(type, static_cast<int>(sizeof(Algorithm) + head().alg_key_len / 8), bytes);
+        wipeRegisters();
     }
 
 private:
@@ -254,16 +257,16 @@ int setXFRMCryptoAlg(const SaRecord& record, NetlinkMessage& msg, bool tx)
 {
     const Half half = halfOf(record, tx);
     if (record.crypto_algo_valid == 0)
-        return FAIL("%s(): crypto algorithm marked as invalid\n");
+        return FAIL_WITH(EINVAL, "%s(): crypto algorithm marked as invalid\n");
     if (half.cipherKey.valid == 0)
-        return FAIL("%s(): %s crypto key marked as invalid\n", half.name);
+        return FAIL_WITH(EINVAL, "%s(): %s crypto key marked as invalid\n", half.name);
     const Cipher* cipher = lookUp(kCiphers, record.crypto_algo);
     if (cipher == nullptr)
-        return FAIL("%s(): invalid crypto algo %d\n", static_cast<int>(record.crypto_algo));
+        return FAIL_WITH(EINVAL, "%s(): invalid crypto algo %d\n", static_cast<int>(record.crypto_algo));
     const std::uint32_t mode =
         cipher->counterModeName != nullptr && record.aes_mode_valid != 0 ? record.aes_mode : kCBC;
     if (mode != kCBC && mode != kCTR)
-        return FAIL("%s(): invalid AES mode %d\n", static_cast<int>(mode));
+        return FAIL_WITH(EINVAL, "%s(): invalid AES mode %d\n", static_cast<int>(mode));
 
     static_assert(sizeof(xfrm_algo) == 68);
     AlgorithmWithKey<xfrm_algo> algorithm(mode == kCTR ? cipher->counterModeName : cipher->name, half.cipherKey);
@@ -278,12 +281,13 @@ int setXFRMAuthAlg(const SaRecord& record, NetlinkMessage& msg, bool tx)
 {
     const Half half = halfOf(record, tx);
     if (record.hash_algo_valid == 0)
-        return FAIL("%s(): hash algo marked as invalid\n");
+        return FAIL_WITH(EINVAL, "%s(): hash algo marked as invalid\n");
     if (half.hashKey.valid == 0)
-        return tx ? FAIL("%s(): TX hash key marked as invalid\n") : FAIL("%s(): RX hash key marked as invalid\n");
+        return tx ? FAIL_WITH(EINVAL, "%s(): TX hash key marked as invalid\n")
+                  : FAIL_WITH(EINVAL, "%s(): RX hash key marked as invalid\n");
     const Hash* hash = lookUp(kHashes, record.hash_algo);
     if (hash == nullptr)
-        return FAIL("%s(): invalid autho algo %d\n", static_cast<int>(record.hash_algo)); // sic
+        return FAIL_WITH(EINVAL, "%s(): invalid autho algo %d\n", static_cast<int>(record.hash_algo)); // sic
 
     static_assert(sizeof(xfrm_algo_auth) == 72);
     AlgorithmWithKey<xfrm_algo_auth> algorithm(hash->name, half.hashKey);
@@ -540,9 +544,9 @@ int setXFRMAddress(xfrm_address_t* address, __u8* prefixLength, __u16* family, c
 
     const bool v6 = std::strchr(buffer, ':') != nullptr;
     if (v6 && inet_pton(AF_INET6, buffer, address) < 1)
-        return FAIL("%s(): invalid IPv6 address %s\n", buffer);
+        return FAIL_WITH(EINVAL, "%s(): invalid IPv6 address %s\n", buffer);
     if (!v6 && inet_pton(AF_INET, buffer, address) < 1)
-        return FAIL("%s(): invalid IPv4 address %s\n", buffer);
+        return FAIL_WITH(EINVAL, "%s(): invalid IPv4 address %s\n", buffer);
 
     *family       = v6 ? AF_INET6 : AF_INET;
     *prefixLength = slash != nullptr ? static_cast<__u8>(std::strtoul(slash + 1, nullptr, 0)) : v6 ? 128 : 32;
@@ -557,7 +561,7 @@ int setXFRMSel(xfrm_selector* sel, const std::string& source, const std::string&
             return FAIL("%s(): setting selector source address failed\n");
         LOG(detail, "%s()\t..sel.saddr = %s/%u\n", source.c_str(), sel->prefixlen_s);
     } else if (destination.empty()) {
-        return FAIL("%s(): selector must have either source or destination\n");
+        return FAIL_WITH(EINVAL, "%s(): selector must have either source or destination\n");
     }
     if (!destination.empty()) {
         if (setXFRMAddress(&sel->daddr, &sel->prefixlen_d, &sel->family, destination) != 0)
@@ -605,9 +609,9 @@ int addXFRMPolicy(const SaRecord& record, const std::string& source, const std::
         return FAIL("%s(): setting policy templace failed\n"); // sic
 
     NetlinkMessage msg;
-    msg.setNLMsgHeader(NETLINK_XFRM, XFRM_MSG_NEWPOLICY, kAcknowledged);
-    msg.addMsgPayload(sizeof policy, &policy);
     msg.addNLAttribute(XFRMA_TMPL, sizeof tmpl, &tmpl);
+    msg.addMsgPayload(sizeof policy, &policy);
+    msg.setNLMsgHeader(NETLINK_XFRM, XFRM_MSG_NEWPOLICY, kAcknowledged);
     const int result = transactWhole(msg);
     if (result != 0)
         LOG(failure, "%s(): sending XFRM policy failed\n");
@@ -650,7 +654,7 @@ int migrateOneXFRM(const SaRecord& from, const SaRecord& to, const std::string& 
     static_assert(sizeof(xfrm_user_migrate) == 76);
     auto entry = zeroed<xfrm_user_migrate>();
     if (to.ipsec_protocol != kAH && to.ipsec_protocol != kESP)
-        return FAIL("%s(): invalid IPSEC protocol %d\n", static_cast<int>(to.ipsec_protocol));
+        return FAIL_WITH(EINVAL, "%s(): invalid IPSEC protocol %d\n", static_cast<int>(to.ipsec_protocol));
     entry.proto = to.ipsec_protocol == kAH ? IPPROTO_AH : IPPROTO_ESP;
 
     const bool outbound = direction == XFRM_POLICY_OUT;
@@ -816,11 +820,11 @@ int migrateXFRMInfo(SaRecord& oldRecord, SaRecord& newRecord, std::string& local
                     unsigned char protocol) noexcept
 {
     if (oldRecord.encap_mode != newRecord.encap_mode)
-        return FAIL("%s(): XFRM mode has changed\n");
+        return FAIL_WITH(EINVAL, "%s(): XFRM mode has changed\n");
     if (oldRecord.ipsec_protocol != newRecord.ipsec_protocol)
-        return FAIL("%s(): XFRM protocol has changed\n");
+        return FAIL_WITH(EINVAL, "%s(): XFRM protocol has changed\n");
     if (!sameAddress(oldRecord.remote_addr, newRecord.remote_addr))
-        return FAIL("%s(): remote address has changed\n");
+        return FAIL_WITH(EINVAL, "%s(): remote address has changed\n");
 
     const auto migrate = [&](const SaRecord& from, const SaRecord& to, unsigned char direction) {
         return migrateOneXFRM(from, to, localSelector, remoteSelector, protocol, direction);
@@ -833,19 +837,23 @@ int migrateXFRMInfo(SaRecord& oldRecord, SaRecord& newRecord, std::string& local
         return result;
     }
 
+    int reason = 0; // of the step that failed first; those that move back are only logged
     LOG(notice, "%s(): migrating incoming XFRM info\n");
     if (migrate(oldRecord, newRecord, XFRM_POLICY_IN) != 0) {
+        reason = errno;
         LOG(failure, "%s(): migrating RX XFRM info failed\n");
     } else {
         LOG(notice, "%s(): migrating forwarding XFRM info\n");
         if (migrate(oldRecord, newRecord, XFRM_POLICY_FWD) == 0)
             return 0;
+        reason = errno;
         LOG(failure, "%s(): migrating FWD XFRM info failed\n");
         if (migrate(newRecord, oldRecord, XFRM_POLICY_IN) != 0)
             LOG(failure, "%s(): rolling back RX XFRM migration failed\n");
     }
     if (migrate(newRecord, oldRecord, XFRM_POLICY_OUT) != 0)
         LOG(failure, "%s(): rolling back TX XFRM migration failed\n");
+    errno = reason;
     return -1;
 }
 
