@@ -1,5 +1,6 @@
 #include "RealKernel.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <stdexcept>
@@ -38,6 +39,11 @@ std::string lacking(const std::string& command, std::initializer_list<const char
         if (text.find(piece) == std::string::npos)
             missing += std::string("\"") + piece + "\" is not in the output of " + command + '\n';
     return missing.empty() ? missing : missing + text;
+}
+
+int reason(int result)
+{
+    return result == -1 ? errno : 0;
 }
 
 std::string failures(const LogCapture& log)

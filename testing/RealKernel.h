@@ -25,6 +25,9 @@ bool succeeds(const std::string& command);
 /// Which of these pieces the output of a command lacks, and the output; empty when it lacks none.
 std::string lacking(const std::string& command, std::initializer_list<const char*> pieces);
 
+/// Why an operation failed: errno after a result of -1, or 0.
+int reason(int result);
+
 /// The texts of the captured lines of level 4, each with a line feed at its end.
 std::string failures(const LogCapture& log);
 

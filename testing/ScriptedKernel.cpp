@@ -29,6 +29,9 @@ struct Pause {
     ~Pause() { watching = before; }
 };
 
+// What the logger leaves in errno, as the platform's may leave anything there.
+constexpr int kNonsense = 4242;
+
 void append(Bytes& bytes, const void* data, std::size_t size)
 {
     const auto* from = static_cast<const std::uint8_t*>(data);
@@ -462,7 +465,7 @@ __attribute__((no_sanitize("thread"))) int getpagesize() noexcept
 LogMgr& LogMgr::getInstance()
 {
     static LogMgr instance;
-    errno = 0; // the platform's may change it, too
+    errno = kNonsense;
     return instance;
 }
 
@@ -470,6 +473,7 @@ void LogMgr::doLog(log_level level, const char* file, unsigned int line, const c
 {
     const Pause pause;
     static const int lowest = lowestLogLevel();
+    errno                   = kNonsense;
     if (capture == nullptr && level < lowest)
         return;
     char text[2048];
@@ -481,6 +485,7 @@ void LogMgr::doLog(log_level level, const char* file, unsigned int line, const c
         capture->lines.push_back({level, file, format, text, line});
     else
         std::fprintf(stderr, "%d %s:%u %s\n", level, file, line, text);
+    errno = kNonsense;
 }
 
 // Not inlined, or g++ sees malloc() behind new and free() behind delete, and warns of both.

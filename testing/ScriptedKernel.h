@@ -22,7 +22,8 @@
  * A program that links `vesk::testing` has its own socket, setsockopt, bind, sendmsg, recvfrom and close for
  * AF_NETLINK, its own if_nametoindex, if_indextoname, rand, getpagesize, operators new and delete (those for
  * over-aligned types aside) and `LogMgr`; they win over those that the shared library imports. While no ScriptedKernel
- * lives on the calling thread, they do what they always do, and log lines go to standard error.
+ * lives on the calling thread, they do what they always do, and log lines go to standard error. Every log line leaves
+ * nonsense in errno, as the platform's logger may: what a call reports there is the library's own word.
  */
 #ifndef VESK_SCRIPTED_KERNEL_H
 #define VESK_SCRIPTED_KERNEL_H

@@ -22,7 +22,7 @@ TEST(Kernel, NumbersAFamily)
     EXPECT_EQ(queryGenericNetlinkFamily(controller, 2, &id), 0);
     EXPECT_EQ(id, 16);
     EXPECT_EQ(failures(log), "");
-    EXPECT_EQ(queryGenericNetlinkFamily(unknown, 2, &id), -1);
+    EXPECT_EQ(reason(queryGenericNetlinkFamily(unknown, 2, &id)), ENOENT);
     EXPECT_EQ(id, 16);
     EXPECT_EQ(failures(log),
               "messageQuery(): kernel reports error -2\nqueryGenericNetlinkFamily(): Netlink query failed\n");
@@ -40,10 +40,31 @@ TEST(Kernel, ExplainsARefusal)
     msg.addNLAttribute(IFLA_MTU, static_cast<unsigned short>(1));
 
     LogCapture log;
-    EXPECT_EQ(msg.messageTransact(), -1);
+    EXPECT_EQ(reason(msg.messageTransact()), ERANGE);
     EXPECT_EQ(msg.getKernelError(), -ERANGE);
     EXPECT_EQ(failures(log), "messageTransact(): kernel reports error -34\n"
                              "extack(): EXTACK reports Attribute failed policy validation\n");
+}
+
+// A kernel sizes the datagrams of this dump by its devices. A hundred names of a hundred characters are longer than any
+// receive.
+TEST(Kernel, SaysThatAReplyWasCutOff)
+{
+    const auto names = [](const char* verb) {
+        return "seq 100 | xargs printf 'link property " + std::string(verb) +
+               " dev lo altname a%099d\\n' | ip -batch -";
+    };
+    ifinfomsg any = {};
+    NetlinkMessage msg;
+    msg.setNLMsgHeader(NETLINK_ROUTE, RTM_GETLINK, NLM_F_REQUEST | NLM_F_DUMP);
+    msg.addMsgPayload(sizeof any, &any);
+    msg.addNLAttribute(IFLA_EXT_MASK, static_cast<unsigned int>(RTEXT_FILTER_SKIP_STATS));
+
+    output(names("add"));
+    LogCapture log;
+    EXPECT_EQ(reason(msg.messageDump([](nlmsghdr*, void*) {}, nullptr)), EMSGSIZE);
+    EXPECT_NE(failures(log).find("messageDump(): NL reply was cut off at "), std::string::npos);
+    output(names("del"));
 }
 
 TEST(MainlineRefuses, AddressesOfAnyFamilyAndIPv4Labels)
@@ -53,12 +74,13 @@ TEST(MainlineRefuses, AddressesOfAnyFamilyAndIPv4Labels)
     for (const int change : {AddressAdd, AddressDeprecate, AddressRenew, AddressAddDeprecated})
         for (sockaddr_storage* address : {&v4, &v6}) {
             LogCapture log;
-            EXPECT_EQ(RTNetlinkAddressCfg(device, address, 32, static_cast<AddressLifetimeChange>(change), 60), -1);
+            const auto how = static_cast<AddressLifetimeChange>(change);
+            EXPECT_EQ(reason(RTNetlinkAddressCfg(device, address, 32, how, 60)), EOPNOTSUPP);
             EXPECT_EQ(failures(log), "messageTransact(): kernel reports error -95\n"
                                      "RTNetlinkAddressCfg(): configuring address failed\n");
         }
     LogCapture log;
-    EXPECT_EQ(addrlabelAdd(&v4, 32, 4711, 0), -1) << "labels are for IPv6";
+    EXPECT_EQ(reason(addrlabelAdd(&v4, 32, 4711, 0)), EOPNOTSUPP) << "labels are for IPv6";
     EXPECT_EQ(failures(log),
               "messageTransact(): kernel reports error -95\naddrlabelModify(): modifying address label failed\n");
     EXPECT_EQ(output("ip address show dev lo").find("192.0.2.1"), std::string::npos);
@@ -70,7 +92,7 @@ TEST(MainlineRefuses, TheGSOSizeInTwoBytes)
         GTEST_SKIP() << "this kernel has no dummy device";
     std::string device = "gso0";
     LogCapture log;
-    EXPECT_EQ(RTNetlinkSetGSOMaxSize(device, 16384), -1);
+    EXPECT_EQ(reason(RTNetlinkSetGSOMaxSize(device, 16384)), ERANGE);
     EXPECT_EQ(failures(log), "messageTransact(): kernel reports error -34\n"
                              "RTNetlinkSetGSOMaxSize(): configuring gso max size failed for dev gso0\n");
     EXPECT_NE(output("ip -d link show dev gso0").find("gso_max_size 65536"), std::string::npos);
@@ -105,7 +127,7 @@ TEST_F(Routes, LeadThroughTheGatewayOfTheirDestination)
     EXPECT_NE(output("ip route get 198.51.100.7").find("via 192.0.2.254 dev wan0 table 1234"), std::string::npos);
     output("ip rule del priority 5");
     EXPECT_EQ(failures(log), "");
-    EXPECT_EQ(RTNetlinkAddRoute("198.51.100.7", 0, AF_INET, 1234, index), -1) << "it exists";
+    EXPECT_EQ(reason(RTNetlinkAddRoute("198.51.100.7", 0, AF_INET, 1234, index)), EEXIST);
     EXPECT_EQ(failures(log),
               "messageTransact(): kernel reports error -17\nRTNetlinkAddRoute(): Failed to install ip route\n");
     EXPECT_EQ(RTNetlinkDeleteRoute("198.51.100.7", 0, AF_INET, 1234, index), 0);
@@ -115,10 +137,10 @@ TEST_F(Routes, LeadThroughTheGatewayOfTheirDestination)
 
 TEST_F(Routes, AreLookedUpAsTheKernelWould)
 {
-    const auto looksUp = [](const char* destination, unsigned int mark, unsigned char family, int status,
+    const auto looksUp = [](const char* destination, unsigned int mark, unsigned char family, int error,
                             const char* gateway) {
         const RouterAddressResult result = RTNetlinkGetRoute(destination, mark, family);
-        EXPECT_EQ(result.status, status) << destination;
+        EXPECT_EQ(reason(result.status), error) << destination;
         EXPECT_EQ(result.gateway, gateway) << destination;
     };
     output("ip rule add priority 5 fwmark 0x2a lookup 77");
@@ -131,7 +153,7 @@ TEST_F(Routes, AreLookedUpAsTheKernelWould)
     EXPECT_EQ(failures(log), "");
     looksUp("192.0.2.7", 0, AF_INET, 0, ""); // on the link
     looksUp("2001:db8:2::1", 0, AF_INET6, 0, "");
-    looksUp("203.0.113.1", 0, AF_INET, -1, "");
+    looksUp("203.0.113.1", 0, AF_INET, EHOSTUNREACH, "");
     EXPECT_EQ(failures(log), "getRouterAddress(): Gateway attribute is missing in NEWROUTE message\n"
                              "getRouterAddress(): Gateway attribute is malformed\n"
                              "messageQuery(): kernel reports error -113\nRTNetlinkGetRoute(): Getting routes failed\n");
@@ -147,10 +169,12 @@ TEST(Rules, AreFoundAmongAThousand)
     output(batch("add"));
     LogCapture log;
     EXPECT_EQ(RTNetlinkGetRule("lo"), std::nullopt);
+    EXPECT_EQ(errno, ENOENT);
     EXPECT_EQ(failures(log), "RTNetlinkGetRule(): Invalid fwmark 0x0000/0x0000 for dev lo\n");
     output("ip rule add priority 16000 fwmark 0x10/0xff table 1001"); // the index of lo is 1
     output("ip rule add priority 16000 fwmark 0x20/0xff table 1002");
     EXPECT_EQ(RTNetlinkGetRule("lo"), (std::pair{0x10u, 0xffu}));
+    EXPECT_EQ(errno, 0) << "the dump was whole";
     output("ip rule del priority 16000; ip rule del priority 16000");
     output(batch("del"));
 }
@@ -169,7 +193,7 @@ TEST(Labels, AreGeneratedAroundWhatIsInstalled)
     EXPECT_EQ(addrlabelAdd(&prefixes[0], 64, 22, 1), 0);
     EXPECT_NE(output("ip addrlabel").find("prefix 2001:db8:1::/64 dev lo label 22"), std::string::npos);
     EXPECT_EQ(failures(log), "");
-    EXPECT_EQ(addrlabelAdd(&prefixes[0], 64, 22, 1), -1) << "it exists";
+    EXPECT_EQ(reason(addrlabelAdd(&prefixes[0], 64, 22, 1)), EEXIST);
     EXPECT_EQ(failures(log),
               "messageTransact(): kernel reports error -17\naddrlabelModify(): modifying address label failed\n");
     EXPECT_EQ(generates(), 21u);
@@ -179,7 +203,7 @@ TEST(Labels, AreGeneratedAroundWhatIsInstalled)
     EXPECT_GE(generates(), 22u) << "no gap is left";
     for (unsigned int i = 0; i < 3; ++i)
         EXPECT_EQ(addrlabelDel(&prefixes[i], 64, 22 - i, 1), 0);
-    EXPECT_EQ(addrlabelDel(&prefixes[0], 64, 22, 1), -1) << "it is gone";
+    EXPECT_EQ(reason(addrlabelDel(&prefixes[0], 64, 22, 1)), ESRCH) << "it is gone";
 }
 
 TEST(Labels, ArePurgedWithTheirCompanionsAndNobodyElse)
@@ -229,7 +253,7 @@ TEST_F(Qdiscs, OfAnyKindAreInstalledAndRemoved)
     for (std::string kind : {"fq_codel", "pfifo", "sfq"}) {
         EXPECT_EQ(RTNetlinkTCQdisc(device, kind, 0, 0x10000, 0), 0);
         EXPECT_NE(output("tc qdisc show dev wan0").find("qdisc " + kind + " 1: root"), std::string::npos) << kind;
-        EXPECT_EQ(RTNetlinkTCQdisc(device, kind, 0, 0x10000, 0), -1) << "it exists";
+        EXPECT_EQ(reason(RTNetlinkTCQdisc(device, kind, 0, 0x10000, 0)), EEXIST);
         EXPECT_EQ(RTNetlinkTCQdisc(device, kind, 0, 0x10000, 1), 0);
         EXPECT_EQ(output("tc qdisc show dev wan0").find(kind), std::string::npos);
     }
@@ -240,10 +264,10 @@ TEST_F(Qdiscs, OfThePlatformAreRefusedByMainline)
 {
     const std::string refused = "messageTransact(): kernel reports error -22\n";
     LogCapture log;
-    EXPECT_EQ(RTNetlinkTCPrio(device, 0, 0x10000, 0), -1);
-    EXPECT_EQ(RTNetlinkFlowControl(device, 0, 0x10000, 1, 0), -1);
+    EXPECT_EQ(reason(RTNetlinkTCPrio(device, 0, 0x10000, 0)), EINVAL);
+    EXPECT_EQ(reason(RTNetlinkFlowControl(device, 0, 0x10000, 1, 0)), EINVAL);
     output("tc qdisc add dev wan0 root handle 1: prio");
-    EXPECT_EQ(RTNetlinkFlowControl(device, 0, 0x10000, 0, 2), -1);
+    EXPECT_EQ(reason(RTNetlinkFlowControl(device, 0, 0x10000, 0, 2)), EINVAL);
     EXPECT_EQ(failures(log), refused + "RTNetlinkTCPrio(): tc qdisc transaction failed\n" + refused +
                                  "RTNetlinkFlowControl(): tc qdisc transaction failed\n" + refused +
                                  "RTNetlinkFlowControl(): tc qdisc transaction failed\n");

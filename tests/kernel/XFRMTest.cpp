@@ -51,7 +51,7 @@ TEST_F(States, AreInstalledWithEveryFieldAndRemoved)
                   "expire add: soft 0(sec), hard 0(sec)"});
 
     LogCapture log;
-    EXPECT_EQ(addXFRMStates(record, kTechnology, 0, 0), -1) << "they exist";
+    EXPECT_EQ(reason(addXFRMStates(record, kTechnology, 0, 0)), EEXIST);
     EXPECT_EQ(failures(log), "messageTransact(): kernel reports error -17\n"
                              "addXFRMState(): sending XFRM state failed\n"
                              "addXFRMStates(): setting TX XFRM state failed\n");
@@ -96,7 +96,7 @@ TEST_F(States, OfAHAreRefusedForTheirCipher)
     Record record         = espTunnel("192.0.2.1", "198.51.100.7");
     record.ipsec_protocol = 2;
     LogCapture log;
-    EXPECT_EQ(addXFRMStates(record, kTechnology, 0, 0), -1);
+    EXPECT_EQ(reason(addXFRMStates(record, kTechnology, 0, 0)), EINVAL);
     EXPECT_EQ(failures(log), "messageTransact(): kernel reports error -22\n"
                              "addXFRMState(): sending XFRM state failed\n"
                              "addXFRMStates(): setting TX XFRM state failed\n");
@@ -148,7 +148,7 @@ TEST_F(States, AreUpdatedInPlace)
 {
     Record record = espTunnel("192.0.2.1", "198.51.100.7");
     LogCapture log;
-    EXPECT_EQ(updateXFRMStates(record, kTechnology, 1, 0xff), -1) << "there are none";
+    EXPECT_EQ(reason(updateXFRMStates(record, kTechnology, 1, 0xff)), ESRCH) << "there are none";
     const std::string keys =
         " mode tunnel enc 'cbc(aes)' 0x00112233445566778899aabbccddeeff"
         " auth-trunc 'hmac(sha256)' 0x0011223344556677889900112233445566778899001122334455667788990011 128";
@@ -174,31 +174,32 @@ TEST(Policies, AreListedWithTheirTemplates)
                      {"src 10.1.0.0/16 dst 10.0.0.0/8 proto udp", "priority 100", "tmpl src 198.51.100.7 dst 192.0.2.1",
                       "spi 0x55667788"});
 
-    EXPECT_EQ(addXFRMPolicies(record, there, here, 17, false), -1) << "it exists";
+    EXPECT_EQ(reason(addXFRMPolicies(record, there, here, 17, false)), EEXIST);
     EXPECT_EQ(removeXFRMPolicies(here, there, 17, true) + removeXFRMPolicies(there, here, 17, false), 0);
     EXPECT_EQ(output("ip xfrm policy"), "");
-    EXPECT_EQ(removeXFRMPolicies(here, there, 17, true), -1) << "it is gone";
+    EXPECT_EQ(reason(removeXFRMPolicies(here, there, 17, true)), ENOENT) << "it is gone";
 }
 
 TEST(Policies, LetLinkLocalICMPv6Bypass)
 {
     for (const unsigned char direction : {XFRM_POLICY_IN, XFRM_POLICY_OUT, XFRM_POLICY_FWD}) {
         EXPECT_EQ(addXFRMPolicyEx(direction), 0);
-        EXPECT_EQ(addXFRMPolicyEx(direction), -1) << "it exists";
+        EXPECT_EQ(reason(addXFRMPolicyEx(direction)), EEXIST);
     }
     expectListed("ip xfrm policy", {"src ::/0 dst fe80::/64 proto ipv6-icmp", "dir in priority 10",
                                     "dir out priority 10", "dir fwd priority 10"});
     for (const unsigned char direction : {XFRM_POLICY_IN, XFRM_POLICY_OUT, XFRM_POLICY_FWD})
         EXPECT_EQ(removeXFRMPolicyEx(direction), 0);
     EXPECT_EQ(output("ip xfrm policy"), "");
-    EXPECT_EQ(addXFRMPolicyEx(3), -1) << "no such direction";
+    EXPECT_EQ(reason(addXFRMPolicyEx(3)), EINVAL) << "no such direction";
+    EXPECT_EQ(reason(removeXFRMPolicyEx(XFRM_POLICY_OUT)), ENOENT) << "it is gone";
 }
 
 TEST_F(States, MigrateThereAndBack)
 {
     Record record = espTunnel("192.0.2.1", "198.51.100.7"), moved = espTunnel("192.0.2.9", "198.51.100.7");
     std::string here = "10.0.0.0/8", there = "10.1.0.0/16";
-    EXPECT_EQ(migrateXFRMInfo(record, moved, here, there, 0), -1) << "nothing to move";
+    EXPECT_EQ(reason(migrateXFRMInfo(record, moved, here, there, 0)), ENOENT) << "nothing to move";
     ASSERT_EQ(addXFRMStates(record, kTechnology, 0, 0), 0);
     ASSERT_EQ(addXFRMPolicies(record, here, there, 0, true) + addXFRMPolicies(record, there, here, 0, false), 0);
     const std::string before = output("ip xfrm policy");
@@ -211,7 +212,7 @@ TEST_F(States, MigrateThereAndBack)
     EXPECT_EQ(output("ip xfrm policy"), before);
 
     EXPECT_EQ(removeXFRMPolicies(there, here, 0, false), 0);
-    EXPECT_EQ(migrateXFRMInfo(record, moved, here, there, 0), -1) << "in has no policy: out is moved back";
+    EXPECT_EQ(reason(migrateXFRMInfo(record, moved, here, there, 0)), ENOENT) << "in has no policy: out is moved back";
     expectListed("ip xfrm policy", {"tmpl src 192.0.2.1 dst 198.51.100.7"});
     EXPECT_EQ(removeXFRMPolicies(here, there, 0, true) + removeXFRMStates(record), 0);
 }

@@ -73,6 +73,7 @@ TEST(Building, GoesOnWithoutWhatCannotBeAdded)
            .given  = outOfMemory(2),
            .call   = request([](M& m) { m.addMsgPayload(4, kBytes), m.addMsgPayload(6, kBytes); }),
            .result = -1,
+           .error  = EMSGSIZE,
            .sends  = {"14000000 3412 0500 8*00"},
            .log    = {noPayload, miscounted(16, 20)}});
     check({.what = "a negative length is a failed allocation",
@@ -89,6 +90,16 @@ TEST(Building, GoesOnWithoutWhatCannotBeAdded)
            }),
            .log = {attribute(4, "adding attribute of type %d failed", 0x8002), badHandle(SIZE_MAX, "no such attribute"),
                    kAcked}});
+    check({.what  = "of two nests the second has no memory: its end does not touch the first",
+           .given = outOfMemory(2),
+           .call  = request([](M& m) {
+               NestedAttrHandle first, second;
+               m.startNestedNLAttribute(2, first), m.endNestedNLAttribute(first);
+               m.startNestedNLAttribute(4, second), m.addNLAttribute(3, 3u), m.endNestedNLAttribute(second);
+           }),
+           .sends = sent({"0400 0280", attr(3, 3)}),
+           .log = {attribute(4, "adding attribute of type %d failed", 0x8004), badHandle(SIZE_MAX, "no such attribute"),
+                   kAcked}});
     check({.what = "handles of no nest: one past the last block, with a start behind the end, and an attribute's",
            .call = request([](M& m) {
                NestedAttrHandle past{99, 1}, plain{0, 0};
@@ -101,11 +112,13 @@ TEST(Building, GoesOnWithoutWhatCannotBeAdded)
                m.addNLAttribute(1, sizeof big, big);
            }),
            .result = -1,
+           .error  = EMSGSIZE,
            .sends  = {"10000100 3412 0500 8*00 |"},
            .log    = miscounted(16, 65552)});
     Check()({.given  = outOfMemory(2), // the scatter list
              .call   = request([](M& m) { m.addMsgPayload(4, kBytes); }),
              .result = -1,
+             .error  = ENOMEM,
              .log    = core("messageSend")(4, "msg allocation failed")});
 }
 
@@ -121,11 +134,13 @@ TEST(Building, ServesOneRequest)
                    return 10 * msg.messageTransact() + msg.messageTransact();
                },
            .result = -1,
+           .error  = EMSGSIZE,
            .sends  = {"14000000 3412 0500 8*00 | a1a2a3a4", "24000000 3412 0500 8*00 | a1a2a3a4"},
            .log    = {kAcked, miscounted(20, 36)}});
     check({.what   = "a cleared payload still counts",
            .call   = request([](M& m) { m.addMsgPayload(4, kBytes), m.clearMsgPayload(); }),
            .result = -1,
+           .error  = EMSGSIZE,
            .sends  = {"14000000 3412 0500 8*00"},
            .log    = miscounted(16, 20)});
     check({.what = "cleared attributes are freed once", .call = [] {

@@ -13,7 +13,7 @@ static const LoggedBy kTransact = core("messageTransact"), kQuery = core("messag
 static const std::string kOther = message(26, 0), kShortError = "23000000 0200 0000 8*00 00000000 15*00 00";
 
 // An exchange of a request of type 26. What it found is the types of the messages that its callback saw, to each of
-// which that gave this verdict; then the kernel's error where there was one, or the result.
+// which that gave this verdict; then the result, and the kernel's error where there was one.
 static Operation exchange(int (NetlinkMessage::*run)(), unsigned short flags, int verdict = NetlinkQueryContinue,
                           bool responseRequired = false)
 {
@@ -29,7 +29,8 @@ static Operation exchange(int (NetlinkMessage::*run)(), unsigned short flags, in
         msg.setQueryCb(see, &seen, responseRequired);
         msg.setDumpCb([](nlmsghdr* shown, void* context) { decltype(see)()(shown, context); }, &seen);
         const int result = (msg.*run)();
-        return seen.first + std::to_string(msg.getKernelError() != 0 ? msg.getKernelError() : result);
+        const int error  = msg.getKernelError();
+        return seen.first + std::to_string(result) + (error != 0 ? '/' + std::to_string(error) : "");
     };
 }
 
@@ -48,18 +49,22 @@ TEST(Exchange, NeedsASocket)
     for (const Operation& any : {transact(), query(NetlinkQueryDone, true), dump()}) {
         const Check gets({.call = any, .result = -1});
         const auto fails = [&](Call call, int error, const LogLine& line) {
-            gets({.given = [=](ScriptedKernel& k) { k.fail(call, error), k.fail(Call::Close, EIO); }, .log = line});
+            gets({.given = [=](ScriptedKernel& k) { k.fail(call, error), k.fail(Call::Close, EIO); },
+                  .error = error,
+                  .log   = line});
         };
         fails(Call::Socket, EMFILE, failure(open, "opening NL socket failed: errno=[%d, %s]", EMFILE));
         fails(Call::Bind, EACCES, failure(open, "binding NL socket failed: errno=[%d, %s]", EACCES));
         fails(Call::SendMsg, EPERM, failure(core("messageSend"), "sending NL message failed. errno=[%d, %s]", EPERM));
         for (const int counted : {0, 17})
             gets({.given = [=](ScriptedKernel& k) { k.miscountSends(counted - 16), k.answer({}); },
+                  .error = EMSGSIZE,
                   .sends = kAnything,
                   .log   = miscounted(counted, 16)});
     }
-    rejects({.call = [] { return NetlinkMessage().messageTransact(); },
-             .log  = open(4, "NL protocol not yet set. Aborting")});
+    rejects({.call  = [] { return NetlinkMessage().messageTransact(); },
+             .error = EINVAL,
+             .log   = open(4, "NL protocol not yet set. Aborting")});
 
     ScriptedKernel kernel;
     kernel.fail(Call::SetSockOpt, ENOPROTOOPT);
@@ -92,11 +97,13 @@ TEST(Exchange, KeepsItsSocket)
           .answers = {{refusal(-ENOENT)}},
           .call    = twoExchanges(&NetlinkMessage::messageTransact),
           .result  = "-1 0 -2",
+          .error   = ENOENT,
           .log     = {refusedBy(-ENOENT), kAcked}});
     gets({.what    = "an acknowledgement fails a query, with its error",
           .answers = {{refusal(-ENOENT)}},
           .call    = twoExchanges(&NetlinkMessage::messageQuery),
           .result  = "-1 -1 0",
+          .error   = EBADMSG,
           .log     = {refusedBy(-ENOENT), kQuery(4, "kernel reports error %d", 0), kNoText}});
     gets({.what  = "opened twice, the first one is closed, 0 though it be",
           .given = [](ScriptedKernel& k) { k.numberSockets(0); },
@@ -121,23 +128,66 @@ TEST(Exchange, ReceivesAPageOfTheMachineAndAtMost8KiB)
 
 TEST(Exchange, TransactTakesTheFirstError)
 {
-    const Check gets({.call = transact(), .result = -1, .sends = {message(26, kAck)}});
+    const Check gets({.call = transact(), .result = -1, .error = EBADMSG, .sends = {message(26, kAck)}});
     const Log none        = kTransact(4, "no NL ACK received from kernel");
     const std::string yes = acknowledgement(), no = refusal(-ENOENT);
 
     gets({.what = "others before it are skipped", .answers = {{kOther + kEnd + yes}}, .result = 0, .log = kAcked});
-    gets({.what = "a refusal decides", .answers = {{no + yes}}, .result = -ENOENT, .log = refusedBy(-ENOENT)});
-    gets({.what = "a positive error", .answers = {{refusal(2)}}, .result = 2, .log = refusedBy(2)});
+    gets({.what    = "a refusal decides",
+          .answers = {{no + yes}},
+          .result  = "-1/-2",
+          .error   = ENOENT,
+          .log     = refusedBy(-ENOENT)});
+    gets({.what = "no kernel's error", .answers = {{refusal(2)}}, .result = "-1/2", .log = refusedBy(2)});
+    gets({.what = "nor this", .answers = {{refusal(-4096)}}, .result = "-1/-4096", .log = refusedBy(-4096)});
+    gets({.answers = {{refusal(-4095)}}, .result = "-1/-4095", .error = 4095, .log = refusedBy(-4095)});
+    gets({.what    = "one that is cut off",
+          .answers = {{message(26, 0, {"4048*00"}) + "25000000 0200 0000 8*00 ffffffff 16*00 00"}},
+          .error   = EMSGSIZE,
+          .log     = none});
     gets({.answers = {{kShortError}}, .log = kTransact(4, "invalid NL error received")});
     gets({.what = "an ordinary message, nothing else", .answers = {{kOther}}, .log = none});
     gets({.what = "nothing", .answers = {{""}}, .log = none});
     gets({.what = "a byte is missing", .answers = {{"25" + yes.substr(2)}}, .log = none});
     gets({.answers = {{failedReceive(ENOBUFS)}},
+          .error   = ENOBUFS,
           .log     = failure(kTransact, "receiving NL ACK from kernel failed: errno=[%d, %s]", ENOBUFS)});
     gets({.call   = transact(0xfcfb), // all flags but this one, and those of a dump
           .result = 0,
           .sends  = {message(26, 0xfcfb)},
           .log    = kTransact(2, "not requesting ACK for NL message\n")});
+}
+
+// A datagram that fills the receive and ends inside a message was longer. What ends otherwise is dropped.
+TEST(Exchange, FailsWhenAReplyIsCutOff)
+{
+    const auto full = [](const std::string& left, unsigned bytes) { // the last of a receive, after a message
+        return message(26, 0, {std::to_string(4096 - 16 - bytes) + "*00"}) + left;
+    };
+    const auto cut = [](const LoggedBy& by) { return by(4, "NL reply was cut off at %zu bytes", std::size_t{4096}); };
+    const auto pageOf4K = [](ScriptedKernel& k) { k.setPageSize(4096); };
+    const Check drops({.given = pageOf4K, .call = dump(), .result = "26 0", .error = 0, .sends = kAnything});
+    const Check dumps({.given  = pageOf4K,
+                       .call   = dump(),
+                       .result = "26 -1",
+                       .error  = EMSGSIZE,
+                       .sends  = kAnything,
+                       .log    = cut(kDumped)});
+    for (const auto& [left, bytes] : {std::pair("15000000 1a00 0000 8*00 00000000", 20u),
+                                      {"14000000 1a00 0000 8*00", 16u},
+                                      {"10000000 1a00 0000", 8u},
+                                      {"10000000", 4u}})
+        dumps({.what = left, .answers = {{full(left, bytes)}}});
+    for (const auto& [left, bytes] : {std::pair("0f000000 1a00", 8u), // two bytes short of filling it, and no message
+                                      {"0c000000 1a00 0000", 8u},
+                                      {"0f000000", 4u},
+                                      {"10000000", 8u}})
+        drops({.what = left, .answers = {{full(left, bytes), kEnd}}});
+
+    const std::string half = full("10000000 1a00 0000", 8);
+    dumps({.answers = {{half}}, .call = query(NetlinkQueryContinue), .log = cut(kQuery)});
+    dumps({.answers = {{half}}, .call = query(NetlinkQueryContinue, true), .log = cut(kQuery)});
+    drops({.answers = {{half}}, .call = query()});
 }
 
 // Explains refusals, each of which is given from its error on: the echo of a request, in whose last 12 bytes the walk
@@ -188,7 +238,10 @@ TEST(Exchange, QueryStopsWhenTheCallbackIsSatisfied)
     const auto reported = [](int error) { return Log{kQuery(4, "kernel reports error %d", error), kNoText}; };
 
     gets({.what = "found", .call = query(NetlinkQueryDone, true), .result = "26 0"});
-    gets({.call = query(NetlinkQueryFailed), .result = "26 -1", .log = kQuery(4, "netlink query cb reports failure")});
+    gets({.call   = query(NetlinkQueryFailed),
+          .result = "26 -1",
+          .error  = ECANCELED,
+          .log    = kQuery(4, "netlink query cb reports failure")});
     gets({.what    = "not found in a dump, whose end is shown too",
           .answers = {{kOther + kEnd}},
           .call    = query(NetlinkQueryContinue),
@@ -196,14 +249,17 @@ TEST(Exchange, QueryStopsWhenTheCallbackIsSatisfied)
     gets({.what   = "an unknown verdict goes on; an answer was required",
           .call   = query(3, true),
           .result = "26 26 -1",
+          .error  = ENOENT,
           .log    = kQuery(4, "netlink query response not found")});
-    gets({.what = "an acknowledgement", .answers = {{acknowledgement()}}, .log = reported(0)});
-    gets({.answers = {{refusal(-ENOENT)}}, .result = -ENOENT, .log = reported(-ENOENT)});
-    gets({.answers = {{kShortError}}, .log = kQuery(4, "invalid NL error received")});
+    gets({.what = "an acknowledgement", .answers = {{acknowledgement()}}, .error = EBADMSG, .log = reported(0)});
+    gets({.answers = {{refusal(-ENOENT)}}, .result = "-1/-2", .error = ENOENT, .log = reported(-ENOENT)});
+    gets({.answers = {{kShortError}}, .error = EBADMSG, .log = kQuery(4, "invalid NL error received")});
     gets({.answers = {{failedReceive(EINTR)}},
+          .error   = EINTR,
           .log     = failure(kQuery, "receiving query response from kernel failed: errno=[%d, %s]", EINTR)});
-    rejects({.call = [] { return NetlinkMessage().messageQuery(); },
-             .log  = kQuery(4, "attempting to query without valid callback. Aborting")});
+    rejects({.call  = [] { return NetlinkMessage().messageQuery(); },
+             .error = EINVAL,
+             .log   = kQuery(4, "attempting to query without valid callback. Aborting")});
 }
 
 TEST(Exchange, DumpGoesOnUntilDone)
@@ -217,27 +273,41 @@ TEST(Exchange, DumpGoesOnUntilDone)
 
     gets({.what    = "a datagram is walked through as far as lengths are good, then the next",
           .answers = walk,
-          .result  = "17 17 18 26 18 26 26 0"});
-    gets({.what = "its status may be positive", .answers = {{endOfDump(1)}}, .result = 0});
+          .result  = "17 17 18 26 18 26 26 0",
+          .error   = 0});
+    gets({.what = "its status may be positive", .answers = {{endOfDump(1)}}, .result = 0, .error = 0});
+    gets({.what    = "its end alone tells of an interruption",
+          .answers = {{kOther, message(NLMSG_DONE, NLM_F_DUMP_INTR, {"00000000"})}},
+          .result  = "26 0",
+          .error   = EINTR});
     gets({.what    = "an acknowledgement is handed on, whatever its flags; of an interruption other messages tell",
-          .answers = {{message(NLMSG_ERROR, NLM_F_DUMP_INTR, {"20*00"}) + message(26, NLM_F_DUMP_INTR),
-                       message(NLMSG_DONE, NLM_F_DUMP_INTR, {"00000000"})}},
+          .answers = {{message(NLMSG_ERROR, NLM_F_DUMP_INTR, {"20*00"}) + message(26, NLM_F_DUMP_INTR), kEnd}},
           .result  = "2 26 0",
+          .error   = EINTR,
           .log     = kDumped(3, "NL dump was interrupted")});
     gets({.answers = {{kOther, refusal(-ENOENT) + kEnd}},
-          .result  = "26 -2",
+          .result  = "26 -1/-2",
+          .error   = ENOENT,
           .log     = failure(kDumped, "kernel reports errno [%d, %s]", ENOENT)});
-    gets({.answers = {{refusal(2)}}, .result = 2, .log = failure(kDumped, "kernel reports errno [%d, %s]", -2)});
-    gets({.answers = {{kShortError}}, .log = kDumped(4, "invalid NL ERR received")});
+    gets({.answers = {{refusal(2)}},
+          .result  = "-1/2",
+          .error   = EBADMSG,
+          .log     = failure(kDumped, "kernel reports errno [%d, %s]", -2)});
+    gets({.answers = {{kShortError}}, .error = EBADMSG, .log = kDumped(4, "invalid NL ERR received")});
     gets({.what    = "no refusal of the request",
           .answers = {{endOfDump(-EBUSY)}},
+          .error   = EBUSY,
           .log     = failure(kDumped, "NL dump reports errno [%d, %s]", EBUSY)});
-    gets({.answers = {{"13000000 0300 0200 8*00 000000 00"}}, .log = kDumped(4, "invalid dump done message")});
+    gets({.answers = {{"13000000 0300 0200 8*00 000000 00"}},
+          .error   = EBADMSG,
+          .log     = kDumped(4, "invalid dump done message")});
     gets({.answers = {{kOther, failedReceive(ENOBUFS)}},
           .result  = "26 -1",
+          .error   = ENOBUFS,
           .log     = failure(kDumped, "receiving NL dump failed. errno=[%d %s]", ENOBUFS)});
-    rejects({.call = [] { return NetlinkMessage().messageDump(); },
-             .log  = kDumped(4, "attempting to dump without valid callback. Aborting")});
+    rejects({.call  = [] { return NetlinkMessage().messageDump(); },
+             .error = EINVAL,
+             .log   = kDumped(4, "attempting to dump without valid callback. Aborting")});
 }
 
 TEST(Attributes, AreFoundByType)
@@ -293,10 +363,12 @@ TEST(GenericFamily, IsLookedUpByName)
     gets({.what    = "half a number",
           .answers = {{family({header, attr(CTRL_ATTR_FAMILY_ID, "10")})}},
           .call    = lookUp("x"),
+          .error   = ENOENT,
           .log     = {kQuery(4, "netlink query response not found"), failed}});
     gets({.what    = "an unknown name",
           .answers = {{refusal(-ENOENT)}},
           .call    = lookUp("x"),
+          .error   = ENOENT,
           .log     = {kQuery(4, "kernel reports error %d", -ENOENT), kNoText, failed}});
 }
 

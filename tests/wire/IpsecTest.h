@@ -28,9 +28,9 @@ inline const auto v6 = [](Change change = same) { return v4(change, kHere6, kPee
 // `whole` compares the whole log, the others its lines of level 3 and 4.
 inline const Check whole({}, NETLINK_XFRM);
 inline const Check check({}, NETLINK_XFRM, log_level_notice);
-inline const Check rejects({.result = -1}, NETLINK_XFRM, log_level_notice); // sends nothing
-inline const Check refused({.answers = {{refusal(-EPERM)}}, .result = -1, .sends = kAnything}, NETLINK_XFRM,
-                           log_level_notice);
+inline const Check rejects({.result = -1, .error = EINVAL}, NETLINK_XFRM, log_level_notice); // sends nothing
+inline const Check refused({.answers = {{refusal(-EPERM)}}, .result = -1, .error = EPERM, .sends = kAnything},
+                           NETLINK_XFRM, log_level_notice);
 
 inline const LoggedBy kId = xfrm("setXFRMIdFromBexa"), kMode = xfrm("setXFRMMode"), kEncap = xfrm("setXFRMEncap");
 inline const LogLine kNoEncap = kEncap(3, "not setting encapsulation params\n");

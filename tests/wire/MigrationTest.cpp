@@ -61,7 +61,9 @@ TEST(Migration, MovesTheLocalAddressAndBackWhenItFails)
     };
     const std::string out = there(XFRM_POLICY_OUT), in = there(XFRM_POLICY_IN), fwd = there(XFRM_POLICY_FWD);
     const std::vector<Reply> no{refusal(-EPERM)};
-    const Check fails({.call = migrate(before, after), .result = -1}, NETLINK_XFRM, log_level_notice);
+    const Check fails({.call = migrate(before, after), .result = -1, .error = EPERM}, NETLINK_XFRM, log_level_notice);
+    const std::vector<Reply> gone{refusal(-ESRCH)};
+    const Log noneThere = refusedBy(-ESRCH, kOne(4, "sending XFRM migration failed\n"));
 
     check({.what  = "three directions; the mode is that of the new record",
            .call  = migrate(unread, after),
@@ -69,13 +71,14 @@ TEST(Migration, MovesTheLocalAddressAndBackWhenItFails)
            .log   = {kOut, kAcked, kIn, kAcked, kFwd, kAcked}});
     fails({.what = "out fails: nothing to move back", .answers = {no}, .sends = {out}, .log = {kOut, kNo, kNoOut}});
     fails({.what    = "in fails: out is moved back, which fails too",
-           .answers = {{}, no, no},
+           .answers = {{}, no, gone},
            .sends   = {out, in, back(XFRM_POLICY_OUT)},
-           .log = {kOut, kAcked, kIn, kNo, kNoIn, kNoEncap, kNo, kAll(4, "rolling back TX XFRM migration failed\n")}});
+           .log     = {kOut, kAcked, kIn, kNo, kNoIn, kNoEncap, noneThere,
+                       kAll(4, "rolling back TX XFRM migration failed\n")}});
     fails({.what    = "fwd fails: in, which fails too, and out are moved back",
-           .answers = {{}, {}, no, no},
+           .answers = {{}, {}, no, gone},
            .sends   = {out, in, fwd, back(XFRM_POLICY_IN), back(XFRM_POLICY_OUT)},
-           .log     = {kOut, kAcked, kIn, kAcked, kFwd, kNo, kNoFwd, kNoEncap, kNo,
+           .log     = {kOut, kAcked, kIn, kAcked, kFwd, kNo, kNoFwd, kNoEncap, noneThere,
                        kAll(4, "rolling back RX XFRM migration failed\n"), kNoEncap, kAcked}});
 }
 

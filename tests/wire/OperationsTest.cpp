@@ -28,8 +28,12 @@ TEST(Operations, ConfigureAnAddress)
            .sends = {message(
                RTM_NEWADDR, kAck | NLM_F_REPLACE,
                {"00 08 00 00 01000000", attr(IFA_LOCAL, "20010db8 11*00 01"), attr(IFA_CACHEINFO, "8*ff 8*00")})}});
-    rejects({.call = {RTNetlinkAddressCfg, "wlan9", "none", 24, 0, 0}, .log = by(4, "no duch device %s", "wlan9")});
-    rejects({.call = {RTNetlinkAddressCfg, "wlan0", "none", 24, 0, 0}, .log = by(4, "invalid addr family %u", 0)});
+    rejects({.call  = {RTNetlinkAddressCfg, "wlan9", "none", 24, 0, 0},
+             .error = ENODEV,
+             .log   = by(4, "no duch device %s", "wlan9")});
+    rejects({.call  = {RTNetlinkAddressCfg, "wlan0", "none", 24, 0, 0},
+             .error = EAFNOSUPPORT,
+             .log   = by(4, "invalid addr family %u", 0)});
     refused({.call = {RTNetlinkAddressCfg, "wlan0", "::", 24, 0, 0},
              .log  = refusedBy(-EPERM, by(4, "configuring address failed"))});
 }
@@ -41,7 +45,8 @@ TEST(Operations, SetTheGSOSize)
     check({.call  = {RTNetlinkSetGSOMaxSize, "wlan0", 65534},
            .sends = {message(RTM_NEWLINK, kAck, {"00 00 0000 03000000 8*00", attr(IFLA_GSO_MAX_SIZE, "feff")})},
            .log   = {kAcked, by(1, "configured gso max size %u for dev %s", 65534, "wlan0")}});
-    rejects({.call = {RTNetlinkSetGSOMaxSize, "wlan9", 1}, .log = by(4, "no such device %s", "wlan9")});
+    rejects(
+        {.call = {RTNetlinkSetGSOMaxSize, "wlan9", 1}, .error = ENODEV, .log = by(4, "no such device %s", "wlan9")});
     refused({.call = {RTNetlinkSetGSOMaxSize, "lo", 1},
              .log  = refusedBy(-EPERM, by(4, "configuring gso max size failed for dev %s", "lo"))});
 }
@@ -58,7 +63,9 @@ TEST(Operations, ModifyLabels)
            .call  = {addrlabelDel, "192.0.2.1", 0x118, 7, 3},
            .sends = {message(RTM_DELADDRLABEL, kAck,
                              {"02 00 18 00 03000000 00000000", attr(IFAL_LABEL, 7), attr(IFAL_ADDRESS, "c0000201")})}});
-    rejects({.call = {addrlabelAdd, "none", 64, 7, 3}, .log = by.entire(4, "%S(): invalid addr family %u", 0)});
+    rejects({.call  = {addrlabelAdd, "none", 64, 7, 3},
+             .error = EAFNOSUPPORT,
+             .log   = by.entire(4, "%S(): invalid addr family %u", 0)});
     refused(
         {.call = {addrlabelAdd, "::", 64, 7, 3}, .log = refusedBy(-EPERM, by(4, "modifying address label failed"))});
 }
@@ -108,9 +115,12 @@ TEST(Routes, AreLookedUpUnderAMark)
                  RTM_GETROUTE, NLM_F_REQUEST,
                  {"0a 80 00 00 00 00 00 00 00100000", attr(RTA_DST, "20010db8 11*00 01"), attr(RTA_MARK, 0)})},
            .log     = {kCb(4, "Gateway attribute is malformed"), kFound}});
-    rejects({.call = {RTNetlinkGetRoute, "10.0.0.300", 0, 0}, .log = kGet(4, "Invalid family %u", 0)});
-    rejects({.call = {RTNetlinkGetRoute, "10.0.0.300", 0, AF_INET},
-             .log  = kGet(4, "inet_pton failed on destonation address %s with error %d", "10.0.0.300", 0)});
+    rejects({.call  = {RTNetlinkGetRoute, "10.0.0.300", 0, 0},
+             .error = EAFNOSUPPORT,
+             .log   = kGet(4, "Invalid family %u", 0)});
+    rejects({.call  = {RTNetlinkGetRoute, "10.0.0.300", 0, AF_INET},
+             .error = EINVAL,
+             .log   = kGet(4, "inet_pton failed on destonation address %s with error %d", "10.0.0.300", 0)});
     refused({.call = {RTNetlinkGetRoute, "198.51.100.7", 42, AF_INET}, .log = kUnreachable});
 }
 
@@ -150,15 +160,19 @@ TEST(Routes, AreInstalledAndRemovedThroughTheGateway)
                      "inet_pton failed on gateway address %s - rc %d"),
           std::tuple(&RTNetlinkDeleteRoute, del, "inet_pton failed on source address %s - rc %d",
                      "inet_pton failed on source address %s - rc %d")}) {
-        rejects({.call = change(operation, "10.0.0.300", 18), .log = by(4, "Invalid family %u", 18)});
-        rejects({.call = change(operation, "fe80::1"), .log = by(4, badDestination, "fe80::1", 0)});
+        rejects({.call  = change(operation, "10.0.0.300", 18),
+                 .error = EAFNOSUPPORT,
+                 .log   = by(4, "Invalid family %u", 18)});
+        rejects({.call = change(operation, "fe80::1"), .error = EINVAL, .log = by(4, badDestination, "fe80::1", 0)});
         refused({.answers = {{""}},
                  .call    = change(operation),
+                 .error   = ENOENT,
                  .sends   = {kLookUp},
                  .log     = {kNone, by(4, badGateway, "", 0)}});
         refused({.what    = "IPv6, whose gateway would be one of IPv4",
                  .answers = {found},
                  .call    = change(operation, "2001:db8::7", AF_INET6),
+                 .error   = ENOENT,
                  .log     = {kFound, by(4, badGateway, "192.0.2.1", 0)}});
         refused({.call  = change(operation),
                  .sends = {kLookUp},
@@ -182,6 +196,7 @@ TEST(Rules, AreFoundByPriorityAndTable)
     const Check finds({.answers = {{rule(good), kEnd}},
                        .call    = {RTNetlinkGetRule, "wlan0"},
                        .result  = -1,
+                       .error   = ENOENT,
                        .sends   = {message(RTM_GETRULE, kDump, {"02 11*00"})}});
     const auto passes = [&](const std::string& reply, const LogLine& line, int at = __builtin_LINE()) {
         finds({.answers = {{reply, kEnd}}, .log = {line, none(0, 0, "wlan0")}}, __FILE__, at);
@@ -190,6 +205,7 @@ TEST(Rules, AreFoundByPriorityAndTable)
     finds({.what    = "the last of two",
            .answers = {{rule(good) + rule(good + attr(FRA_FWMARK, 0x12345) + attr(FRA_FWMASK, 0x1ff)), kEnd}},
            .result  = "0x12345/0x1ff",
+           .error   = 0,
            .log     = {seen(0x10, 0xff), seen(0x12345, 0x1ff),
                        get(1, "Got rule fwmark 0x%04x/0x%04x for dev %s", 0x12345, 0x1ff, "wlan0")}});
     finds({.answers = {{rule(good + attr(FRA_FWMASK, 0)), kEnd}}, .log = {seen(0x10, 0), none(0x10, 0, "wlan0")}});
@@ -213,7 +229,19 @@ TEST(Rules, AreFoundByPriorityAndTable)
            .answers = {{rule(good + attr(FRA_TABLE, 999)), kEnd}},
            .call    = {RTNetlinkGetRule, "last"},
            .log     = {cb(3, "Table index is not as expected for dev %s", "last"), none(0, 0, "last")}});
-    finds({.answers = {{refusal(-EPERM)}}, .log = {kDumpRefused, get(4, "Getting rules failed for dev %s", "wlan0")}});
+    const std::string interrupted = message(NLMSG_DONE, NLM_F_DUMP_INTR, {"00000000"});
+    finds({.what    = "an interrupted dump is no failure",
+           .answers = {{rule(good), interrupted}},
+           .result  = "0x10/0xff",
+           .error   = EINTR,
+           .log     = {seen(0x10, 0xff), get(1, "Got rule fwmark 0x%04x/0x%04x for dev %s", 0x10, 0xff, "wlan0")}});
+    finds({.what    = "unless it may have missed the rule",
+           .answers = {{interrupted}},
+           .error   = EINTR,
+           .log     = none(0, 0, "wlan0")});
+    finds({.answers = {{refusal(-EPERM)}},
+           .error   = EPERM,
+           .log     = {kDumpRefused, get(4, "Getting rules failed for dev %s", "wlan0")}});
 }
 
 // Entries of the table of labels, for interface 3. Of two attributes of a type the last one counts.
@@ -254,12 +282,16 @@ TEST(Labels, AreGeneratedBelowTheFirstGap)
     };
     const Check proposes({.given = random(5), .call = generate(AF_INET6), .sends = {dump("0a ")}});
 
-    check({.what = "the default", .call = generate(3, true), .result = 1});
-    rejects({.call = generate(258), .log = by(4, "invalid addr type 0x%x", 258)});
+    check({.what = "the default", .call = generate(3, true), .result = 1, .error = 0});
+    rejects({.call = generate(258), .error = EAFNOSUPPORT, .log = by(4, "invalid addr type 0x%x", 258)});
     refused({.call  = generate(AF_INET),
              .sends = {dump("02 ")},
              .log   = {kDumpRefused, by(4, "gathering list of currentl labels failed")}});
-    proposes({.what = "none of its own", .given = random(0), .answers = all({0, 1, 13, 20}), .result = 20});
+    proposes({.what = "none of its own", .given = random(0), .answers = all({0, 1, 13, 20}), .result = 20, .error = 0});
+    proposes({.what    = "an interrupted dump",
+              .answers = {{message(NLMSG_DONE, NLM_F_DUMP_INTR, {"00000000"})}},
+              .result  = 25,
+              .error   = EINTR});
     proposes({.what = "21 is 8 above 13", .answers = all({0, 13, 25, 22, 21}), .result = 20});
     proposes(
         {.what = "24 is 2 above 22, whatever follows", .answers = all({20, 21, 22, 24, 0x80000000}), .result = 23});
@@ -269,7 +301,8 @@ TEST(Labels, AreGeneratedBelowTheFirstGap)
               .log     = {cb(4, "inserting label %u failed", 22), cb(4, "inserting label %u failed", 21)}});
     proposes(
         {.what = "the highest sum", .given = random(0x7fffffff), .answers = all({0x7fffffff}), .result = "4294967294"});
-    proposes({.answers = all({0x80000000}), .result = -1, .log = by(4, "generating unique label failed")});
+    proposes(
+        {.answers = all({0x80000000}), .result = -1, .error = ENOSPC, .log = by(4, "generating unique label failed")});
     proposes({.answers = {{kOtherType + kTooShort + entry("") + entry(attr(IFAL_LABEL, "1500")) +
                                entry(attr(IFAL_LABEL, "15000000 00000000")),
                            kEnd}},
@@ -317,6 +350,7 @@ TEST(Labels, ArePurgedWithTheirCompanions)
            .answers = {{entry(kOwn + label(1), "07")}, {entry(address("16*20") + label(7), "07"), endOfDump(-EINTR)}},
            .call    = {addrlabelPurge, "fe80::1", 7, 3},
            .result  = -1,
+           .error   = EINTR,
            .sends   = {query, dump, deletes(label(7), kOwn, "07")},
            .log     = {own, kAcked, failure(core("messageDump"), "NL dump reports errno [%d, %s]", EINTR),
                        by(4, "dumping labels failed")}});
@@ -353,7 +387,8 @@ TEST(Labels, ArePurgedWithTheirCompanions)
                        {entry(address("16*00") + label(1), "00")}},
            .call    = twice,
            .sends   = {query, dump, query}});
-    rejects({.call = {addrlabelPurge, "none", 64, 3}, .log = by(4, "invalid addr type 0x%x", 0)});
+    rejects(
+        {.call = {addrlabelPurge, "none", 64, 3}, .error = EAFNOSUPPORT, .log = by(4, "invalid addr type 0x%x", 0)});
     refused(
         {.call = {addrlabelPurge, "fe80::1", 64, 3},
          .log = {core("messageQuery")(4, "kernel reports error %d", -EPERM), kNoText, by(4, "querying label failed")}});
@@ -397,8 +432,8 @@ TEST(Qdiscs, AreAddedDeletedAndChanged)
              .log = {trace("del", 0xffffffff, "disable"), refusedBy(-EPERM, flow(4, "tc qdisc transaction failed"))}});
     refused({.call = qdisc(0, 1), .log = refusedBy(-EPERM, any(4, "tc qdisc transaction failed"))});
     refused({.call = bands(1), .log = refusedBy(-EPERM, prio(4, "tc qdisc transaction failed"))});
-    rejects({.call = qdisc(0, 9, "wlan9"), .log = any(4, "no such device %s", "wlan9")});
-    rejects({.call = qdisc(0, 2), .log = any(4, "tc qdisc invalid flag operation")});
-    rejects({.call = bands(2), .log = prio(4, "tc qdisc invalid flag operation")});
-    rejects({.call = control(0, 1, 3), .log = flow(4, "tc qdisc invalid flag operation")});
+    rejects({.call = qdisc(0, 9, "wlan9"), .error = ENODEV, .log = any(4, "no such device %s", "wlan9")});
+    rejects({.call = qdisc(0, 2), .error = EINVAL, .log = any(4, "tc qdisc invalid flag operation")});
+    rejects({.call = bands(2), .error = EINVAL, .log = prio(4, "tc qdisc invalid flag operation")});
+    rejects({.call = control(0, 1, 3), .error = EINVAL, .log = flow(4, "tc qdisc invalid flag operation")});
 }

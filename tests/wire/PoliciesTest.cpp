@@ -66,6 +66,12 @@ TEST(Policies, SteerASelectorIntoATemplate)
              .call    = add(false),
              .log     = {in, kAcked, fwd, exists, all(4, "inserting forwarding XFRM policy failed\n")}});
 
+    rejects({.what  = "the template is added first; without it nothing is sent",
+             .given = [](ScriptedKernel& k) { k.fail(Call::Allocate, 0); },
+             .call  = add(true),
+             .error = ENOMEM,
+             .log   = {out, core("addNLAttribute")(4, "adding attribute of type %d failed", XFRMA_TMPL),
+                       one(4, "sending XFRM policy failed\n"), noOut}});
     const Log noTemplate{one(4, "setting policy templace failed\n"), noOut};
     rejects({.call = add(true, same, "nonsense"),
              .log  = {out, kText(4, "invalid IPv4 address %s\n", "nonsense"),

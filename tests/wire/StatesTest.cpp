@@ -121,6 +121,7 @@ TEST(States, AreInstalledTxThenRx)
                r.local_addr.ip_type = 5, r.remote_addr = modemAddress(kPeer6), r.ipsec_protocol = 0x103;
            }),
            .result  = -1,
+           .error   = EEXIST,
            .sends   = {installsTx(Sa{.saddr = "", .daddr = kPeer6, .family = 0}),
                        installsRx(Sa{.saddr = kPeer6, .daddr = "", .spi = kRxSpi, .family = AF_INET6})},
            .log     = {kInsertTx, identity(kTxSpi, noAddress(5)), described(kNoEncap, 0x24, "6"), marks,
@@ -186,6 +187,7 @@ TEST(States, RefuseARecord)
     const auto rxRefuses = [](Change change, const LogLine& why, const LogLine& step, int line = __builtin_LINE()) {
         refused({.answers = {{}},
                  .call    = install(change),
+                 .error   = EINVAL,
                  .log     = {kInsertTx, kNoEncap, kAcked, kInsertRx, why, step, kRxFailed}},
                 __FILE__, line);
     };
@@ -426,6 +428,7 @@ TEST(States, AreUpdatedInPlace)
     updates({.what    = "TX fails: nothing else is tried",
              .answers = {{}, no},
              .result  = -1,
+             .error   = EPERM,
              .log     = {txUpdate, refusedBy(-EPERM, kNotSent), by(4, "updating TX XFRM state failed\n")}});
     updates({.what    = "RX and TX's counters fail: RX's counters decide",
              .answers = {{}, {}, no, no},
@@ -434,6 +437,7 @@ TEST(States, AreUpdatedInPlace)
     updates({.what    = "RX's counters fail",
              .answers = {{}, {}, {}, {}, no},
              .result  = -1,
+             .error   = EPERM,
              .log     = {txUpdate, rxUpdate, kAcked, txCounters, kAcked, rxCounters, noCounters,
                          by(4, "updating sequence RX failed\n")}});
 }

@@ -88,6 +88,7 @@ struct Case {
     Answers answers                            = {};
     Operation call                             = {};
     std::optional<Result> result               = {}; // 0
+    std::optional<int> error                   = {}; // errno after it; a failure names it, of a success only dumps do
     Sends sends                                = {};
     Log log                                    = {};
 };
@@ -103,6 +104,8 @@ public:
     {
         const std::string what     = row.what != nullptr ? row.what : row.log.empty() ? "" : row.log.front().text;
         const std::string expected = row.result.value_or(usual.result.value_or(0)).text;
+        const bool fails           = expected.find("-1") != std::string::npos;
+        const std::optional named  = row.error || !fails ? row.error : usual.error;
         ScriptedKernel kernel;
         kernel.addInterface("lo", 1);
         kernel.addInterface("wlan0", 3);
@@ -113,9 +116,14 @@ public:
         std::string differences;
         {
             const testing::ScopedTrace trace(file, line, what);
-            const std::string result = kernel.run(row.call ? row.call : usual.call).text;
-            if (result != expected)
-                differences = "result " + result + ", not " + expected + '\n';
+            const Result result = kernel.run(row.call ? row.call : usual.call);
+            const int error     = errno;
+            if (result.text != expected)
+                differences = std::string("result ") + result.text + ", not " + expected + '\n';
+            if (!named && fails)
+                differences += "the row does not say which errno it fails with\n";
+            if (named && error != *named)
+                differences += "errno " + std::to_string(error) + ", not " + std::to_string(*named) + '\n';
         }
         const bool sends = row.sends.any || !row.sends.digits.empty();
         differences +=
@@ -134,7 +142,7 @@ namespace routing {
 inline const Check check;
 inline const Check acked({.log = kAcked});
 inline const Check rejects({.result = -1}); // sends nothing
-inline const Check refused({.answers = {{refusal(-EPERM)}}, .result = -1, .sends = kAnything});
+inline const Check refused({.answers = {{refusal(-EPERM)}}, .result = -1, .error = EPERM, .sends = kAnything});
 } // namespace routing
 
 } // namespace wire
