@@ -3,6 +3,7 @@
 #include "ReplyRecorder.h"
 
 #include <FormatLogLine.h>
+#include <Wipe.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -359,8 +360,9 @@ struct ScriptedKernel::Hooks {
 
 } // namespace Vesk::Testing
 
-// The calls whose place is taken
+// The calls whose place is taken. A system call leaves no key in registers, so what copies one here does not, either.
 
+using namespace Vesk;
 using namespace Vesk::Testing;
 using Hooks = ScriptedKernel::Hooks;
 
@@ -401,7 +403,9 @@ ssize_t sendmsg(int descriptor, const msghdr* given, int flags)
     const Pause pause;
     if (!Hooks::owns(descriptor))
         return syscall(SYS_sendmsg, descriptor, given, flags);
-    return Hooks::sendmsg(descriptor, given, flags);
+    const ssize_t sent = Hooks::sendmsg(descriptor, given, flags);
+    wipeRegisters();
+    return sent;
 }
 
 ssize_t recvfrom(int descriptor, void* buffer, std::size_t size, int flags, sockaddr* address, socklen_t* length)
@@ -413,7 +417,9 @@ ssize_t recvfrom(int descriptor, void* buffer, std::size_t size, int flags, sock
             recordReply(descriptor, buffer, std::min(size, static_cast<std::size_t>(received)));
         return received;
     }
-    return Hooks::recvfrom(descriptor, buffer, size, flags, address);
+    const ssize_t received = Hooks::recvfrom(descriptor, buffer, size, flags, address);
+    wipeRegisters();
+    return received;
 }
 
 // What a fortified build calls when it cannot know that the buffer has room for `size`.
@@ -474,7 +480,7 @@ void LogMgr::doLog(log_level level, const char* file, unsigned int line, const c
     const Pause pause;
     static const int lowest = lowestLogLevel();
     errno                   = kNonsense;
-    if (capture == nullptr && level < lowest)
+    if (capture != nullptr ? capture->drop : level < lowest)
         return;
     char text[2048];
     std::va_list arguments;

@@ -111,6 +111,7 @@ public:
     LogCapture& operator=(const LogCapture&) = delete;
 
     std::vector<LogLine> lines; ///< In the order in which they were logged.
+    bool drop = false;          ///< Keep none from here on: the logger returns at once.
 };
 
 /// A kernel that says what a test tells it to say.
@@ -137,8 +138,9 @@ public:
     void answerEach(const std::vector<std::vector<Reply>>& all); ///< One request each; an empty one as usual.
 
     void fail(Call call, int error,
-              int nth = 1);       ///< The nth of these calls, counted from the start, sets errno, fails.
-    void miscountSends(int by);   ///< Sends report so many bytes more than they sent.
+              int nth = 1);                ///< The nth of these calls, counted from the start, sets errno, fails.
+    void miscountSends(int by);            ///< Sends report so many bytes more than they sent.
+    void dropLog() { logged.drop = true; } ///< Keeps no log lines from here on: the logger returns at once.
     void numberSockets(int from); ///< Descriptors of the sockets to come. Usually they are far from any real one.
 
     /// Calls, watching the allocations of the calling thread meanwhile, and returns what the call returned. To be used
