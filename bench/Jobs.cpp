@@ -68,15 +68,15 @@ tro_ipsec_static_sa_config_ex_info_ind_msg_v01& record()
         r.crypto_key_rx_valid = r.crypto_key_tx_valid = r.hash_key_rx_valid = r.hash_key_tx_valid = 1;
         r.spi_tx                                                                                  = kTxSPI;
         r.spi_rx                                                                                  = kRxSPI;
-        r.ipsec_protocol                                                                          = 3;  // ESP
-        r.encap_mode                                                                              = 1;  // tunnel
-        r.hash_algo                                                                               = 6;  // SHA-256
-        r.crypto_algo                                                                             = 12; // AES
+        r.ipsec_protocol    = TRO_IPSEC_PROTOCOL_ESP_V01;
+        r.encap_mode        = TRO_IPSEC_ENCAP_MODE_TUNNEL_V01;
+        r.hash_algo         = TRO_IPSEC_HASH_ALGO_SHA256_V01;
+        r.crypto_algo       = TRO_IPSEC_CRYPTO_ALGO_AES_V01;
         r.crypto_key_rx_len = r.crypto_key_tx_len = kCipherKey;
         r.hash_key_rx_len = r.hash_key_tx_len = kHashKey;
         const auto set                        = [](tro_ip_addr_type_v01& address, const char* text) {
             const std::uint32_t word = ntohl(inet_addr(text));
-            address.ip_type          = 4;
+            address.ip_type          = TRO_IP_TYPE_IPV4_V01;
             address.addr_len         = sizeof word;
             std::memcpy(address.addr, &word, sizeof word);
         };

@@ -119,7 +119,7 @@ tro_ip_addr_type_v01 address(const char* text)
     const std::uint32_t host = ntohl(network.s_addr); // the modem keeps IPv4 addresses in host order
 
     tro_ip_addr_type_v01 address = {};
-    address.ip_type              = 4;
+    address.ip_type              = TRO_IP_TYPE_IPV4_V01;
     address.addr_len             = sizeof host;
     std::memcpy(address.addr, &host, sizeof host);
     return address;
@@ -144,14 +144,14 @@ Record handsetRecord(const char* local)
     record.spi_tx                             = 0x1001;
     record.spi_rx                             = 0x2002;
     record.ipsec_protocol_valid = record.encap_mode_valid = 1;
-    record.ipsec_protocol                                 = 3; // ESP
-    record.encap_mode                                     = 1; // tunnel
+    record.ipsec_protocol                                 = TRO_IPSEC_PROTOCOL_ESP_V01;
+    record.encap_mode                                     = TRO_IPSEC_ENCAP_MODE_TUNNEL_V01;
     record.remote_addr_valid = record.local_addr_valid = 1;
     record.remote_addr                                 = address("192.0.2.254");
     record.local_addr                                  = address(local);
     record.hash_algo_valid = record.crypto_algo_valid = 1;
-    record.hash_algo                                  = 6;  // HMAC-SHA-256
-    record.crypto_algo                                = 12; // AES, in CBC mode when nothing else is said
+    record.hash_algo                                  = TRO_IPSEC_HASH_ALGO_SHA256_V01;
+    record.crypto_algo = TRO_IPSEC_CRYPTO_ALGO_AES_V01; // in CBC mode, when nothing else is said
     setKeys(record, 0x10);
     return record;
 }

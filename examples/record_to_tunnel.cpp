@@ -8,12 +8,12 @@ int main()
 
     record.spi_tx         = 0x1001;
     record.spi_rx         = 0x2002;
-    record.ipsec_protocol = 3;                        // ESP
-    record.encap_mode     = 1;                        // tunnel
-    record.local_addr     = {4, 4, {1, 2, 0, 192}};   // 192.0.2.1, as the bytes of a word in host order
-    record.remote_addr    = {4, 4, {254, 2, 0, 192}}; // 192.0.2.254
-    record.crypto_algo    = 12;                       // AES, in CBC mode
-    record.hash_algo      = 6;                        // HMAC-SHA-256
+    record.ipsec_protocol = TRO_IPSEC_PROTOCOL_ESP_V01;
+    record.encap_mode     = TRO_IPSEC_ENCAP_MODE_TUNNEL_V01;
+    record.local_addr  = {TRO_IP_TYPE_IPV4_V01, 4, {1, 2, 0, 192}};   // 192.0.2.1, as the bytes of a word in host order
+    record.remote_addr = {TRO_IP_TYPE_IPV4_V01, 4, {254, 2, 0, 192}}; // 192.0.2.254
+    record.crypto_algo = TRO_IPSEC_CRYPTO_ALGO_AES_V01;               // in CBC mode
+    record.hash_algo   = TRO_IPSEC_HASH_ALGO_SHA256_V01;
 
     record.crypto_key_tx_len = record.crypto_key_rx_len = 16;
     record.hash_key_tx_len = record.hash_key_rx_len = 32;

@@ -13,11 +13,11 @@ tro_ip_addr_type_v01 modemAddress(const char* text)
     in_addr v4                   = {};
     if (inet_pton(AF_INET, text, &v4) == 1) {
         const std::uint32_t word = ntohl(v4.s_addr);
-        address.ip_type          = 4;
+        address.ip_type          = TRO_IP_TYPE_IPV4_V01;
         address.addr_len         = sizeof word;
         std::memcpy(address.addr, &word, sizeof word);
     } else if (inet_pton(AF_INET6, text, address.addr) == 1) {
-        address.ip_type  = 6;
+        address.ip_type  = TRO_IP_TYPE_IPV6_V01;
         address.addr_len = sizeof address.addr;
     }
     return address;
@@ -40,12 +40,12 @@ tro_ipsec_static_sa_config_ex_info_ind_msg_v01 espTunnel(const char* local, cons
     };
     set(record.spi_rx_valid, record.spi_rx, 0x55667788u);
     set(record.spi_tx_valid, record.spi_tx, 0x11223344u);
-    set(record.ipsec_protocol_valid, record.ipsec_protocol, 3u); // ESP
-    set(record.encap_mode_valid, record.encap_mode, 1u);         // tunnel
+    set(record.ipsec_protocol_valid, record.ipsec_protocol, TRO_IPSEC_PROTOCOL_ESP_V01);
+    set(record.encap_mode_valid, record.encap_mode, TRO_IPSEC_ENCAP_MODE_TUNNEL_V01);
     set(record.remote_addr_valid, record.remote_addr, modemAddress(remote));
     set(record.local_addr_valid, record.local_addr, modemAddress(local));
-    set(record.hash_algo_valid, record.hash_algo, 6u);      // SHA-256
-    set(record.crypto_algo_valid, record.crypto_algo, 12u); // AES
+    set(record.hash_algo_valid, record.hash_algo, TRO_IPSEC_HASH_ALGO_SHA256_V01);
+    set(record.crypto_algo_valid, record.crypto_algo, TRO_IPSEC_CRYPTO_ALGO_AES_V01);
     setKey(record.crypto_key_rx_valid, record.crypto_key_rx_len, record.crypto_key_rx, 0xc2, 16);
     setKey(record.crypto_key_tx_valid, record.crypto_key_tx_len, record.crypto_key_tx, 0xc1, 16);
     setKey(record.hash_key_rx_valid, record.hash_key_rx_len, record.hash_key_rx, 0xa2, 32);

@@ -19,9 +19,51 @@
 /// @addtogroup ipsec
 /// @{
 
+/// What `tro_ip_addr_type_v01::ip_type` says.
+enum tro_ip_type_enum_v01 : std::uint32_t {
+    TRO_IP_TYPE_IPV4_V01 = 4,
+    TRO_IP_TYPE_IPV6_V01 = 6,
+};
+
+/// What `ipsec_protocol` says.
+enum tro_ipsec_protocol_enum_v01 : std::uint32_t {
+    TRO_IPSEC_PROTOCOL_AH_V01  = 2,
+    TRO_IPSEC_PROTOCOL_ESP_V01 = 3,
+};
+
+/// What `encap_mode` says.
+enum tro_ipsec_encap_mode_enum_v01 : std::uint32_t {
+    TRO_IPSEC_ENCAP_MODE_TUNNEL_V01    = 1,
+    TRO_IPSEC_ENCAP_MODE_TRANSPORT_V01 = 2,
+};
+
+/// What `hash_algo` says.
+enum tro_ipsec_hash_algo_enum_v01 : std::uint32_t {
+    TRO_IPSEC_HASH_ALGO_SHA1_V01     = 5,
+    TRO_IPSEC_HASH_ALGO_SHA256_V01   = 6,
+    TRO_IPSEC_HASH_ALGO_MD5_V01      = 7,
+    TRO_IPSEC_HASH_ALGO_AES_XCBC_V01 = 12,
+    TRO_IPSEC_HASH_ALGO_SHA384_V01   = 20,
+    TRO_IPSEC_HASH_ALGO_SHA512_V01   = 21,
+};
+
+/// What `crypto_algo` says.
+enum tro_ipsec_crypto_algo_enum_v01 : std::uint32_t {
+    TRO_IPSEC_CRYPTO_ALGO_DES_CBC_V01  = 9,
+    TRO_IPSEC_CRYPTO_ALGO_3DES_CBC_V01 = 10,
+    TRO_IPSEC_CRYPTO_ALGO_AES_V01      = 12, ///< In the mode that `aes_mode` says.
+    TRO_IPSEC_CRYPTO_ALGO_AES_19_V01   = 19, ///< The same under another code.
+};
+
+/// What `aes_mode` says.
+enum tro_ipsec_aes_mode_enum_v01 : std::uint32_t {
+    TRO_IPSEC_AES_MODE_CBC_V01 = 1,
+    TRO_IPSEC_AES_MODE_CTR_V01 = 2, ///< The key ends in 4 bytes of nonce.
+};
+
 /// An IP address as the modem writes it.
 struct tro_ip_addr_type_v01 {
-    std::uint32_t ip_type;  ///< 4: IPv4, 6: IPv6; any other value is invalid.
+    std::uint32_t ip_type;  ///< A `tro_ip_type_enum_v01`; any other value is invalid.
     std::uint32_t addr_len; ///< Bytes of `addr` that are sent; read for IPv6 only. Above 16 counts as 16.
     std::uint8_t addr[16];  ///< IPv6: 16 bytes in network order. IPv4: the first 4 bytes are one word in HOST order.
 };
@@ -33,17 +75,17 @@ struct tro_ipsec_static_sa_config_ex_info_ind_msg_v01 {
     std::uint8_t spi_tx_valid;
     std::uint32_t spi_tx; ///< SPI of the outgoing SA, host order.
     std::uint8_t ipsec_protocol_valid;
-    std::uint32_t ipsec_protocol; ///< 2: AH, 3: ESP.
+    std::uint32_t ipsec_protocol; ///< A `tro_ipsec_protocol_enum_v01`.
     std::uint8_t encap_mode_valid;
-    std::uint32_t encap_mode; ///< 1: tunnel, 2: transport.
+    std::uint32_t encap_mode; ///< A `tro_ipsec_encap_mode_enum_v01`.
     std::uint8_t remote_addr_valid;
     tro_ip_addr_type_v01 remote_addr; ///< The peer: destination of TX, source of RX.
     std::uint8_t local_addr_valid;
     tro_ip_addr_type_v01 local_addr; ///< This end: source of TX, destination of RX.
     std::uint8_t hash_algo_valid;
-    std::uint32_t hash_algo; ///< 5: SHA-1, 6: SHA-256, 7: MD5, 12: AES-XCBC, 20: SHA-384, 21: SHA-512.
+    std::uint32_t hash_algo; ///< A `tro_ipsec_hash_algo_enum_v01`.
     std::uint8_t crypto_algo_valid;
-    std::uint32_t crypto_algo; ///< 9: DES-CBC, 10: 3DES-CBC, 12 and 19: AES in the mode of `aes_mode`.
+    std::uint32_t crypto_algo; ///< A `tro_ipsec_crypto_algo_enum_v01`.
     std::uint8_t crypto_key_rx_valid;
     std::uint32_t crypto_key_rx_len; ///< In bytes, at most 128.
     std::uint8_t crypto_key_rx[128]; ///< Cipher key of the incoming SA.
@@ -53,7 +95,7 @@ struct tro_ipsec_static_sa_config_ex_info_ind_msg_v01 {
     std::uint8_t udp_encap_valid;
     std::uint8_t udp_encap; ///< Non-zero, with a valid port: ESP is carried in UDP (NAT traversal).
     std::uint8_t aes_mode_valid;
-    std::uint32_t aes_mode; ///< 1: CBC, 2: CTR (the key ends in 4 bytes of nonce); CBC when not valid.
+    std::uint32_t aes_mode; ///< A `tro_ipsec_aes_mode_enum_v01`; CBC when not valid.
     std::uint8_t udp_encap_port_valid;
     std::uint16_t udp_encap_port; ///< This end's UDP port, NETWORK order; the peer's is always 4500.
     std::uint8_t hash_key_rx_valid;

@@ -3,8 +3,6 @@
 //     RTM_NEWADDRLABEL, RTM_DELADDRLABEL   ifaddrlblmsg   IFAL_LABEL, IFAL_ADDRESS
 //     RTM_GETADDRLABEL (query)             ifaddrlblmsg   IFAL_ADDRESS
 //     RTM_GETADDRLABEL (dump)              ifaddrlblmsg
-//
-// Labels up to 20 are the system's own, of which 1 is the default; those from 20 on are handed out here.
 
 #include <vesk/netlink.h>
 
@@ -12,6 +10,7 @@
 #include "Checked.h"
 #include "Log.h"
 #include "Message.h"
+#include "Numbers.h"
 #include "Zeroed.h"
 
 #include <algorithm>
@@ -31,14 +30,7 @@ namespace {
 
 constexpr char kLogSource[] = "src/netlink/AddrlabelHelper";
 
-constexpr unsigned short kDelete = NLM_F_REQUEST | NLM_F_ACK;
-constexpr unsigned short kCreate = kDelete | NLM_F_EXCL | NLM_F_CREATE;
-constexpr unsigned short kDump   = NLM_F_REQUEST | NLM_F_DUMP;
-
-constexpr unsigned int kDefaultLabel    = 1;
-constexpr unsigned int kLastSystemLabel = 20;
-constexpr unsigned int kFirstOwnLabel   = 20; // sic: a gap below 21 yields it
-constexpr std::size_t kUsualLabels      = 64;
+constexpr std::size_t kUsualLabels = 64;
 
 using LabelAttributes = AttributeTable<IFAL_LABEL>;
 using LabelSet        = std::vector<unsigned int>; // ascending, without duplicates
@@ -48,11 +40,7 @@ int addrlabelModify(int type, sockaddr_storage* address, unsigned int prefixLeng
 {
     const AddressBytes bytes = addressBytes(address);
     if (bytes.size == 0) {
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat"
-        return FAIL_WITH(EAFNOSUPPORT, "%S(): invalid addr family %u",
-                         address->ss_family); // sic: the logger reads %S as %s
-#pragma GCC diagnostic pop
+        WITH_CAPITAL_S(return FAIL_WITH(EAFNOSUPPORT, "%S(): invalid addr family %u", address->ss_family)) // sic
     }
 
     static_assert(sizeof(ifaddrlblmsg) == 12);
@@ -65,7 +53,7 @@ int addrlabelModify(int type, sockaddr_storage* address, unsigned int prefixLeng
     if (type == RTM_NEWADDRLABEL)
         msg.setNLMsgHeader(NETLINK_ROUTE, RTM_NEWADDRLABEL, kCreate);
     else
-        msg.setNLMsgHeader(NETLINK_ROUTE, RTM_DELADDRLABEL, kDelete);
+        msg.setNLMsgHeader(NETLINK_ROUTE, RTM_DELADDRLABEL, kAcknowledged);
     msg.addMsgPayload(sizeof entry, &entry);
     msg.addNLAttribute(IFAL_LABEL, label);
     msg.addNLAttribute(IFAL_ADDRESS, bytes.size, bytes.data);
@@ -119,10 +107,7 @@ int addrlabelPurgeNLMsgParse(nlmsghdr* message, LabelAttributes& attributes, con
         return -1;
     }
     if (message->nlmsg_len < kMessageSize<ifaddrlblmsg>) {
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat"
-        return FAIL("%S(): invalid NEWADDRLABEL message received"); // sic: the logger reads %S as %s
-#pragma GCC diagnostic pop
+        WITH_CAPITAL_S(return FAIL("%S(): invalid NEWADDRLABEL message received")) // sic
     }
 
     const auto entry = payloadOf<ifaddrlblmsg>(message);
@@ -222,7 +207,7 @@ int addrlabelGenerate(int family, bool useDefault, unsigned int* label) noexcept
         return result;
     }
 
-    // A gap is between a label and the one before it. Sic: the first label is compared with the second, if there is
+    // A gap is between a label and the one before it. Kept: the first label is compared with the second, if there is
     // one, so that it ends the process when it is none of the system's.
     unsigned int last = kLastSystemLabel;
     for (auto it = std::upper_bound(labels.begin(), labels.end(), kLastSystemLabel); it != labels.end(); ++it) {

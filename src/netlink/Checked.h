@@ -3,6 +3,7 @@
 #ifndef VESK_CHECKED_H
 #define VESK_CHECKED_H
 
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 
@@ -41,6 +42,14 @@ Result subOrAbort(A a, B b, const char* operation = __builtin_FUNCTION(), int li
     if (__builtin_sub_overflow(a, b, &difference))
         overflowAbort(operation, line);
     return difference;
+}
+
+// A value that a limit leaves no room for.
+inline void limitOrAbort(std::size_t value, std::size_t limit, const char* operation = __builtin_FUNCTION(),
+                         int line = __builtin_LINE())
+{
+    if (value > limit)
+        overflowAbort(operation, line);
 }
 
 } // namespace Vesk

@@ -37,12 +37,19 @@ private:
 #define LOG_TEXT(level, ...) ::Vesk::LogLine().logger().doLog(log_level_##level, kLogSource, __LINE__, __VA_ARGS__)
 
 // Logs and yields what is returned then: `return YIELD(NetlinkQueryContinue, failure, "%s(): Wrong type %d", type);`
-#define YIELD(value, ...) (LOG(__VA_ARGS__), value)
+#define YIELD(value, ...)    (LOG(__VA_ARGS__), value)
+#define YIELD_AS(value, ...) (LOG_AS(__VA_ARGS__), value)
 
 // Logs a failure and yields the -1 that reports it. The reason is in errno already, where the call that failed left it.
 #define FAIL(...) YIELD(-1, failure, __VA_ARGS__)
 
 // The same, with this reason: `return FAIL_WITH(EINVAL, "%s(): Invalid family %u", family);`
 #define FAIL_WITH(reason, ...) (errno = (reason), FAIL(__VA_ARGS__))
+
+// Around a statement that logs a format with "%S" and passes a narrow string: the logger reads that as "%s", which the
+// compiler's check cannot know.
+#define WITH_CAPITAL_S(statement)                                                                                      \
+    _Pragma("GCC diagnostic push") _Pragma("GCC diagnostic ignored \"-Wformat\"") statement;                           \
+    _Pragma("GCC diagnostic pop")
 
 #endif

@@ -46,7 +46,7 @@ constexpr std::size_t kMinDoneSize     = kMessageSize<int>;
 // attributes starts 12 bytes early, inside the echo, and stays so: daemons rely on which texts are found and which are
 // not.
 constexpr unsigned int kEchoStart        = NLMSG_HDRLEN + sizeof(int);
-constexpr unsigned int kExtAckInsideEcho = 12; // sic
+constexpr unsigned int kExtAckInsideEcho = 12; // kept
 constexpr unsigned int kExtAckStart      = kEchoStart + NLMSG_HDRLEN - kExtAckInsideEcho;
 constexpr unsigned int kExtAckMaxType    = 6;
 
@@ -543,7 +543,9 @@ void NetlinkMessage::parseAttributes(nlattr* first, std::unordered_map<int, nlat
 
 // Generic netlink families
 
-static VeskNetlinkQueryReturn queryGENLCb(nlmsghdr* msg, void* ctx)
+namespace {
+
+VeskNetlinkQueryReturn queryGENLCb(nlmsghdr* msg, void* ctx)
 {
     auto* id = static_cast<int*>(ctx);
     const AttributeTable<CTRL_ATTR_OP> attributes(msg, kMessageSize<genlmsghdr>);
@@ -556,6 +558,8 @@ static VeskNetlinkQueryReturn queryGENLCb(nlmsghdr* msg, void* ctx)
     *id = value;
     return NetlinkQueryDone;
 }
+
+} // namespace
 
 int queryGenericNetlinkFamily(std::string& name, unsigned char version, unsigned short* id) noexcept
 {

@@ -12,6 +12,7 @@
 #include "AddressBytes.h"
 #include "Log.h"
 #include "Message.h"
+#include "Numbers.h"
 #include "Zeroed.h"
 
 #include <cerrno>
@@ -29,19 +30,13 @@ namespace {
 
 constexpr char kLogSource[] = "src/netlink/RTNetlinkHelper";
 
-constexpr unsigned short kAcknowledged = NLM_F_REQUEST | NLM_F_ACK;
-constexpr unsigned short kCreate       = kAcknowledged | NLM_F_EXCL | NLM_F_CREATE;
-constexpr unsigned short kDump         = NLM_F_REQUEST | NLM_F_DUMP;
-
 constexpr __u32 kForever          = 0xFFFFFFFF; // a lifetime, in seconds
-constexpr __u32 kRouteMetric      = 100;
-constexpr __u32 kAdvertisedMSS    = 1140; // bytes
-constexpr __u32 kRulePriority     = 16000;
-constexpr __u32 kFirstTable       = 1000; // a device's table is this and its index
-constexpr __u32 kMaxRouteType     = 30;
-constexpr __u32 kMaxRuleType      = 30;
-constexpr int kPrioOptions        = 2; // the attribute in TCA_OPTIONS that holds them
 constexpr std::size_t kAddressMax = 16;
+
+// Attributes of a higher type are passed over. Those that are read have lower ones; the tables stay this small whatever
+// kernels to come send.
+constexpr __u32 kMaxRouteType = 30;
+constexpr __u32 kMaxRuleType  = 30;
 
 bool isIPv4Or6(unsigned char family)
 {
@@ -69,7 +64,7 @@ int RTNetlinkAddressCfg(std::string& device, sockaddr_storage* address, unsigned
 
     // Two independent choices: a value that is none of the enumerators replaces the address, with infinite lifetimes.
     const bool replace    = change != AddressAdd && change != AddressAddDeprecated;
-    const bool deprecated = (change & ~2) == AddressDeprecate;
+    const bool deprecated = change == AddressDeprecate || change == AddressAddDeprecated;
 
     static_assert(sizeof(ifaddrmsg) == 8 && sizeof(ifa_cacheinfo) == 16);
     auto payload = zeroed<ifaddrmsg>(); // ifa_family stays AF_UNSPEC: the platform's kernel judges by the address
@@ -113,8 +108,10 @@ int RTNetlinkSetGSOMaxSize(std::string& device, unsigned short gsoMaxSize) noexc
 
 // The gateway of a route
 
+namespace {
+
 // Takes the first message that shows a route with an IPv4 gateway; the table and the device are looked at for the log.
-static VeskNetlinkQueryReturn getRouterAddress(nlmsghdr* message, void* context)
+VeskNetlinkQueryReturn getRouterAddress(nlmsghdr* message, void* context)
 {
     constexpr auto next         = NetlinkQueryContinue;
     constexpr unsigned int size = kMessageSize<rtmsg>;
@@ -157,6 +154,8 @@ static VeskNetlinkQueryReturn getRouterAddress(nlmsghdr* message, void* context)
     return NetlinkQueryDone;
 }
 
+} // namespace
+
 RouterAddressResult RTNetlinkGetRoute(std::string destination, unsigned int mark, unsigned char family) noexcept
 {
     if (!isIPv4Or6(family))
@@ -189,8 +188,10 @@ RouterAddressResult RTNetlinkGetRoute(std::string destination, unsigned int mark
 
 // Routes
 
-static int sendRoute(unsigned short type, unsigned short flags, unsigned char family, unsigned int table,
-                     unsigned int outputIfIndex, unsigned char* destination, unsigned char* gateway)
+namespace {
+
+int sendRoute(unsigned short type, unsigned short flags, unsigned char family, unsigned int table,
+              unsigned int outputIfIndex, unsigned char* destination, unsigned char* gateway)
 {
     auto route         = zeroed<rtmsg>();
     route.rtm_family   = family;
@@ -213,6 +214,8 @@ static int sendRoute(unsigned short type, unsigned short flags, unsigned char fa
     msg.addNLAttribute(RTA_PRIORITY, kRouteMetric);
     return msg.messageTransact();
 }
+
+} // namespace
 
 int RTNetlinkAddRoute(std::string destination, unsigned int mark, unsigned char family, unsigned int table,
                       unsigned int outputIfIndex) noexcept
@@ -272,9 +275,7 @@ struct RuleMarkCtx {
     __u32 fwmask;
 };
 
-} // namespace
-
-static void getRuleMark(nlmsghdr* message, void* context)
+void getRuleMark(nlmsghdr* message, void* context)
 {
     constexpr unsigned int size = kMessageSize<fib_rule_hdr>;
 
@@ -321,6 +322,8 @@ static void getRuleMark(nlmsghdr* message, void* context)
     LOG(verbose, "%s(): fwmark 0x%04x/0x%04x", rule.fwmark, rule.fwmask);
 }
 
+} // namespace
+
 std::optional<std::pair<unsigned int, unsigned int>> RTNetlinkGetRule(std::string device) noexcept
 {
     static_assert(sizeof(fib_rule_hdr) == 12);
@@ -364,15 +367,6 @@ constexpr QdiscOperation kQdiscOperations[] = {
 };
 constexpr unsigned char kWithoutChange = 2, kWithChange = 3;
 
-// The platform's options of "prio": a tc_prio_qopt, and a switch behind it.
-struct PrioOptions {
-    std::int32_t bands;
-    std::uint8_t priomap[16]; // the band of each packet priority
-    std::uint8_t flowControl;
-    std::uint8_t filler[3]; // differs between the two operations, and is sent so
-};
-static_assert(sizeof(PrioOptions) == 24);
-
 unsigned int parentOrRoot(unsigned int parent)
 {
     return parent == 0 ? TC_H_ROOT : parent;
@@ -384,10 +378,8 @@ const QdiscOperation* buildQdisc(NetlinkMessage& msg, const char* name, const st
                                  unsigned char operations)
 {
     const unsigned int index = if_nametoindex(device.c_str());
-    if (index == 0) {
-        LOG_AS(failure, name, "%s(): no such device %s", device.c_str());
-        return nullptr;
-    }
+    if (index == 0)
+        return YIELD_AS(nullptr, failure, name, "%s(): no such device %s", device.c_str());
 
     static_assert(sizeof(tcmsg) == 20);
     auto qdisc        = zeroed<tcmsg>();
@@ -399,8 +391,7 @@ const QdiscOperation* buildQdisc(NetlinkMessage& msg, const char* name, const st
 
     if (operation >= operations) {
         errno = EINVAL;
-        LOG_AS(failure, name, "%s(): tc qdisc invalid flag operation");
-        return nullptr;
+        return YIELD_AS(nullptr, failure, name, "%s(): tc qdisc invalid flag operation");
     }
     const QdiscOperation& chosen = kQdiscOperations[operation];
     msg.setNLMsgHeader(NETLINK_ROUTE, chosen.type, chosen.flags);

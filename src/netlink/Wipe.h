@@ -27,7 +27,9 @@ inline void wipeRegisters()
 {
 #define WIPE(n) __asm__ __volatile__("movi v" #n ".2d, #0" : : : "v" #n);
     WIPE(0)
-    WIPE(1) WIPE(2) WIPE(3) WIPE(4) WIPE(5) WIPE(6) WIPE(7) // the arguments
+    WIPE(1)
+    WIPE(2)
+    WIPE(3) WIPE(4) WIPE(5) WIPE(6) WIPE(7) // the arguments
         WIPE(16) WIPE(17) WIPE(18) WIPE(19) WIPE(20) WIPE(21) WIPE(22) WIPE(23) WIPE(24) WIPE(25) WIPE(26) WIPE(27)
             WIPE(28) WIPE(29) WIPE(30) WIPE(31)
 #undef WIPE

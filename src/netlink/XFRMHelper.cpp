@@ -10,12 +10,16 @@
 //
 // In this order: the translation of the record, installing SAs, finding them again to remove or update them, policies,
 // migration.
+//
+// The record has two halves: one outgoing SA, which the log calls TX, and one incoming, RX. Functions whose names end in
+// "FromBexa" translate it.
 
 #include <vesk/netlink.h>
 
 #include "Checked.h"
 #include "Log.h"
 #include "Message.h"
+#include "Numbers.h"
 #include "WholeRequest.h"
 #include "Wipe.h"
 #include "Zeroed.h"
@@ -26,6 +30,7 @@
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 
 #include <arpa/inet.h>
 #include <linux/udp.h>
@@ -40,18 +45,9 @@ constexpr char kLogSource[] = "src/netlink/XFRMHelper";
 using SaRecord   = tro_ipsec_static_sa_config_ex_info_ind_msg_v01;
 using Technology = tro_technology_name_enum_v01;
 
-constexpr unsigned short kAcknowledged = NLM_F_REQUEST | NLM_F_ACK;
-constexpr unsigned short kDump         = NLM_F_REQUEST | NLM_F_DUMP;
-
 constexpr unsigned int kOutputMark       = 0x20000; // on all of TX, added to the caller's mark and mask
 constexpr unsigned int kMarkedRx         = 0x20002;
-constexpr __u32 kPolicyPriority          = 100;
-constexpr __u32 kBypassPriority          = 10;
-constexpr std::uint16_t kNatTraversal    = 4500; // the peer's UDP port
 constexpr std::size_t kAlgorithmCapacity = 512;
-
-// What the bypass policies select.
-constexpr const char* kLinkLocal = "fe80::/64";
 
 // Keys and addresses have lines in the log, which show them empty.
 constexpr const char* kUnsaid = "";
@@ -61,12 +57,6 @@ static_assert(sizeof(tro_ip_addr_type_v01) == 24 && sizeof(SaRecord) == 2452);
 static_assert(offsetof(SaRecord, spi_tx) == 12 && offsetof(SaRecord, local_addr) == 64);
 static_assert(offsetof(SaRecord, crypto_key_rx) == 112 && offsetof(SaRecord, hash_key_tx) == 1428);
 
-// The modem's codes
-constexpr std::uint32_t kAH = 2, kESP = 3;
-constexpr std::uint32_t kTunnel = 1, kTransport = 2;
-constexpr std::uint32_t kIPv4 = 4, kIPv6 = 6;
-constexpr std::uint32_t kCBC = 1, kCTR = 2;
-
 struct Cipher {
     std::uint32_t code;
     const char* name;
@@ -74,10 +64,10 @@ struct Cipher {
 };
 
 constexpr Cipher kCiphers[] = {
-    {9, "cbc(des)", nullptr},
-    {10, "cbc(des3_ede)", nullptr},
-    {12, "cbc(aes)", "rfc3686(ctr(aes))"},
-    {19, "cbc(aes)", "rfc3686(ctr(aes))"},
+    {TRO_IPSEC_CRYPTO_ALGO_DES_CBC_V01, "cbc(des)", nullptr},
+    {TRO_IPSEC_CRYPTO_ALGO_3DES_CBC_V01, "cbc(des3_ede)", nullptr},
+    {TRO_IPSEC_CRYPTO_ALGO_AES_V01, "cbc(aes)", "rfc3686(ctr(aes))"},
+    {TRO_IPSEC_CRYPTO_ALGO_AES_19_V01, "cbc(aes)", "rfc3686(ctr(aes))"},
 };
 
 struct Hash {
@@ -87,8 +77,9 @@ struct Hash {
 };
 
 constexpr Hash kHashes[] = {
-    {5, "hmac(sha1)", 96}, {6, "hmac(sha256)", 128},  {7, "hmac(md5)", 96},
-    {12, "xcbc(aes)", 96}, {20, "hmac(sha384)", 192}, {21, "hmac(sha512)", 256},
+    {TRO_IPSEC_HASH_ALGO_SHA1_V01, "hmac(sha1)", 96},      {TRO_IPSEC_HASH_ALGO_SHA256_V01, "hmac(sha256)", 128},
+    {TRO_IPSEC_HASH_ALGO_MD5_V01, "hmac(md5)", 96},        {TRO_IPSEC_HASH_ALGO_AES_XCBC_V01, "xcbc(aes)", 96},
+    {TRO_IPSEC_HASH_ALGO_SHA384_V01, "hmac(sha384)", 192}, {TRO_IPSEC_HASH_ALGO_SHA512_V01, "hmac(sha512)", 256},
 };
 
 // The entry of a table with this code, or null.
@@ -108,8 +99,14 @@ struct Key {
     std::size_t field; // bytes that the record has for it
 };
 
-// What a direction reads from the record.
+enum class Direction {
+    Tx,
+    Rx
+};
+
+// What the SA of one direction takes from the record.
 struct Half {
+    Direction direction;
     const char* name;
     std::uint8_t spiValid;
     std::uint32_t spi;
@@ -121,11 +118,12 @@ struct Half {
     std::uint16_t destinationPort;
 };
 
-Half halfOf(const SaRecord& record, bool tx)
+Half halfOf(const SaRecord& record, Direction direction)
 {
     const auto& r = record;
-    if (tx)
-        return {"TX",
+    if (direction == Direction::Tx)
+        return {direction,
+                "TX",
                 r.spi_tx_valid,
                 r.spi_tx,
                 r.local_addr,
@@ -134,7 +132,8 @@ Half halfOf(const SaRecord& record, bool tx)
                 {r.hash_key_tx_valid, r.hash_key_tx_len, r.hash_key_tx, sizeof r.hash_key_tx},
                 r.udp_encap_port,
                 htons(kNatTraversal)};
-    return {"RX",
+    return {direction,
+            "RX",
             r.spi_rx_valid,
             r.spi_rx,
             r.remote_addr,
@@ -148,7 +147,14 @@ Half halfOf(const SaRecord& record, bool tx)
 // Zero for an address that is neither IPv4 nor IPv6.
 __u16 familyOf(const tro_ip_addr_type_v01& address)
 {
-    return address.ip_type == kIPv4 ? AF_INET : address.ip_type == kIPv6 ? AF_INET6 : AF_UNSPEC;
+    switch (address.ip_type) {
+    case TRO_IP_TYPE_IPV4_V01:
+        return AF_INET;
+    case TRO_IP_TYPE_IPV6_V01:
+        return AF_INET6;
+    default:
+        return AF_UNSPEC;
+    }
 }
 
 // In the log every family but IPv4, none included, reads as IPv6.
@@ -168,27 +174,26 @@ __be32 wordOf(const tro_ip_addr_type_v01& address)
 // An address of another type is logged and left as it is; the request goes on.
 void setXFRMAddrFromBexa(const tro_ip_addr_type_v01& from, xfrm_address_t* to)
 {
-    if (from.ip_type == kIPv6)
+    if (from.ip_type == TRO_IP_TYPE_IPV6_V01)
         std::memcpy(to->a6, from.addr, std::min<std::size_t>(from.addr_len, sizeof from.addr));
-    else if (from.ip_type == kIPv4)
+    else if (from.ip_type == TRO_IP_TYPE_IPV4_V01)
         to->a4 = wordOf(from);
     else
         LOG(failure, "%s(): invalid addr family %u\n", from.ip_type);
 }
 
-int setXFRMIdFromBexa(const SaRecord& record, xfrm_address_t* saddr, xfrm_id* id, bool tx)
+int setXFRMIdFromBexa(const SaRecord& record, const Half& half, xfrm_address_t* saddr, xfrm_id* id)
 {
-    const Half half = halfOf(record, tx);
     if (record.remote_addr_valid == 0 || record.local_addr_valid == 0 || record.ipsec_protocol_valid == 0)
         return FAIL_WITH(EINVAL, "%s(): IPSEC addresses or protocol is marked as invalid\n");
     if (half.spiValid == 0)
         return FAIL_WITH(EINVAL, "%s(): %s SPI value is marked as invalid\n", half.name);
 
-    const std::uint32_t protocol = record.ipsec_protocol & 0xff; // sic: elsewhere the whole value counts
-    if (protocol != kAH && protocol != kESP)
+    const std::uint32_t protocol = record.ipsec_protocol & 0xff; // kept: elsewhere the whole value counts
+    if (protocol != TRO_IPSEC_PROTOCOL_AH_V01 && protocol != TRO_IPSEC_PROTOCOL_ESP_V01)
         return FAIL_WITH(EINVAL, "%s(): invalid IPSEC protocol %d\n", static_cast<int>(record.ipsec_protocol));
-    id->proto = protocol == kAH ? IPPROTO_AH : IPPROTO_ESP;
-    LOG(detail, "%s():\t..id.proto = %s\n", protocol == kAH ? "ah" : "esp");
+    id->proto = protocol == TRO_IPSEC_PROTOCOL_AH_V01 ? IPPROTO_AH : IPPROTO_ESP;
+    LOG(detail, "%s():\t..id.proto = %s\n", id->proto == IPPROTO_AH ? "ah" : "esp");
     LOG(detail, "%s():\t..saddr = %s\n", kUnsaid);
     LOG(detail, "%s():\t..id.daddr = %s\n", kUnsaid);
     setXFRMAddrFromBexa(half.source, saddr);
@@ -202,19 +207,19 @@ int setXFRMMode(const SaRecord& record, __u8* mode)
 {
     if (record.encap_mode_valid == 0)
         return FAIL_WITH(EINVAL, "%s(): encapsulation mode marked as invalid\n");
-    if (record.encap_mode != kTunnel && record.encap_mode != kTransport)
+    const bool tunnel = record.encap_mode == TRO_IPSEC_ENCAP_MODE_TUNNEL_V01;
+    if (!tunnel && record.encap_mode != TRO_IPSEC_ENCAP_MODE_TRANSPORT_V01)
         return FAIL_WITH(EINVAL, "%s(): invalid XFRM mode 0x%x\n", record.encap_mode);
-    *mode = record.encap_mode == kTunnel ? XFRM_MODE_TUNNEL : XFRM_MODE_TRANSPORT;
-    LOG(detail, "%s():\t..mode = %s\n", *mode == XFRM_MODE_TUNNEL ? "tunnel" : "transport");
+    *mode = tunnel ? XFRM_MODE_TUNNEL : XFRM_MODE_TRANSPORT;
+    LOG(detail, "%s():\t..mode = %s\n", tunnel ? "tunnel" : "transport");
     return 0;
 }
 
-void setXFRMEncap(const SaRecord& record, NetlinkMessage& msg, bool tx)
+void setXFRMEncap(const SaRecord& record, const Half& half, NetlinkMessage& msg)
 {
     if (record.udp_encap_port_valid == 0 || record.udp_encap_valid == 0 || record.udp_encap == 0)
         return LOG(notice, "%s(): not setting encapsulation params\n");
 
-    const Half half = halfOf(record, tx);
     static_assert(sizeof(xfrm_encap_tmpl) == 24);
     auto encap        = zeroed<xfrm_encap_tmpl>();
     encap.encap_type  = UDP_ENCAP_ESPINUDP;
@@ -231,8 +236,7 @@ class AlgorithmWithKey {
 public:
     AlgorithmWithKey(const char* name, const Key& key, const char* operation = __builtin_FUNCTION())
     {
-        const std::size_t room = std::min(key.field, sizeof bytes - sizeof(Algorithm));
-        static_cast<void>(subOrAbort<std::size_t>(room, key.length, operation));
+        limitOrAbort(key.length, std::min(key.field, sizeof bytes - sizeof(Algorithm)), operation);
         std::strncpy(head().alg_name, name, sizeof head().alg_name - 1);
         head().alg_key_len = key.length * 8;
         std::memcpy(bytes + sizeof(Algorithm), key.bytes, key.length);
@@ -253,9 +257,8 @@ private:
     alignas(Algorithm) unsigned char bytes[kAlgorithmCapacity] = {};
 };
 
-int setXFRMCryptoAlg(const SaRecord& record, NetlinkMessage& msg, bool tx)
+int setXFRMCryptoAlg(const SaRecord& record, const Half& half, NetlinkMessage& msg)
 {
-    const Half half = halfOf(record, tx);
     if (record.crypto_algo_valid == 0)
         return FAIL_WITH(EINVAL, "%s(): crypto algorithm marked as invalid\n");
     if (half.cipherKey.valid == 0)
@@ -263,13 +266,14 @@ int setXFRMCryptoAlg(const SaRecord& record, NetlinkMessage& msg, bool tx)
     const Cipher* cipher = lookUp(kCiphers, record.crypto_algo);
     if (cipher == nullptr)
         return FAIL_WITH(EINVAL, "%s(): invalid crypto algo %d\n", static_cast<int>(record.crypto_algo));
-    const std::uint32_t mode =
-        cipher->counterModeName != nullptr && record.aes_mode_valid != 0 ? record.aes_mode : kCBC;
-    if (mode != kCBC && mode != kCTR)
+    const bool anyMode       = cipher->counterModeName != nullptr && record.aes_mode_valid != 0;
+    const std::uint32_t mode = anyMode ? record.aes_mode : std::uint32_t{TRO_IPSEC_AES_MODE_CBC_V01};
+    if (mode != TRO_IPSEC_AES_MODE_CBC_V01 && mode != TRO_IPSEC_AES_MODE_CTR_V01)
         return FAIL_WITH(EINVAL, "%s(): invalid AES mode %d\n", static_cast<int>(mode));
 
     static_assert(sizeof(xfrm_algo) == 68);
-    AlgorithmWithKey<xfrm_algo> algorithm(mode == kCTR ? cipher->counterModeName : cipher->name, half.cipherKey);
+    const bool counter = mode == TRO_IPSEC_AES_MODE_CTR_V01;
+    AlgorithmWithKey<xfrm_algo> algorithm(counter ? cipher->counterModeName : cipher->name, half.cipherKey);
     LOG(detail, "%s():\t..crypt.alg_name = %s\n", algorithm.head().alg_name);
     LOG(detail, "%s():\t..crypt.alg_key_len = %u\n", algorithm.head().alg_key_len);
     LOG(detail, "%s():\t..crypt.alg_key = %s\n", kUnsaid);
@@ -277,14 +281,13 @@ int setXFRMCryptoAlg(const SaRecord& record, NetlinkMessage& msg, bool tx)
     return 0;
 }
 
-int setXFRMAuthAlg(const SaRecord& record, NetlinkMessage& msg, bool tx)
+int setXFRMAuthAlg(const SaRecord& record, const Half& half, NetlinkMessage& msg)
 {
-    const Half half = halfOf(record, tx);
     if (record.hash_algo_valid == 0)
         return FAIL_WITH(EINVAL, "%s(): hash algo marked as invalid\n");
     if (half.hashKey.valid == 0)
-        return tx ? FAIL_WITH(EINVAL, "%s(): TX hash key marked as invalid\n")
-                  : FAIL_WITH(EINVAL, "%s(): RX hash key marked as invalid\n");
+        return half.direction == Direction::Tx ? FAIL_WITH(EINVAL, "%s(): TX hash key marked as invalid\n")
+                                               : FAIL_WITH(EINVAL, "%s(): RX hash key marked as invalid\n");
     const Hash* hash = lookUp(kHashes, record.hash_algo);
     if (hash == nullptr)
         return FAIL_WITH(EINVAL, "%s(): invalid autho algo %d\n", static_cast<int>(record.hash_algo)); // sic
@@ -310,28 +313,31 @@ void setNoLimits(xfrm_lifetime_cfg& lifetime)
 
 // Installing SAs
 
-int addXFRMState(const SaRecord& record, bool tx, Technology technology, unsigned int mark, unsigned int mask,
-                 unsigned short msgType)
+int addXFRMState(const SaRecord& record, Direction direction, Technology technology, unsigned int mark,
+                 unsigned int mask, unsigned short msgType)
 {
+    const Half half = halfOf(record, direction);
+    const bool tx   = direction == Direction::Tx;
+
     NetlinkMessage msg;
     msg.setNLMsgHeader(NETLINK_XFRM, msgType, kAcknowledged);
 
     static_assert(sizeof(xfrm_usersa_info) == 224);
     auto sinfo = zeroed<xfrm_usersa_info>();
     setNoLimits(sinfo.lft);
-    if (setXFRMIdFromBexa(record, &sinfo.saddr, &sinfo.id, tx) != 0)
+    if (setXFRMIdFromBexa(record, half, &sinfo.saddr, &sinfo.id) != 0)
         return FAIL("%s(): setting XFRM state ID failed\n");
     if (setXFRMMode(record, &sinfo.mode) != 0)
         return FAIL("%s(): setting XFRM state mode failed\n");
-    if (setXFRMCryptoAlg(record, msg, tx) != 0)
+    if (setXFRMCryptoAlg(record, half, msg) != 0)
         return FAIL("%s(): setting XFRM state crypto failed\n");
-    if (setXFRMAuthAlg(record, msg, tx) != 0)
+    if (setXFRMAuthAlg(record, half, msg) != 0)
         return FAIL("%s(): setting XFRM state auth failed\n");
-    setXFRMEncap(record, msg, tx);
+    setXFRMEncap(record, half, msg);
 
     sinfo.flags = XFRM_STATE_AF_UNSPEC | (tx ? XFRM_STATE_NOPMTUDISC : 0);
     LOG(detail, "%s():\t..sinfo.flags = 0x%x\n", sinfo.flags);
-    sinfo.family = familyOf(halfOf(record, tx).source);
+    sinfo.family = familyOf(half.source);
     LOG(detail, "%s():\t..sinfo.family = AF_INET%s\n", familySuffix(sinfo.family));
 
     if (tx) {
@@ -375,51 +381,47 @@ bool connects(const xfrm_usersa_info& state, const Half& half)
            XFRMAddrCmp(&state.id.daddr, state.family, &half.destination) == 0;
 }
 
-enum class Match {
-    None,
-    Tx,
-    Rx
-};
-
-// Which SA of the record a dumped message shows; copied into `state`. What does not match is logged under the name of
-// the callback that asks. The record's values are compared as they are, whatever their flags say.
-Match matchXFRMState(nlmsghdr* message, const SaRecord& record, xfrm_usersa_info& state, const char* callback)
+// Which SA of the record a dumped message shows, if any; copied into `state`. What does not match is logged under the
+// name of the callback that asks. The record's values are compared as they are, whatever their flags say.
+std::optional<Direction> matchXFRMState(nlmsghdr* message, const SaRecord& record, xfrm_usersa_info& state,
+                                        const char* callback)
 {
-    const auto no = Match::None;
+    constexpr auto none = std::nullopt;
     if (message->nlmsg_type != XFRM_MSG_NEWSA)
-        return LOG_AS(verbose, callback, "%s(): ignoring non-XFRM state message\n"), no;
+        return YIELD_AS(none, verbose, callback, "%s(): ignoring non-XFRM state message\n");
     if (message->nlmsg_len < kMessageSize<xfrm_usersa_info>)
-        return LOG_AS(failure, callback, "%s(): invalid XFRM state message received\n"), no;
+        return YIELD_AS(none, failure, callback, "%s(): invalid XFRM state message received\n");
     state = payloadOf<xfrm_usersa_info>(message);
 
     if (state.id.proto != IPPROTO_AH && state.id.proto != IPPROTO_ESP)
-        return LOG_AS(verbose, callback, "%s(): ignoring non-ESP/AH protocol"), no;
-    if (record.ipsec_protocol != (state.id.proto == IPPROTO_AH ? kAH : kESP))
-        return LOG_AS(verbose, callback, "%s(): ignoring non-matching protocol"), no;
+        return YIELD_AS(none, verbose, callback, "%s(): ignoring non-ESP/AH protocol");
+    const auto protocol = state.id.proto == IPPROTO_AH ? TRO_IPSEC_PROTOCOL_AH_V01 : TRO_IPSEC_PROTOCOL_ESP_V01;
+    if (record.ipsec_protocol != protocol)
+        return YIELD_AS(none, verbose, callback, "%s(): ignoring non-matching protocol");
 
-    const Half tx = halfOf(record, true), rx = halfOf(record, false);
+    const Half tx = halfOf(record, Direction::Tx), rx = halfOf(record, Direction::Rx);
     if (hasSPI(state, tx)) {
         if (connects(state, tx))
-            return Match::Tx;
-        return LOG_AS(verbose, callback, "%s(): ignoring non-matching TX address\n"), no;
+            return Direction::Tx;
+        return YIELD_AS(none, verbose, callback, "%s(): ignoring non-matching TX address\n");
     }
     if (hasSPI(state, rx)) {
         if (connects(state, rx))
-            return Match::Rx;
-        return LOG_AS(verbose, callback, "%s(): ignoring non-matching RX address\n"), no;
+            return Direction::Rx;
+        return YIELD_AS(none, verbose, callback, "%s(): ignoring non-matching RX address\n");
     }
-    return LOG_AS(verbose, callback, "%s(): ignoring non-matching SPI\n"), no;
+    return YIELD_AS(none, verbose, callback, "%s(): ignoring non-matching SPI\n");
 }
 
 void removeXFRMStateCb(nlmsghdr* message, void* context)
 {
     const auto& record = *static_cast<const SaRecord*>(context);
     xfrm_usersa_info state;
-    const Match match = matchXFRMState(message, record, state, __func__);
-    if (match == Match::None)
+    const auto direction = matchXFRMState(message, record, state, __func__);
+    if (!direction)
         return;
 
-    if (match == Match::Tx)
+    if (direction == Direction::Tx)
         LOG(notice, "%s(): removing TX XFRM state\n");
     else
         LOG(notice, "%s(): removing RX XFRM state\n");
@@ -460,9 +462,10 @@ struct XFRMSeqMatchCtx {
     ReplayRecord rxReplay;
 };
 
-// Sic: a record of either kind is kept for TX, whichever SA it belongs to, and an extended one of RX clears RX's flag.
-// So TX gets the counters of the SA that was dumped last, and RX zeros.
-void keepReplay(XFRMSeqMatchCtx& context, bool tx, unsigned int type, nlattr* attribute, const char* callback)
+// Kept: a record of either kind is stored for TX, whichever SA it belongs to, and an extended one of RX clears RX's
+// flag. So TX gets the counters of the SA that was dumped last, and RX zeros.
+void keepReplay(XFRMSeqMatchCtx& context, Direction direction, unsigned int type, nlattr* attribute,
+                const char* callback)
 {
     if (type == XFRMA_REPLAY_VAL && attributeLength(attribute) >= sizeof(xfrm_replay_state)) {
         xfrm_replay_state replay;
@@ -475,7 +478,10 @@ void keepReplay(XFRMSeqMatchCtx& context, bool tx, unsigned int type, nlattr* at
         std::memcpy(&replay, attributeValue(attribute), sizeof replay);
         LOG_AS(notice, callback, "%s(): Replay Seq ESN: seq: %u oseq: %u", replay.seq, replay.oseq);
         std::memcpy(context.txReplay.data(), &replay, sizeof replay);
-        (tx ? context.txEsn : context.rxEsn) = tx;
+        if (direction == Direction::Tx)
+            context.txEsn = true;
+        else
+            context.rxEsn = false;
     }
 }
 
@@ -483,26 +489,29 @@ void queryXFRMStateCb(nlmsghdr* message, void* given)
 {
     auto& context = *static_cast<XFRMSeqMatchCtx*>(given);
     xfrm_usersa_info state;
-    const Match match = matchXFRMState(message, context.record, state, __func__);
-    if (match == Match::None)
+    const auto direction = matchXFRMState(message, context.record, state, __func__);
+    if (!direction)
         return;
 
-    const bool tx = match == Match::Tx;
-    if (tx)
+    if (direction == Direction::Tx) {
         LOG(notice, "%s(): Setting TX seq");
-    else
+        context.txState = state;
+    } else {
         LOG(notice, "%s(): Setting RX seq");
-    (tx ? context.txState : context.rxState) = state;
+        context.rxState = state;
+    }
 
     constexpr unsigned int start = kMessageSize<xfrm_usersa_info>;
     auto* first                  = reinterpret_cast<nlattr*>(reinterpret_cast<unsigned char*>(message) + start);
     const char* const name       = __func__;
-    forEachAttribute(first, subOrAbort<unsigned int>(message->nlmsg_len, start), XFRMA_REPLAY_ESN_VAL,
-                     [&](unsigned int type, nlattr* attribute) { keepReplay(context, tx, type, attribute, name); });
+    forEachAttribute(
+        first, subOrAbort<unsigned int>(message->nlmsg_len, start), XFRMA_REPLAY_ESN_VAL,
+        [&](unsigned int type, nlattr* attribute) { keepReplay(context, *direction, type, attribute, name); });
 }
 
-int updateXFRMSeq(XFRMSeqMatchCtx& context, bool tx)
+int updateXFRMSeq(XFRMSeqMatchCtx& context, Direction direction)
 {
+    const bool tx                 = direction == Direction::Tx;
     const xfrm_usersa_info& state = tx ? context.txState : context.rxState;
     const bool esn                = tx ? context.txEsn : context.rxEsn;
     ReplayRecord& replay          = tx ? context.txReplay : context.rxReplay;
@@ -514,7 +523,7 @@ int updateXFRMSeq(XFRMSeqMatchCtx& context, bool tx)
     aevent.sa_id.family = state.family;
     aevent.sa_id.proto  = state.id.proto;
 
-    // Sic: without NLM_F_REQUEST. A mainline kernel acknowledges this and leaves the counters alone, which keeps
+    // Kept: without NLM_F_REQUEST. A mainline kernel acknowledges this and leaves the counters alone, which keeps
     // traffic going, since the update of an SA does not touch them either.
     NetlinkMessage msg;
     msg.setNLMsgHeader(NETLINK_XFRM, XFRM_MSG_NEWAE, NLM_F_ACK | NLM_F_REPLACE);
@@ -575,13 +584,13 @@ int setXFRMSel(xfrm_selector* sel, const std::string& source, const std::string&
     return 0;
 }
 
-int setXFRMTmpl(const SaRecord& record, xfrm_user_tmpl* tmpl, bool outbound)
+int setXFRMTmpl(const SaRecord& record, const Half& half, xfrm_user_tmpl* tmpl)
 {
-    if (setXFRMIdFromBexa(record, &tmpl->saddr, &tmpl->id, outbound) != 0)
+    if (setXFRMIdFromBexa(record, half, &tmpl->saddr, &tmpl->id) != 0)
         return FAIL("%s(): setting template ID failed\n");
     if (setXFRMMode(record, &tmpl->mode) != 0)
         return FAIL("%s(): setting templade mode failed\n"); // sic
-    tmpl->family = familyOf(halfOf(record, outbound).source);
+    tmpl->family = familyOf(half.source);
     LOG(detail, "%s(): \t..tmpl.family = AF_INET%s\n", familySuffix(tmpl->family));
     tmpl->aalgos = tmpl->ealgos = tmpl->calgos = ~__u32{0}; // any algorithm
     return 0;
@@ -597,6 +606,12 @@ xfrm_userpolicy_info allowingPolicy(unsigned char direction, __u32 priority)
     return policy;
 }
 
+// The SA that a policy leads to.
+Direction directionOf(unsigned char policyDirection)
+{
+    return policyDirection == XFRM_POLICY_OUT ? Direction::Tx : Direction::Rx;
+}
+
 int addXFRMPolicy(const SaRecord& record, const std::string& source, const std::string& destination,
                   unsigned char protocol, unsigned char direction)
 {
@@ -605,7 +620,7 @@ int addXFRMPolicy(const SaRecord& record, const std::string& source, const std::
         return FAIL("%s(): setting policy selector failed\n");
     static_assert(sizeof(xfrm_user_tmpl) == 64);
     auto tmpl = zeroed<xfrm_user_tmpl>();
-    if (setXFRMTmpl(record, &tmpl, direction == XFRM_POLICY_OUT) != 0)
+    if (setXFRMTmpl(record, halfOf(record, directionOf(direction)), &tmpl) != 0)
         return FAIL("%s(): setting policy templace failed\n"); // sic
 
     NetlinkMessage msg;
@@ -641,8 +656,9 @@ int removeXFRMPolicy(const std::string& source, const std::string& destination, 
 // Whether the peer is the same; whatever `addr_len` says, an IPv6 address has 16 bytes.
 bool sameAddress(const tro_ip_addr_type_v01& one, const tro_ip_addr_type_v01& other)
 {
-    const std::size_t size = one.ip_type == kIPv6 ? 16 : one.ip_type == kIPv4 ? 4 : 0;
-    return size != 0 && one.ip_type == other.ip_type && std::memcmp(one.addr, other.addr, size) == 0;
+    const __u16 family     = familyOf(one);
+    const std::size_t size = family == AF_INET6 ? sizeof(in6_addr) : sizeof(in_addr);
+    return family != AF_UNSPEC && one.ip_type == other.ip_type && std::memcmp(one.addr, other.addr, size) == 0;
 }
 
 int migrateOneXFRM(const SaRecord& from, const SaRecord& to, const std::string& localText,
@@ -653,9 +669,9 @@ int migrateOneXFRM(const SaRecord& from, const SaRecord& to, const std::string& 
 
     static_assert(sizeof(xfrm_user_migrate) == 76);
     auto entry = zeroed<xfrm_user_migrate>();
-    if (to.ipsec_protocol != kAH && to.ipsec_protocol != kESP)
+    if (to.ipsec_protocol != TRO_IPSEC_PROTOCOL_AH_V01 && to.ipsec_protocol != TRO_IPSEC_PROTOCOL_ESP_V01)
         return FAIL_WITH(EINVAL, "%s(): invalid IPSEC protocol %d\n", static_cast<int>(to.ipsec_protocol));
-    entry.proto = to.ipsec_protocol == kAH ? IPPROTO_AH : IPPROTO_ESP;
+    entry.proto = to.ipsec_protocol == TRO_IPSEC_PROTOCOL_AH_V01 ? IPPROTO_AH : IPPROTO_ESP;
 
     const bool outbound = direction == XFRM_POLICY_OUT;
     if (outbound) {
@@ -674,7 +690,7 @@ int migrateOneXFRM(const SaRecord& from, const SaRecord& to, const std::string& 
     if (setXFRMMode(to, &entry.mode) != 0)
         return FAIL("%s(): setting XFRM state mode failed\n");
     msg.addNLAttribute(XFRMA_MIGRATE, sizeof entry, &entry);
-    setXFRMEncap(to, msg, outbound);
+    setXFRMEncap(to, halfOf(to, directionOf(direction)), msg);
 
     auto id = zeroed<xfrm_userpolicy_id>();
     id.dir  = direction;
@@ -694,14 +710,14 @@ int migrateOneXFRM(const SaRecord& from, const SaRecord& to, const std::string& 
 int addXFRMStates(SaRecord& record, Technology technology, unsigned int mark, unsigned int mask) noexcept
 {
     LOG(notice, "%s(): inserting outgoing XFRM state\n");
-    int result = addXFRMState(record, true, technology, mark, mask, XFRM_MSG_NEWSA);
+    int result = addXFRMState(record, Direction::Tx, technology, mark, mask, XFRM_MSG_NEWSA);
     if (result != 0) {
         LOG(failure, "%s(): setting TX XFRM state failed\n");
         return result;
     }
 
     LOG(notice, "%s(): inserting incoming XFRM state\n");
-    result = addXFRMState(record, false, technology, mark, mask, XFRM_MSG_NEWSA);
+    result = addXFRMState(record, Direction::Rx, technology, mark, mask, XFRM_MSG_NEWSA);
     if (result != 0)
         LOG(failure, "%s(): setting RX XFRM state failed\n"); // TX stays
     return result;
@@ -718,7 +734,7 @@ int updateXFRMStates(SaRecord& record, Technology technology, unsigned int mark,
         LOG(failure, "%s(): failed to query XFRM");
 
     LOG(notice, "%s(): updating outgoing XFRM state\n");
-    const int result = addXFRMState(record, true, technology, mark, mask, XFRM_MSG_UPDSA);
+    const int result = addXFRMState(record, Direction::Tx, technology, mark, mask, XFRM_MSG_UPDSA);
     if (result != 0) {
         LOG(failure, "%s(): updating TX XFRM state failed\n");
         return result;
@@ -726,13 +742,13 @@ int updateXFRMStates(SaRecord& record, Technology technology, unsigned int mark,
 
     // From here on only the last step decides.
     LOG(notice, "%s(): updating incoming XFRM state\n");
-    if (addXFRMState(record, false, technology, mark, mask, XFRM_MSG_UPDSA) != 0)
+    if (addXFRMState(record, Direction::Rx, technology, mark, mask, XFRM_MSG_UPDSA) != 0)
         LOG(failure, "%s(): updating RX XFRM state failed\n");
     LOG(notice, "%s(): updating Sequence number TX\n");
-    if (updateXFRMSeq(context, true) != 0)
+    if (updateXFRMSeq(context, Direction::Tx) != 0)
         LOG(failure, "%s(): updating sequence TX failed\n");
     LOG(notice, "%s(): updating Sequence number RX\n");
-    const int last = updateXFRMSeq(context, false);
+    const int last = updateXFRMSeq(context, Direction::Rx);
     if (last != 0)
         LOG(failure, "%s(): updating sequence RX failed\n");
     return last;
@@ -799,7 +815,7 @@ int removeXFRMPolicies(std::string& source, std::string& destination, unsigned c
 int addXFRMPolicyEx(unsigned char direction) noexcept
 {
     auto policy = allowingPolicy(direction, kBypassPriority);
-    if (setXFRMSel(&policy.sel, "", kLinkLocal, IPPROTO_ICMPV6) != 0)
+    if (setXFRMSel(&policy.sel, "", kBypassSelector, IPPROTO_ICMPV6) != 0)
         return FAIL("%s(): setting policy selector failed\n");
 
     NetlinkMessage msg; // no template, so that what matches passes IPsec by
@@ -813,7 +829,7 @@ int addXFRMPolicyEx(unsigned char direction) noexcept
 
 int removeXFRMPolicyEx(unsigned char direction) noexcept
 {
-    return removeXFRMPolicy("", kLinkLocal, IPPROTO_ICMPV6, direction);
+    return removeXFRMPolicy("", kBypassSelector, IPPROTO_ICMPV6, direction);
 }
 
 int migrateXFRMInfo(SaRecord& oldRecord, SaRecord& newRecord, std::string& localSelector, std::string& remoteSelector,
