@@ -102,6 +102,7 @@ ScriptedKernel::Watch::Watch(ScriptedKernel& kernel)
         throw std::logic_error("ScriptedKernel::run on another thread, or inside itself");
     kernel.blocks.clear();
     kernel.freed.clear();
+    errno    = kNonsense; // what an earlier call left there is no word of this one
     watching = true;
 }
 

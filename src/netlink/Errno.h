@@ -1,4 +1,5 @@
-// errno says why an operation failed. It is set where the failure is found, and nothing on the way out may change it.
+// errno says why an operation failed. It is set where the failure is found, and nothing on the way out may change it:
+// neither a log line nor the close of a socket. free() leaves it alone, as POSIX asks of it.
 #ifndef VESK_ERRNO_H
 #define VESK_ERRNO_H
 

@@ -12,7 +12,7 @@ namespace Vesk {
 
 // Lives as long as its line is logged. The platform's logger may change errno when it is first used, before the line's
 // arguments read it, and while it writes.
-class LogLine {
+class LogCall {
 public:
     [[nodiscard]] LogMgr& logger() const
     {
@@ -34,13 +34,15 @@ private:
 #define LOG_AS(level, name, format, ...) LOG_TEXT(level, format, name __VA_OPT__(, ) __VA_ARGS__)
 
 // The same without a name.
-#define LOG_TEXT(level, ...) ::Vesk::LogLine().logger().doLog(log_level_##level, kLogSource, __LINE__, __VA_ARGS__)
+#define LOG_TEXT(level, ...) ::Vesk::LogCall().logger().doLog(log_level_##level, kLogSource, __LINE__, __VA_ARGS__)
 
 // Logs and yields what is returned then: `return YIELD(NetlinkQueryContinue, failure, "%s(): Wrong type %d", type);`
+// The value is a constant, or errno would be put back after a call for it.
 #define YIELD(value, ...)    (LOG(__VA_ARGS__), value)
 #define YIELD_AS(value, ...) (LOG_AS(__VA_ARGS__), value)
 
-// Logs a failure and yields the -1 that reports it. The reason is in errno already, where the call that failed left it.
+// Logs a failure and yields the -1 that reports it. Where a caller of the library sees it, the reason is in errno
+// already: the call that failed left it there.
 #define FAIL(...) YIELD(-1, failure, __VA_ARGS__)
 
 // The same, with this reason: `return FAIL_WITH(EINVAL, "%s(): Invalid family %u", family);`

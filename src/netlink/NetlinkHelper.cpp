@@ -109,14 +109,14 @@ public:
         return message;
     }
 
-    // After the last message: whether the datagram was longer than a receive, which shows when it ends inside a message.
-    // A cut between two messages does not show.
+    // After next() had no more: whether the datagram was longer than a receive, which shows when it ends inside a
+    // message. A cut between two messages does not show.
     [[nodiscard]] bool isCutOff() const
     {
-        __u32 length = 0; // of the message that follows, which may have no whole header
+        __u32 length = 0; // of the message that begins there, perhaps without a whole header
         if (datagram == size && unread >= sizeof length)
             std::memcpy(&length, at, sizeof length);
-        return length >= NLMSG_HDRLEN && length > unread;
+        return length >= NLMSG_HDRLEN;
     }
 
     const std::size_t size = receiveSize();

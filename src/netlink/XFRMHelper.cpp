@@ -453,7 +453,7 @@ using ReplayRecord = std::array<unsigned char, sizeof(xfrm_replay_state_esn)>;
 struct XFRMSeqMatchCtx {
     const SaRecord& record;
     bool txEsn;
-    bool rxEsn;
+    bool rxEsn; // never set, see keepReplay
     unsigned int mark;
     unsigned int mask;
     xfrm_usersa_info txState;

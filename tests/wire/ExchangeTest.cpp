@@ -142,6 +142,7 @@ TEST(Exchange, TransactTakesTheFirstError)
     gets({.what = "nor this", .answers = {{refusal(-4096)}}, .result = "-1/-4096", .log = refusedBy(-4096)});
     gets({.answers = {{refusal(-4095)}}, .result = "-1/-4095", .error = 4095, .log = refusedBy(-4095)});
     gets({.what    = "one that is cut off",
+          .given   = [](ScriptedKernel& k) { k.setPageSize(4096); },
           .answers = {{message(26, 0, {"4048*00"}) + "25000000 0200 0000 8*00 ffffffff 16*00 00"}},
           .error   = EMSGSIZE,
           .log     = none});
@@ -298,6 +299,9 @@ TEST(Exchange, DumpGoesOnUntilDone)
           .answers = {{endOfDump(-EBUSY)}},
           .error   = EBUSY,
           .log     = failure(kDumped, "NL dump reports errno [%d, %s]", EBUSY)});
+    gets({.answers = {{endOfDump(-4096)}},
+          .error   = EBADMSG,
+          .log     = failure(kDumped, "NL dump reports errno [%d, %s]", 4096)});
     gets({.answers = {{"13000000 0300 0200 8*00 000000 00"}},
           .error   = EBADMSG,
           .log     = kDumped(4, "invalid dump done message")});
