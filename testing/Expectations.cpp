@@ -75,12 +75,6 @@ bool openedAsUsual(const Request& request)
 
 } // namespace
 
-const Sends kAnything = [] {
-    Sends sends;
-    sends.any = true;
-    return sends;
-}();
-
 std::string digits(const Request& request)
 {
     std::string text;

@@ -29,7 +29,12 @@ struct Sends {
     std::vector<std::string> digits; ///< a datagram each
     bool any = false;                ///< they do not matter
 };
-extern const Sends kAnything; ///< Whatever they are.
+/// Whatever they are. Defined here, so that the objects of any file that includes this may be initialised from it.
+inline const Sends kAnything = [] {
+    Sends sends;
+    sends.any = true;
+    return sends;
+}();
 
 /// The same of a request that was recorded.
 std::string digits(const Request& request);
