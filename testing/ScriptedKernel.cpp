@@ -373,9 +373,11 @@ static Function* next(const char* name)
     return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
+// Each is noexcept where the C library declares it so, as a definition must be: glibc does, of calls that never wait;
+// bionic does not.
 extern "C" {
 
-int socket(int domain, int type, int protocol) noexcept
+int socket(int domain, int type, int protocol) noexcept(noexcept(socket(domain, type, protocol)))
 {
     const Pause pause;
     if (active == nullptr || domain != AF_NETLINK)
@@ -383,7 +385,8 @@ int socket(int domain, int type, int protocol) noexcept
     return Hooks::socket(type, protocol);
 }
 
-int setsockopt(int descriptor, int level, int name, const void* value, socklen_t size) noexcept
+int setsockopt(int descriptor, int level, int name, const void* value,
+               socklen_t size) noexcept(noexcept(setsockopt(descriptor, level, name, value, size)))
 {
     const Pause pause;
     if (!Hooks::owns(descriptor))
@@ -391,7 +394,7 @@ int setsockopt(int descriptor, int level, int name, const void* value, socklen_t
     return Hooks::setsockopt(descriptor, level, name, value, size);
 }
 
-int bind(int descriptor, const sockaddr* address, socklen_t size) noexcept
+int bind(int descriptor, const sockaddr* address, socklen_t size) noexcept(noexcept(bind(descriptor, address, size)))
 {
     const Pause pause;
     if (!Hooks::owns(descriptor))
@@ -443,26 +446,26 @@ int close(int descriptor)
     return Hooks::close(descriptor);
 }
 
-unsigned int if_nametoindex(const char* name) noexcept
+unsigned int if_nametoindex(const char* name) noexcept(noexcept(if_nametoindex(name)))
 {
     const Pause pause;
     return active != nullptr ? Hooks::nameToIndex(name) : next<unsigned int(const char*)>("if_nametoindex")(name);
 }
 
-char* if_indextoname(unsigned int index, char* name) noexcept
+char* if_indextoname(unsigned int index, char* name) noexcept(noexcept(if_indextoname(index, name)))
 {
     const Pause pause;
     return active != nullptr ? Hooks::indexToName(index, name)
                              : next<char*(unsigned int, char*)>("if_indextoname")(index, name);
 }
 
-int rand() noexcept
+int rand() noexcept(noexcept(rand()))
 {
     return active != nullptr ? Hooks::random() : next<int()>("rand")();
 }
 
 // ThreadSanitizer asks before it can be told of anything.
-__attribute__((no_sanitize("thread"))) int getpagesize() noexcept
+__attribute__((no_sanitize("thread"))) int getpagesize() noexcept(noexcept(getpagesize()))
 {
     return active != nullptr ? Hooks::pageSize() : static_cast<int>(sysconf(_SC_PAGESIZE));
 }
