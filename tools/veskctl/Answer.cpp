@@ -160,8 +160,7 @@ int print(const Answer& answer, bool json, int logLevel)
             failures.push_back(textOf(line));
     }
 
-    const char* const known   = strerrorname_np(answer.error); // the C library has none for those of the kernel's own
-    const std::string name    = known != nullptr ? known : std::to_string(answer.error);
+    const std::string name    = errorName(answer.error);
     const std::string refused = answer.error != 0 ? "refused: " + name + ", " + std::strerror(answer.error) : "refused";
     if (json) {
         Json all = {{"result", answer.result}, {"status", answer.status}};

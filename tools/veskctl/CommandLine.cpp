@@ -132,8 +132,7 @@ void CommandLine::add(const Command& command)
         add(*app, each);
     std::string footer = command.notes.empty() ? "" : command.notes + "\n";
     if (command.mainlineRefusal != 0)
-        footer +=
-            std::string("Mainline kernels always refuse this (") + strerrorname_np(command.mainlineRefusal) + ").\n";
+        footer += "Mainline kernels always refuse this (" + errorName(command.mainlineRefusal) + ").\n";
     app->footer(footer + "Example:\n  veskctl " + command.path +
                 (command.example.empty() ? "" : ' ' + command.example));
     app->callback([this, &command] { chosen = &command; });

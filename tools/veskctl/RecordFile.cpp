@@ -7,6 +7,7 @@
 #include <charconv>
 #include <cstring>
 #include <map>
+#include <netlink/Wipe.h>
 #include <string_view>
 
 #include <arpa/inet.h>
@@ -226,7 +227,7 @@ std::string titleOf(const std::string& path)
 class Text {
 public:
     Text() : text(kLargestFile, '\0') {}
-    ~Text() { explicit_bzero(text.data(), text.size()); }
+    ~Text() { Vesk::wipe(text.data(), text.size()); }
     Text(const Text&)            = delete;
     Text& operator=(const Text&) = delete;
 
@@ -397,10 +398,10 @@ Json FileRecord::described() const
 
 void FileRecord::forgetKeys()
 {
-    explicit_bzero(crypto_key_rx, sizeof crypto_key_rx);
-    explicit_bzero(crypto_key_tx, sizeof crypto_key_tx);
-    explicit_bzero(hash_key_rx, sizeof hash_key_rx);
-    explicit_bzero(hash_key_tx, sizeof hash_key_tx);
+    Vesk::wipe(crypto_key_rx, sizeof crypto_key_rx);
+    Vesk::wipe(crypto_key_tx, sizeof crypto_key_tx);
+    Vesk::wipe(hash_key_rx, sizeof hash_key_rx);
+    Vesk::wipe(hash_key_tx, sizeof hash_key_tx);
 }
 
 std::string addressText(const tro_ip_addr_type_v01& address)

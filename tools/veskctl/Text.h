@@ -32,6 +32,9 @@ std::string digits(const unsigned char* bytes, std::size_t size);
 // IPv4 of 4 bytes, IPv6 of 16; digits of any other number.
 std::string addressText(const void* bytes, std::size_t size);
 
+// "ENOENT"; the number where the kernel's networking has no use for that errno.
+std::string errorName(int number);
+
 // Bold or faint when standard output is a terminal that is to have colours; else the text as it is.
 std::string bold(const std::string& text);
 std::string faint(const std::string& text);
