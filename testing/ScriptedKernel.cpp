@@ -20,14 +20,27 @@ namespace Vesk::Testing {
 
 namespace {
 
+// How many there are, of all threads. While there is none, what is thread_local is not asked for: where that is emulated
+// (by clang for Android), it allocates, and an allocator that starts may call close() itself.
+int living                          = 0;
 thread_local ScriptedKernel* active = nullptr;
 thread_local LogCapture* capture    = nullptr;
 thread_local bool watching          = false; // allocations are those of the code under test
 
+// Of this thread. Not told to ThreadSanitizer, which asks for the size of a page before it can be told of anything.
+__attribute__((no_sanitize("thread"))) ScriptedKernel* here()
+{
+    return __atomic_load_n(&living, __ATOMIC_RELAXED) != 0 ? active : nullptr;
+}
+
 // What the scripted kernel itself allocates is not counted.
 struct Pause {
-    const bool before = std::exchange(watching, false);
-    ~Pause() { watching = before; }
+    const bool before = here() != nullptr && std::exchange(watching, false);
+    ~Pause()
+    {
+        if (before)
+            watching = true;
+    }
 };
 
 // What the logger leaves in errno, as the platform's may leave anything there.
@@ -89,11 +102,13 @@ LogCapture::~LogCapture()
 ScriptedKernel::ScriptedKernel() : pageSize(usualPageSize())
 {
     active = this;
+    __atomic_add_fetch(&living, 1, __ATOMIC_RELAXED);
 }
 
 ScriptedKernel::~ScriptedKernel()
 {
     active = nullptr;
+    __atomic_sub_fetch(&living, 1, __ATOMIC_RELAXED);
 }
 
 ScriptedKernel::Watch::Watch(ScriptedKernel& kernel)
@@ -225,7 +240,7 @@ struct ScriptedKernel::Hooks {
     // A descriptor that is, or would be, one of ours. What is not open is complained about.
     static bool owns(int descriptor)
     {
-        if (active == nullptr)
+        if (here() == nullptr)
             return false;
         if (active->sockets.contains(descriptor))
             return true;
@@ -380,7 +395,7 @@ extern "C" {
 int socket(int domain, int type, int protocol) noexcept(noexcept(socket(domain, type, protocol)))
 {
     const Pause pause;
-    if (active == nullptr || domain != AF_NETLINK)
+    if (here() == nullptr || domain != AF_NETLINK)
         return static_cast<int>(syscall(SYS_socket, domain, type, protocol));
     return Hooks::socket(type, protocol);
 }
@@ -449,25 +464,24 @@ int close(int descriptor)
 unsigned int if_nametoindex(const char* name) noexcept(noexcept(if_nametoindex(name)))
 {
     const Pause pause;
-    return active != nullptr ? Hooks::nameToIndex(name) : next<unsigned int(const char*)>("if_nametoindex")(name);
+    return here() != nullptr ? Hooks::nameToIndex(name) : next<unsigned int(const char*)>("if_nametoindex")(name);
 }
 
 char* if_indextoname(unsigned int index, char* name) noexcept(noexcept(if_indextoname(index, name)))
 {
     const Pause pause;
-    return active != nullptr ? Hooks::indexToName(index, name)
+    return here() != nullptr ? Hooks::indexToName(index, name)
                              : next<char*(unsigned int, char*)>("if_indextoname")(index, name);
 }
 
 int rand() noexcept(noexcept(rand()))
 {
-    return active != nullptr ? Hooks::random() : next<int()>("rand")();
+    return here() != nullptr ? Hooks::random() : next<int()>("rand")();
 }
 
-// ThreadSanitizer asks before it can be told of anything.
 __attribute__((no_sanitize("thread"))) int getpagesize() noexcept(noexcept(getpagesize()))
 {
-    return active != nullptr ? Hooks::pageSize() : static_cast<int>(sysconf(_SC_PAGESIZE));
+    return here() != nullptr ? Hooks::pageSize() : static_cast<int>(sysconf(_SC_PAGESIZE));
 }
 
 } // extern "C"
