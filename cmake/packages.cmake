@@ -52,7 +52,7 @@ install(FILES ${CMAKE_CURRENT_LIST_DIR}/lintian-overrides DESTINATION ${CMAKE_IN
 foreach(folder . docs docs/pictures examples)
   set(linked ${PROJECT_SOURCE_DIR}/${folder})
   file(GLOB pages CONFIGURE_DEPENDS ${linked}/README.md ${linked}/SECURITY.md ${linked}/[a-z]*.md ${linked}/*.tsv
-       ${linked}/*.svg ${linked}/*.cpp ${linked}/*.ini ${linked}/two-hosts ${linked}/tunnel)
+       ${linked}/*.svg ${linked}/*.cpp ${linked}/*.ini ${linked}/*.te ${linked}/two-hosts ${linked}/tunnel)
   install(FILES ${pages} DESTINATION ${doc}/${folder} COMPONENT dev EXCLUDE_FROM_ALL)
 endforeach()
 
