@@ -1,106 +1,21 @@
 #include "Kernel.h"
 
+#include "Dump.h"
 #include "Text.h"
 
-#include <vesk/netlink.h>
-
 #include <algorithm>
-#include <cstring>
 #include <map>
-#include <unordered_map>
 
 #include <arpa/inet.h>
-#include <linux/capability.h>
 #include <linux/fib_rules.h>
 #include <linux/if_addrlabel.h>
 #include <linux/rtnetlink.h>
 #include <linux/xfrm.h>
 #include <net/if.h>
-#include <sys/syscall.h>
-#include <unistd.h>
 
 namespace {
 
-constexpr unsigned int kRoutePriority = 100;  // of the routes that the library installs
-constexpr unsigned int kFirstTable    = 1000; // a device's own table is this and its index
-
-// Reading answers
-
-class Attributes {
-public:
-    Attributes(nlmsghdr* message, std::size_t payload)
-    {
-        const std::size_t start = NLMSG_SPACE(payload);
-        if (message->nlmsg_len > start)
-            Vesk::NetlinkMessage::parseAttributes(
-                reinterpret_cast<nlattr*>(reinterpret_cast<unsigned char*>(message) + start), all,
-                static_cast<unsigned int>(message->nlmsg_len - start), static_cast<unsigned short>(NLA_TYPE_MASK));
-    }
-
-    [[nodiscard]] const unsigned char* value(int type) const
-    {
-        const auto found = all.find(type);
-        return found == all.end() ? nullptr : reinterpret_cast<const unsigned char*>(found->second) + NLA_HDRLEN;
-    }
-    [[nodiscard]] std::size_t size(int type) const
-    {
-        const auto found = all.find(type);
-        return found == all.end() ? 0 : found->second->nla_len - static_cast<std::size_t>(NLA_HDRLEN);
-    }
-    // Null where the attribute is missing or shorter. Attributes lie at multiples of 4, and no value is read by eights.
-    template <typename Value>
-    [[nodiscard]] const Value* as(int type) const
-    {
-        static_assert(alignof(Value) <= NLA_ALIGNTO);
-        return size(type) < sizeof(Value) ? nullptr : reinterpret_cast<const Value*>(value(type));
-    }
-    [[nodiscard]] std::optional<unsigned int> number(int type) const
-    {
-        const auto* const found = as<unsigned int>(type);
-        return found != nullptr ? std::optional(*found) : std::nullopt;
-    }
-    [[nodiscard]] std::string text(int type) const
-    {
-        const auto* const first = reinterpret_cast<const char*>(value(type));
-        return {first, strnlen(first, size(type))};
-    }
-    [[nodiscard]] bool has(int type) const { return all.contains(type); }
-
-private:
-    std::unordered_map<int, nlattr*> all;
-};
-
-// A message of the type that is asked for.
-template <typename Payload>
-using Show = std::function<void(const Payload&, const Attributes&)>;
-
-template <typename Payload>
-struct Shown {
-    unsigned short type;
-    const Show<Payload>& show;
-
-    bool take(nlmsghdr* message) const
-    {
-        if (message->nlmsg_type != type || message->nlmsg_len < NLMSG_LENGTH(sizeof(Payload)))
-            return false;
-        Payload payload;
-        std::memcpy(&payload, NLMSG_DATA(message), sizeof payload);
-        show(payload, Attributes(message, sizeof payload));
-        return true;
-    }
-};
-
-template <typename Payload>
-int dump(int protocol, unsigned short request, unsigned short type, Payload* about, const Show<Payload>& show)
-{
-    Shown<Payload> shown = {type, show};
-    Vesk::NetlinkMessage msg;
-    msg.setNLMsgHeader(protocol, request, NLM_F_REQUEST | NLM_F_DUMP);
-    if (about != nullptr)
-        msg.addMsgPayload(sizeof *about, about);
-    return msg.messageDump(
-        [](nlmsghdr* message, void* context) { static_cast<Shown<Payload>*>(context)->take(message); }, &shown);
-}
+constexpr unsigned int kFirstTable = 1000; // a device's own table is this and its index
 
 int dumpStates(const Show<xfrm_usersa_info>& show)
 {
@@ -310,17 +225,6 @@ std::string headline(const Json& entry, std::initializer_list<const char*> field
     });
 }
 
-// Whether an SA has another key than this one. What a kernel keeps to itself it shows as zeros.
-bool isOther(const Attributes& attributes, int type, std::size_t head, const std::uint8_t* key, std::size_t length)
-{
-    if (attributes.size(type) < head)
-        return false;
-    const unsigned char *const first = attributes.value(type) + head, *const end = attributes.value(type) +
-                                                                                   attributes.size(type);
-    return !std::equal(first, end, key, key + length) &&
-           std::any_of(first, end, [](unsigned char byte) { return byte != 0; });
-}
-
 } // namespace
 
 // Lists
@@ -374,29 +278,7 @@ int listRules(Answer& answer)
     return dump<fib_rule_hdr>(NETLINK_ROUTE, RTM_GETRULE, RTM_NEWRULE, &about, show);
 }
 
-// Looks
-
-InstalledStates installedStates(const Record& r)
-{
-    InstalledStates found;
-    const std::string local = addressText(r.local_addr), remote = addressText(r.remote_addr);
-    const unsigned int protocol = r.ipsec_protocol == kAH ? IPPROTO_AH : IPPROTO_ESP;
-    static_cast<void>(dumpStates([&](const xfrm_usersa_info& state, const Attributes& attributes) {
-        const std::string source      = textOf(state.saddr, state.family),
-                          destination = textOf(state.id.daddr, state.family);
-        const bool tx                 = ntohl(state.id.spi) == r.spi_tx && source == local && destination == remote;
-        const bool rx                 = ntohl(state.id.spi) == r.spi_rx && source == remote && destination == local;
-        if (state.id.proto != protocol || (!tx && !rx))
-            return;
-        (tx ? found.tx : found.rx) = true;
-        if (isOther(attributes, XFRMA_ALG_CRYPT, sizeof(xfrm_algo), tx ? r.crypto_key_tx : r.crypto_key_rx,
-                    tx ? r.crypto_key_tx_len : r.crypto_key_rx_len) ||
-            isOther(attributes, XFRMA_ALG_AUTH_TRUNC, sizeof(xfrm_algo_auth), tx ? r.hash_key_tx : r.hash_key_rx,
-                    tx ? r.hash_key_tx_len : r.hash_key_rx_len))
-            found.otherKeys = true;
-    }));
-    return found;
-}
+// Labels
 
 std::string Label::text() const
 {
@@ -414,61 +296,4 @@ int readLabels(std::vector<Label>& labels)
     ifaddrlblmsg about = {};
     about.ifal_family  = AF_INET6;
     return dump<ifaddrlblmsg>(NETLINK_ROUTE, RTM_GETADDRLABEL, RTM_NEWADDRLABEL, &about, show);
-}
-
-int installedRoutes(const std::string& destination, unsigned int table, unsigned int device)
-{
-    table            = table != RT_TABLE_UNSPEC ? table : RT_TABLE_MAIN; // as the kernel takes it
-    rtmsg about      = {};
-    about.rtm_family = AF_INET;
-    int routes       = 0;
-    static_cast<void>(dump<rtmsg>(
-        NETLINK_ROUTE, RTM_GETROUTE, RTM_NEWROUTE, &about, [&](const rtmsg& route, const Attributes& attributes) {
-            const bool same = route.rtm_dst_len == 32 && attributes.has(RTA_DST) &&
-                              addressText(attributes.value(RTA_DST), attributes.size(RTA_DST)) == destination &&
-                              attributes.number(RTA_TABLE) == table && attributes.number(RTA_OIF) == device &&
-                              attributes.number(RTA_PRIORITY) == kRoutePriority;
-            routes += same ? 1 : 0;
-        }));
-    return routes;
-}
-
-std::optional<NextHop> nextHop(const std::string& destination, unsigned char family, unsigned int mark)
-{
-    const int size                        = family == AF_INET ? 4 : 16;
-    std::array<unsigned char, 16> address = {};
-    inet_pton(family, destination.c_str(), address.data());
-    rtmsg about       = {};
-    about.rtm_family  = family;
-    about.rtm_dst_len = static_cast<unsigned char>(8 * size);
-
-    std::optional<NextHop> found;
-    const Show<rtmsg> show = [&](const rtmsg&, const Attributes& attributes) {
-        found = {"", deviceName(attributes.number(RTA_OIF).value_or(0))};
-        if (attributes.has(RTA_GATEWAY))
-            found->gateway = addressText(attributes.value(RTA_GATEWAY), attributes.size(RTA_GATEWAY));
-        else if (attributes.size(RTA_VIA) > sizeof(rtvia))
-            found->gateway =
-                addressText(attributes.value(RTA_VIA) + sizeof(rtvia), attributes.size(RTA_VIA) - sizeof(rtvia));
-    };
-    Shown<rtmsg> shown = {RTM_NEWROUTE, show};
-    Vesk::NetlinkMessage msg;
-    msg.setNLMsgHeader(NETLINK_ROUTE, RTM_GETROUTE, NLM_F_REQUEST);
-    msg.addMsgPayload(sizeof about, &about);
-    msg.addNLAttribute(RTA_DST, size, address.data());
-    msg.addNLAttribute(RTA_MARK, mark);
-    static_cast<void>(msg.messageQuery(
-        [](nlmsghdr* message, void* context) {
-            return static_cast<Shown<rtmsg>*>(context)->take(message) ? Vesk::NetlinkQueryDone
-                                                                      : Vesk::NetlinkQueryContinue;
-        },
-        &shown, false));
-    return found;
-}
-
-bool mayChangeNetworks()
-{
-    __user_cap_header_struct header                         = {_LINUX_CAPABILITY_VERSION_3, 0};
-    __user_cap_data_struct rights[_LINUX_CAPABILITY_U32S_3] = {};
-    return syscall(SYS_capget, &header, rights) == 0 && (rights[0].effective & (1U << CAP_NET_ADMIN)) != 0;
 }

@@ -5,17 +5,21 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <cstddef>
 #include <cstring>
 #include <map>
 #include <string_view>
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
 
+constexpr rlimit kNoCore             = {0, 0};
 constexpr std::size_t kLargestFile   = 65536;
 constexpr std::uint32_t kSmallestSPI = 256; // those below are reserved
 constexpr std::uint32_t kCBC = 1, kCTR = 2;
@@ -30,7 +34,7 @@ struct Word {
 using Words = std::vector<Word>;
 
 const Words kProtocols = {{"ah", {kAH}}, {"esp", {kESP}}};
-const Words kModes     = {{"tunnel", {1}}, {"transport", {2}}};
+const Words kModes     = {{"tunnel", {kTunnel}}, {"transport", {2}}};
 const Words kAESModes  = {{"cbc", {kCBC}}, {"ctr", {kCTR}}};
 const Words kCiphers   = {{"des-cbc", {9}, {8}},
                           {"3des-cbc", {10}, {24}},
@@ -172,6 +176,7 @@ struct Field {
     const char* meaning;
     unsigned neededFor; // Purposes
     std::uint8_t Record::*valid;
+    std::size_t at, size; // of the value in the record
     Setter set;
     const Words* words = nullptr;
 };
@@ -179,11 +184,12 @@ struct Field {
 constexpr unsigned kIdentity = ForStates | ForRemoval | ForPolicies;
 constexpr unsigned kAlways   = kIdentity | ForMigration;
 
-#define FIELD(name, meaning, neededFor) #name, meaning, neededFor, &Record::name##_valid
-#define NUMBER(name, lowest, highest)   numberIn(&Record::name##_valid, &Record::name, lowest, highest)
-#define ADDRESS(name)                   addressIn(&Record::name##_valid, &Record::name)
-#define KEY(name)                       keyIn(&Record::name##_valid, &Record::name##_len, &Record::name)
-#define WORD(name, words)               wordIn(&Record::name##_valid, &Record::name, words), &words
+#define FIELD(name, meaning, neededFor)                                                                                \
+#name, meaning, neededFor, &Record::name##_valid, offsetof(Record, name), sizeof(Record::name)
+#define NUMBER(name, lowest, highest) numberIn(&Record::name##_valid, &Record::name, lowest, highest)
+#define ADDRESS(name)                 addressIn(&Record::name##_valid, &Record::name)
+#define KEY(name)                     keyIn(&Record::name##_valid, &Record::name##_len, &Record::name)
+#define WORD(name, words)             wordIn(&Record::name##_valid, &Record::name, words), &words
 
 const std::vector<Field> kFields = {
     {FIELD(spi_rx, "SPI of the incoming SA, from 256 on", kIdentity), NUMBER(spi_rx, kSmallestSPI, UINT32_MAX)},
@@ -230,12 +236,15 @@ public:
     Text(const Text&)            = delete;
     Text& operator=(const Text&) = delete;
 
-    void read(const std::string& path)
+    void read(const std::string& path, std::vector<std::string>& warnings)
     {
-        const bool standardInput = path == "-" || path == "/dev/stdin";
-        const int descriptor     = standardInput ? STDIN_FILENO : open(path.c_str(), O_RDONLY | O_CLOEXEC);
-        const std::string error  = descriptor < 0 ? unreadable() : readFrom(descriptor, standardInput);
-        if (!standardInput && descriptor >= 0)
+        const int already    = openedAlready(path);
+        const int descriptor = already >= 0 ? already : open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        // Not before it is open: an ordinary user's /proc/self/fd would be closed to itself.
+        const bool safe = prctl(PR_SET_DUMPABLE, 0) == 0 && setrlimit(RLIMIT_CORE, &kNoCore) == 0;
+        const std::string error =
+            descriptor < 0 || !safe ? unreadable() : readFrom(descriptor, titleOf(path), warnings);
+        if (already < 0 && descriptor >= 0)
             close(descriptor);
         if (!error.empty())
             throw Refusal(titleOf(path) + ": " + error);
@@ -245,14 +254,24 @@ public:
 private:
     static std::string unreadable() { return std::string("cannot be read: ") + std::strerror(errno); }
 
+    // Standard input, or what a shell hands over as /dev/fd/63; -1 for any other path.
+    static int openedAlready(const std::string& path)
+    {
+        const bool handedOver = path.starts_with("/dev/fd/");
+        const auto number     = handedOver ? numberOf(path.substr(std::strlen("/dev/fd/"))) : std::nullopt;
+        return path == "-" || path == "/dev/stdin" ? STDIN_FILENO : number ? static_cast<int>(*number) : -1;
+    }
+
     // The file that is looked at is the one that is read. Only a file has a mode that says who else may read it.
-    std::string readFrom(int descriptor, bool standardInput)
+    std::string readFrom(int descriptor, const std::string& title, std::vector<std::string>& warnings)
     {
         struct stat about = {};
         if (fstat(descriptor, &about) != 0)
             return unreadable();
-        if (!standardInput && S_ISREG(about.st_mode) && (about.st_mode & (S_IRWXG | S_IRWXO)) != 0)
-            return "holds keys, but others may read it; chmod 600 it, or a copy";
+        if (S_ISREG(about.st_mode) && (about.st_mode & (S_IRGRP | S_IWGRP | S_IROTH | S_IWOTH)) != 0)
+            return "holds keys, but others may read or write it; chmod 600 it, or a copy";
+        if (S_ISREG(about.st_mode) && geteuid() == 0 && about.st_uid != 0)
+            warnings.push_back(title + ": belongs to user " + std::to_string(about.st_uid) + ", who can change it");
         ssize_t got = 0;
         while ((got = ::read(descriptor, text.data() + size, text.size() - size)) > 0)
             size += static_cast<std::size_t>(got);
@@ -326,16 +345,65 @@ void readLine(std::string_view line, std::size_t number, Reading& reading, Lines
     }
 }
 
-void checkKey(const char* name, const Word* algorithm, std::uint8_t valid, std::size_t length, const Lines& lines,
-              Problems& problems)
+struct GivenKey {
+    const char* name;
+    std::uint8_t valid;
+    const std::uint8_t* bytes;
+    std::size_t length;
+
+    [[nodiscard]] bool isZero() const
+    {
+        return length != 0 && std::count(bytes, bytes + length, 0) == static_cast<std::ptrdiff_t>(length);
+    }
+};
+
+// A key of either direction
+void checkKeys(const Word* algorithm, const GivenKey& tx, const GivenKey& rx, const Lines& lines, Problems& problems,
+               std::vector<std::string>& warnings)
 {
-    if (algorithm != nullptr && valid != 0 && std::count(algorithm->keys.begin(), algorithm->keys.end(), length) == 0)
-        problems.add(std::string(name) + ": " + std::to_string(length) + " bytes; " + algorithm->word + " takes " +
-                         either(algorithm->keys),
-                     lines.at(name));
+    for (const GivenKey& key : {tx, rx}) {
+        if (key.valid == 0)
+            continue;
+        if (algorithm != nullptr && std::count(algorithm->keys.begin(), algorithm->keys.end(), key.length) == 0)
+            problems.add(std::string(key.name) + ": " + std::to_string(key.length) + " bytes; " + algorithm->word +
+                             " takes " + either(algorithm->keys),
+                         lines.at(key.name));
+        else if (key.isZero())
+            problems.add(std::string(key.name) + ": all zeros; write the key", lines.at(key.name));
+    }
+    if (tx.valid != 0 && rx.valid != 0 && !tx.isZero() &&
+        std::equal(tx.bytes, tx.bytes + tx.length, rx.bytes, rx.bytes + rx.length))
+        warnings.push_back(std::string(rx.name) + ": the same as " + tx.name + "; each direction should have its own");
 }
 
-void check(const Record& r, Purpose purpose, const Lines& lines, Problems& problems)
+// What an address is, that no end of a tunnel is; null for all others.
+const char* unusable(const tro_ip_addr_type_v01& address)
+{
+    in6_addr v6 = {};
+    std::memcpy(&v6, address.addr, sizeof v6);
+    std::uint32_t v4 = 0;
+    std::memcpy(&v4, address.addr, sizeof v4);
+    const bool is4 = address.ip_type == 4;
+    if (is4 ? v4 == INADDR_ANY : IN6_IS_ADDR_UNSPECIFIED(&v6) != 0)
+        return "no address";
+    if (is4 ? v4 >> 24 == IN_LOOPBACKNET : IN6_IS_ADDR_LOOPBACK(&v6) != 0)
+        return "a loopback address";
+    if (is4 ? v4 >= INADDR_UNSPEC_GROUP : IN6_IS_ADDR_MULTICAST(&v6) != 0)
+        return "a multicast or broadcast address";
+    return nullptr;
+}
+
+void checkEnds(const Record& r, const Lines& lines, Problems& problems)
+{
+    for (const auto& [name, valid, address] : {std::tuple("local_addr", r.local_addr_valid, &r.local_addr),
+                                               std::tuple("remote_addr", r.remote_addr_valid, &r.remote_addr)})
+        if (const char* const what = valid != 0 ? unusable(*address) : nullptr)
+            problems.add(std::string(name) + ": " + what + "; write one that the other end can reach", lines.at(name));
+    if (r.local_addr_valid != 0 && r.remote_addr_valid != 0 && addressText(r.local_addr) == addressText(r.remote_addr))
+        problems.add("remote_addr: the same as local_addr; write the peer's", lines.at("remote_addr"));
+}
+
+void check(const Record& r, Purpose purpose, const Lines& lines, Problems& problems, std::vector<std::string>& warnings)
 {
     std::vector<std::string> missing;
     for (const Field& field : kFields)
@@ -351,18 +419,21 @@ void check(const Record& r, Purpose purpose, const Lines& lines, Problems& probl
     if (r.local_addr_valid != 0 && r.remote_addr_valid != 0 && r.local_addr.ip_type != r.remote_addr.ip_type)
         problems.add("remote_addr: of another family than local_addr; write two IPv4 or two IPv6 addresses",
                      lines.at("remote_addr"));
-    checkKey("crypto_key_rx", cipherOf(r), r.crypto_key_rx_valid, r.crypto_key_rx_len, lines, problems);
-    checkKey("crypto_key_tx", cipherOf(r), r.crypto_key_tx_valid, r.crypto_key_tx_len, lines, problems);
-    checkKey("hash_key_rx", hashOf(r), r.hash_key_rx_valid, r.hash_key_rx_len, lines, problems);
-    checkKey("hash_key_tx", hashOf(r), r.hash_key_tx_valid, r.hash_key_tx_len, lines, problems);
+    if (purpose != ForRemoval) // what is installed all the same must be possible to remove
+        checkEnds(r, lines, problems);
+    checkKeys(cipherOf(r), {"crypto_key_tx", r.crypto_key_tx_valid, r.crypto_key_tx, r.crypto_key_tx_len},
+              {"crypto_key_rx", r.crypto_key_rx_valid, r.crypto_key_rx, r.crypto_key_rx_len}, lines, problems,
+              warnings);
+    checkKeys(hashOf(r), {"hash_key_tx", r.hash_key_tx_valid, r.hash_key_tx, r.hash_key_tx_len},
+              {"hash_key_rx", r.hash_key_rx_valid, r.hash_key_rx, r.hash_key_rx_len}, lines, problems, warnings);
 }
 
 } // namespace
 
-void FileRecord::read(const std::string& path, Purpose purpose)
+void FileRecord::read(const std::string& path, Purpose purpose, std::vector<std::string>& warnings)
 {
     Text text;
-    text.read(path);
+    text.read(path, warnings);
     Problems problems(path);
     Reading reading = {*this};
     Lines lines;
@@ -378,7 +449,7 @@ void FileRecord::read(const std::string& path, Purpose purpose)
         aes_mode       = reading.impliedMode;
         aes_mode_valid = 1;
     }
-    check(*this, purpose, lines, problems);
+    check(*this, purpose, lines, problems, warnings);
     problems.report();
 }
 
@@ -401,6 +472,22 @@ void FileRecord::forgetKeys()
     explicit_bzero(crypto_key_tx, sizeof crypto_key_tx);
     explicit_bzero(hash_key_rx, sizeof hash_key_rx);
     explicit_bzero(hash_key_tx, sizeof hash_key_tx);
+}
+
+std::vector<std::string> differences(const Record& one, const Record& other)
+{
+    const auto valueIn = [](const Record& record, const Field& field) {
+        return reinterpret_cast<const unsigned char*>(&record) + field.at;
+    };
+    std::vector<std::string> names;
+    for (const Field& each : kFields) {
+        const bool moves = (each.neededFor & ForMigration) == 0 ? std::strncmp(each.name, "udp", 3) == 0
+                                                                : each.valid == &Record::local_addr_valid;
+        if (!moves && one.*each.valid != 0 && other.*each.valid != 0 &&
+            std::memcmp(valueIn(one, each), valueIn(other, each), each.size) != 0)
+            names.emplace_back(each.name);
+    }
+    return names;
 }
 
 std::string addressText(const tro_ip_addr_type_v01& address)

@@ -49,6 +49,39 @@ std::string addressText(const void* bytes, std::size_t size)
     return text;
 }
 
+std::string replaced(std::string text, const std::string& old, const std::string& with)
+{
+    for (std::size_t at = 0; (at = text.find(old, at)) != std::string::npos; at += with.size())
+        text.replace(at, old.size(), with);
+    return text;
+}
+
+std::string visible(const std::string& text)
+{
+    constexpr const char* figures = "0123456789abcdef";
+    std::string to;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const auto byte = static_cast<unsigned char>(text[i]);
+        // In UTF-8, U+0080 to U+009f, which some terminals obey too, are c2 and that byte.
+        const bool second = i > 0 && text[i - 1] == '\xc2' && byte < 0xa0;
+        if (byte < ' ' || byte == 0x7f || second)
+            to += {'\\', 'x', figures[byte / 16], figures[byte % 16]};
+        else
+            to += text[i];
+    }
+    return to;
+}
+
+std::string forShell(const std::string& text)
+{
+    constexpr const char* plain = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_./:@%+,=-";
+    if (!text.empty() && text.find_first_not_of(plain) == std::string::npos)
+        return text;
+    if (visible(text) != text)
+        return "$'" + replaced(visible(replaced(text, "\\", "\\\\")), "'", "\\'") + '\'';
+    return '\'' + replaced(text, "'", "'\\''") + '\'';
+}
+
 namespace {
 
 std::string painted(const char* code, const std::string& text)

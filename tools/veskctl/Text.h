@@ -32,6 +32,15 @@ std::string digits(const unsigned char* bytes, std::size_t size);
 // IPv4 of 4 bytes, IPv6 of 16; digits of any other number.
 std::string addressText(const void* bytes, std::size_t size);
 
+// With each occurrence of a piece replaced.
+std::string replaced(std::string text, const std::string& old, const std::string& with);
+
+// As it is shown to people: control characters, which a name may hold, as \x1b.
+std::string visible(const std::string& text);
+
+// As a word of a shell's command line.
+std::string forShell(const std::string& text);
+
 // Bold or faint when standard output is a terminal that is to have colours; else the text as it is.
 std::string bold(const std::string& text);
 std::string faint(const std::string& text);
