@@ -44,6 +44,11 @@ bool isReached(const InstalledState& state)
     return !state.marked;
 }
 
+bool isOwnAndReached(const InstalledState& state)
+{
+    return state.own && !state.marked;
+}
+
 auto changeStates(Arguments& a, decltype(Vesk::addXFRMStates)* operation)
 {
     a.record.read(a.file, ForStates, a.warnings);
@@ -55,13 +60,13 @@ auto changeStates(Arguments& a, decltype(Vesk::addXFRMStates)* operation)
 Operation addStates(Arguments& a)
 {
     const auto around = [&a](Answer& answer, const auto& makeCall) {
-        const bool before = oneOf(installedStates(a.record), true, isOwn) != nullptr;
+        const bool before = oneOf(installedStates(a.record), true, isOwnAndReached) != nullptr;
         makeCall();
         if (answer.result == 0)
             return;
         const auto after         = installedStates(a.record);
         const std::string remove = "veskctl sa remove " + forShell(a.file);
-        if (!before && oneOf(after, true, isOwn) != nullptr)
+        if (!before && oneOf(after, true, isOwnAndReached) != nullptr)
             answer.inPart("TX was installed and stays, RX was refused; before another try, remove both: " + remove);
         if (a.record.ipsec_protocol == kAH)
             answer.advise(EINVAL, "mainline kernels refuse this always: SAs of AH take no cipher there");
@@ -95,9 +100,8 @@ Operation updateStates(Arguments& a)
             if (!each.marked && !each.kept.empty())
                 kept.push_back(std::string(nameOf(each.tx)) + " kept its " + each.kept);
         if (answer.heard(kRxNotUpdated))
-            answer.inPart(std::string("TX was updated, RX was not") +
-                          (oneOf(after, false, isReached) != nullptr ? "" : ": it is not installed") +
-                          "; veskctl sa list shows what is there");
+            answer.inPart("TX was updated" + (kept.empty() ? "" : " but " + joined(kept)) + ", RX was not" +
+                          (oneOf(after, false, isReached) != nullptr ? "" : ": it is not installed"));
         else if (!kept.empty())
             answer.notAsAsked(joined(kept, "; ") + "; to change that, veskctl sa remove and veskctl sa add");
         else if (answer.heard(kTxCountersStay))
@@ -288,6 +292,8 @@ Operation migrate(Arguments& a)
         else if (answer.heard(kNotMovedBack[0]) || answer.heard(kNotMovedBack[1]))
             answer.inPart("some of it was moved and could not be moved back" + kSeePolicies);
         answer.advise(ENOENT, "a policy of one of the three directions, out, in and fwd, is missing" + kSeePolicies);
+        answer.advise(ENODATA,
+                      "a policy has no template of the records' mode, protocol and old addresses" + kSeePolicies);
     };
     return {.call = call, .around = around};
 }

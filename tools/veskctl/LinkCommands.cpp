@@ -144,41 +144,41 @@ Operation ruleList(Arguments&)
 constexpr unsigned char kAdd = 0, kDel = 1, kChange = 2;
 
 // What the kernel's errno does not tell of queueing disciplines: whether there is one, and which.
-Operation qdiscChange(Arguments& a, bool adds, std::function<int()> operation)
+Operation qdiscChange(Arguments& a, unsigned char operation, std::function<int()> call)
 {
     a.index           = indexOf(a.device);
-    const auto around = [&a, adds](Answer& answer, const auto& makeCall) {
+    const auto around = [&a, operation](Answer& answer, const auto& makeCall) {
         makeCall();
         const std::string there = qdiscAt(a.index, a.parent);
-        const std::string which = there.empty() ? "none was installed there" : there + " is there";
-        answer.advise(EEXIST, which + "; remove it first: veskctl qdisc del");
-        if (answer.error == ENOENT && adds)
-            answer.advise(ENOENT, "the kernel lacks this kind, or there is no such parent; " + which);
-        for (const int error : {ENOENT, EINVAL})
-            if (!adds)
-                answer.advise(error, "there is none of this kind, parent and handle; " + which);
+        const std::string which = there.empty() ? "; none was installed there" : "; what is there is " + there;
+        answer.advise(EEXIST, "there is one already" + which);
+        if (operation == kAdd)
+            answer.advise(ENOENT, "the kernel lacks this kind, or there is no such parent");
+        else
+            answer.advise(ENOENT, "there is none with this parent and handle" + which);
+        if (operation == kDel)
+            answer.advise(EINVAL, "there is none of this kind, parent and handle" + which);
     };
-    return {.call = [operation = std::move(operation)](Answer&) { return operation(); }, .around = around};
+    return {.call = [call = std::move(call)](Answer&) { return call(); }, .around = around};
 }
 
 template <unsigned char operation>
 Operation qdisc(Arguments& a)
 {
-    return qdiscChange(a, operation == kAdd,
+    return qdiscChange(a, operation,
                        [&a] { return Vesk::RTNetlinkTCQdisc(a.device, a.kind, a.parent, a.handle, operation); });
 }
 
 template <unsigned char operation>
 Operation prio(Arguments& a)
 {
-    return qdiscChange(a, operation == kAdd,
-                       [&a] { return Vesk::RTNetlinkTCPrio(a.device, a.parent, a.handle, operation); });
+    return qdiscChange(a, operation, [&a] { return Vesk::RTNetlinkTCPrio(a.device, a.parent, a.handle, operation); });
 }
 
 template <unsigned char operation>
 Operation flowControl(Arguments& a)
 {
-    return qdiscChange(a, operation != kDel, [&a] {
+    return qdiscChange(a, operation, [&a] {
         return Vesk::RTNetlinkFlowControl(a.device, a.parent, a.handle, a.enable ? 1 : 0, operation);
     });
 }

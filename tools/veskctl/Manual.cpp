@@ -49,9 +49,9 @@ std::string notesOf(const Command& command)
 {
     const char* const name = command.mainlineRefusal != 0 ? strerrorname_np(command.mainlineRefusal) : "";
     return (command.notes.empty() ? "" : command.notes + '\n') +
-           (*name == '\0' ? ""
-                          : std::string("Mainline kernels refuse this always, with ") + name +
-                                " unless something else is wrong.\n");
+           (*name == '\0'
+                ? ""
+                : std::string("Mainline kernels refuse this always (") + name + ", if nothing else is wrong).\n");
 }
 
 std::string exampleOf(const Command& command)
@@ -99,9 +99,8 @@ std::string helpOn(const std::string& path)
         text += "Commands:\n";
         for (const auto& [word, what] : nextWords(path))
             text += padded("  " + word) + what + '\n';
-        return text + (path.empty() ? "Status: 0 done, 1 refused or failed, 2 wrong usage, 3 in part or not as asked,\n"
-                                      "4 done, but the answer is lost\n"
-                                    : "");
+        return text +
+               (path.empty() ? "Status: 0 done, 1 failed, 2 wrong usage, 3 in part or otherwise, 4 answer lost\n" : "");
     }
     for (const Argument& each : found->arguments)
         if (!isOption(each))

@@ -19,7 +19,7 @@ void advise(Answer& answer, const Command& command)
         answer.advise(each.error, each.text);
     if (command.mainlineRefusal != 0 && answer.status == Refused)
         answer.note += answer.note.empty() ? "mainline kernels refuse this always"
-                                           : "; mainline kernels refuse this always, if not for that";
+                                           : "; mainline kernels refuse this always, in any case";
     if (answer.status == Refused && answer.error == EPERM && !mayChangeNetworks())
         answer.note = "this process has no CAP_NET_ADMIN; run it as root";
     answer.advise(EPROTONOSUPPORT,
