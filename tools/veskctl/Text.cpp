@@ -4,7 +4,6 @@
 #include <cstdlib>
 #include <cstring>
 
-#include <arpa/inet.h>
 #include <unistd.h>
 
 std::optional<std::int64_t> numberOf(std::string_view text)
@@ -16,37 +15,6 @@ std::optional<std::int64_t> numberOf(std::string_view text)
     const auto [stop, error] = std::from_chars(figures.data(), end, value, hex ? 16 : 10);
     const bool octal         = !hex && figures.size() > 1 && figures[0] == '0';
     return error == std::errc() && stop == end && !octal ? std::optional(value) : std::nullopt;
-}
-
-std::string hexadecimal(std::uint64_t value)
-{
-    constexpr const char* figures = "0123456789abcdef";
-    std::string text;
-    do
-        text.insert(text.begin(), figures[value % 16]);
-    while ((value /= 16) != 0);
-    return "0x" + text;
-}
-
-std::string digits(const unsigned char* bytes, std::size_t size)
-{
-    constexpr const char* figures = "0123456789abcdef";
-    std::string text;
-    for (std::size_t i = 0; i < size; ++i) {
-        if (i != 0 && i % 4 == 0)
-            text += ' ';
-        text += {figures[bytes[i] / 16], figures[bytes[i] % 16]};
-    }
-    return text;
-}
-
-std::string addressText(const void* bytes, std::size_t size)
-{
-    char text[INET6_ADDRSTRLEN] = {};
-    const int family            = size == sizeof(in_addr) ? AF_INET : size == sizeof(in6_addr) ? AF_INET6 : AF_UNSPEC;
-    if (inet_ntop(family, bytes, text, sizeof text) == nullptr)
-        return digits(static_cast<const unsigned char*>(bytes), size);
-    return text;
 }
 
 std::string replaced(std::string text, const std::string& old, const std::string& with)
