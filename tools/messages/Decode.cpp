@@ -58,13 +58,13 @@ std::string handleText(std::uint64_t handle)
     return handle == 0 ? "none" : major + ':' + (minor == "0" ? "" : minor);
 }
 
-std::string bare(const Names& names, const Names::Name& name)
+std::string bare(const Names& names, const Name& name)
 {
     const std::string constant = name.constant;
     return constant.starts_with(names.prefix) ? constant.substr(std::strlen(names.prefix)) : constant;
 }
 
-std::string wordOf(const Names& names, const Names::Name& name)
+std::string wordOf(const Names& names, const Name& name)
 {
     std::string word = name.word != nullptr ? name.word : bare(names, name);
     for (char& each : word)
@@ -74,7 +74,7 @@ std::string wordOf(const Names& names, const Names::Name& name)
 
 void nameFlags(Field& field, std::uint64_t flags, const Names& names)
 {
-    for (const Names::Name& each : names.names)
+    for (const Name& each : names.names)
         if ((flags & each.value) == each.value) {
             field.text = joined(field.text, " ", bare(names, each));
             field.words.push_back(wordOf(names, each));
@@ -89,11 +89,11 @@ void nameFlags(Field& field, std::uint64_t flags, const Names& names)
 
 void nameValue(Field& field, std::uint64_t value, const Names& names)
 {
-    const auto found = std::find_if(names.names.begin(), names.names.end(),
-                                    [value](const Names::Name& each) { return each.value == value; });
-    field.unnamed    = found == names.names.end();
-    field.text       = field.unnamed ? std::to_string(value) : found->constant;
-    field.words      = {field.unnamed ? field.text : wordOf(names, *found)};
+    const auto found =
+        std::find_if(names.names.begin(), names.names.end(), [value](const Name& each) { return each.value == value; });
+    field.unnamed = found == names.names.end();
+    field.text    = field.unnamed ? std::to_string(value) : found->constant;
+    field.words   = {field.unnamed ? field.text : wordOf(names, *found)};
 }
 
 void readNumber(Field& field, const Format& format, Bytes bytes)
@@ -101,7 +101,7 @@ void readNumber(Field& field, const Format& format, Bytes bytes)
     const bool networkOrder    = field.kind == Kind::Big || field.kind == Kind::BigHex || field.kind == Kind::BigMask;
     const std::uint64_t number = numberIn(bytes, networkOrder), all = UINT64_MAX >> (64 - 8 * bytes.size());
     field.value = number;
-    field.usual = number == 0;
+    field.usual = number == 0 || field.kind == Kind::Family; // which the addresses show
     if (field.kind == Kind::Limit || field.kind == Kind::Mask || field.kind == Kind::BigMask)
         field.usual = number == all;
     if (field.kind == Kind::Flags)
@@ -132,7 +132,7 @@ class Walk {
 public:
     explicit Walk(Bytes given) : message(given) {}
 
-    std::vector<Field> all(int protocol)
+    Fields all(int protocol)
     {
         Place place = {.part = kHeader.name};
         if (message.size() < sizeof(nlmsghdr)) {
@@ -140,8 +140,8 @@ public:
             return fields;
         }
         structure(place, kHeader);
-        const auto type         = std::get<std::uint64_t>(fields[1].value);
-        const auto flags        = std::get<std::uint64_t>(fields[2].value);
+        const auto type         = fields[1].number();
+        const auto flags        = fields[2].number();
         const auto* const known = messageOf(protocol, type);
         const std::string name  = known != nullptr ? known->name : std::to_string(type);
         fields[1].text          = name;
@@ -149,7 +149,7 @@ public:
         fields[2].text.clear();
         nameFlags(fields[2], flags, name.find("_GET") != std::string::npos ? kGetFlags : kHeaderFlags);
 
-        const std::size_t end = std::min<std::size_t>(std::get<std::uint64_t>(fields[0].value), message.size());
+        const std::size_t end = std::min<std::size_t>(fields[0].number(), message.size());
         place                 = {.part = "payload"};
         if (known != nullptr && known->payload != nullptr && at + known->payload->size <= end) {
             place.part   = known->payload->name;
@@ -159,12 +159,17 @@ public:
         if (known != nullptr && known->attributes != nullptr)
             attributes({.part = "", .family = place.family}, *known->attributes, end);
         rest({.part = "rest"}, message.size());
+        for (const Field& length : fields)
+            for (Field& each : fields)
+                if (length.kind == Kind::Prefix && each.kind == Kind::Address && each.listed == length.listed &&
+                    each.group == length.group) {
+                    each.prefix = static_cast<int>(length.number());
+                    each.usual &= length.usual;
+                }
         return fields;
     }
 
 private:
-    [[nodiscard]] Bytes bytes(std::size_t from, std::size_t to) const { return message.subspan(from, to - from); }
-
     Field& add(const Place& place, const std::string& name, Kind kind, std::size_t end)
     {
         Field field;
@@ -173,9 +178,9 @@ private:
         field.group = place.group;
         field.item  = place.item;
         field.kind  = kind;
-        field.at    = at;
-        field.size  = end - at;
-        at          = end;
+        field.at = field.valueAt = at;
+        field.size = field.valueSize = end - at;
+        at                           = end;
         return fields.emplace_back(std::move(field));
     }
     void padding(const Place& place, std::size_t end)
@@ -185,21 +190,23 @@ private:
     }
     void rest(const Place& place, std::size_t end)
     {
-        if (at < end) {
-            const std::size_t start = at;
-            read(add(place, "", Kind::Unknown, end), Kind::Unknown, bytes(start, end), place.family);
-        }
+        if (at < end)
+            read(add(place, "", Kind::Unknown, end), Kind::Unknown, place.family);
     }
 
-    static void read(Field& field, const Format& format, Bytes value, std::uint64_t family)
+    void read(Field& field, const Format& format, std::uint64_t family) const
     {
         if (field.kind == Kind::Key)
             return;
+        const Bytes value       = message.subspan(field.valueAt, field.valueSize);
         const auto* const first = reinterpret_cast<const char*>(value.data());
         const bool isNumber     = field.kind < Kind::Address && !value.empty() && value.size() <= sizeof(std::uint64_t);
         if (isNumber)
             return readNumber(field, format, value);
-        if (field.kind == Kind::Address)
+        field.usual = std::all_of(value.begin(), value.end(), [](unsigned char each) { return each == 0; });
+        if (field.kind == Kind::Address && family == AF_UNSPEC && field.usual)
+            field.text = "any";
+        else if (field.kind == Kind::Address)
             field.text = family == AF_INET && value.size() >= 4 ? addressText(value.data(), 4)
                                                                 : addressText(value.data(), value.size());
         else if (field.kind == Kind::Text)
@@ -207,20 +214,19 @@ private:
         else
             field.text = digits(value.data(), value.size());
         field.value = field.text;
-        field.usual = std::all_of(value.begin(), value.end(), [](unsigned char each) { return each == 0; });
     }
 
-    // Its own, or that of the first structure in it that has one.
-    [[nodiscard]] std::uint64_t familyIn(const Structure& s, std::size_t start,
-                                         std::uint64_t otherwise = AF_UNSPEC) const
+    // Its own, or that of the first structure in it that has one, or the one around it.
+    [[nodiscard]] std::uint64_t familyIn(const Structure& s, std::size_t start, std::uint64_t around = AF_UNSPEC) const
     {
+        std::uint64_t own = AF_UNSPEC;
         for (const Member& each : s.members)
             if (each.format.kind == Kind::Family)
-                return numberIn(message.subspan(start + each.offset, each.size), false);
+                own = numberIn(message.subspan(start + each.offset, each.size), false);
         for (const Member& each : s.members)
-            if (otherwise == AF_UNSPEC && each.format.structure != nullptr)
-                otherwise = familyIn(*each.format.structure, start + each.offset);
-        return otherwise;
+            if (own == AF_UNSPEC && around == AF_UNSPEC && each.format.structure != nullptr)
+                own = familyIn(*each.format.structure, start + each.offset);
+        return own != AF_UNSPEC ? own : around;
     }
 
     // All of it has to be there.
@@ -242,7 +248,7 @@ private:
                 each.familyAt == 0 ? place.family : numberIn(message.subspan(start + each.familyAt, 2), false);
             Field& field = add(place, each.name, each.format.kind, start + each.offset + each.size);
             field.listed = name;
-            read(field, each.format, message.subspan(start + each.offset, each.size), family);
+            read(field, each.format, family);
         }
         padding(place, start + s.size);
         if (s.finish != nullptr)
@@ -275,10 +281,11 @@ private:
 
     void value(const Place& place, const Format& format, std::size_t stop, std::size_t next)
     {
-        const Bytes content = bytes(at + NLA_HDRLEN, stop);
-        Field& field        = add(place, "", format.kind, next);
-        field.listed        = place.listed;
-        read(field, format, content, place.family);
+        Field& field = add(place, "", format.kind, next);
+        field.listed = place.listed;
+        field.valueAt += NLA_HDRLEN;
+        field.valueSize = stop - field.valueAt;
+        read(field, format, place.family);
     }
 
     void attribute(Place place, const Attribute& known, std::size_t stop, std::size_t next)
@@ -287,7 +294,7 @@ private:
             return value(place, known.format, stop, next);
         Field& head = add(place, "nla_len, nla_type", Kind::Header, at + NLA_HDRLEN);
         head.value  = numberIn(message.subspan(head.at, 2), false);
-        head.text   = std::to_string(std::get<std::uint64_t>(head.value)) + " bytes";
+        head.text   = std::to_string(head.number()) + " bytes";
         if (known.format.attributes != nullptr) {
             attributes(place, *known.format.attributes, stop);
             return padding(place, next);
@@ -301,10 +308,9 @@ private:
             ++place.item;
         } while (several && at + known.format.structure->size <= stop);
         if (known.behind != nullptr && !several && at < stop) {
-            const std::size_t start = at;
-            Field& behind           = add(place, known.behind->name, known.behind->format.kind, stop);
-            behind.listed           = known.behind->listed != nullptr ? known.behind->listed : "";
-            read(behind, known.behind->format, bytes(start, stop), place.family);
+            Field& behind = add(place, known.behind->name, known.behind->format.kind, stop);
+            behind.listed = known.behind->listed != nullptr ? known.behind->listed : "";
+            read(behind, known.behind->format, place.family);
         }
         rest(place, stop);
         padding(place, next);
@@ -312,10 +318,10 @@ private:
 
     const Bytes message;
     std::size_t at = 0;
-    std::vector<Field> fields;
+    Fields fields;
 };
 
-void addListed(std::vector<Field>& all, const Format& format, Field outer)
+void addListed(Fields& all, const Format& format, Field outer)
 {
     if (format.structure != nullptr)
         for (const Member& each : format.structure->members) {
@@ -334,12 +340,35 @@ void addListed(std::vector<Field>& all, const Format& format, Field outer)
 
 } // namespace
 
-std::vector<Field> decode(int protocol, std::span<const unsigned char> message)
+Fields decode(int protocol, std::span<const unsigned char> message)
 {
     return Walk(message).all(protocol);
 }
 
-const Field* fieldAt(const std::vector<Field>& fields, std::size_t offset)
+std::uint64_t Field::number() const
+{
+    const auto* const known = std::get_if<std::uint64_t>(&value);
+    return known != nullptr ? *known : 0;
+}
+
+std::string Field::inWords() const
+{
+    std::string all;
+    for (const std::string& each : words)
+        all = joined(all, " ", each);
+    return !words.empty() ? all : prefix >= 0 && text != "any" ? text + '/' + std::to_string(prefix) : text;
+}
+
+const Field* fieldOf(const Fields& fields, std::string_view name)
+{
+    const auto found = std::find_if(fields.rbegin(), fields.rend(), [name](const Field& each) {
+        return each.group.empty() && each.kind != Kind::Prefix &&
+               (each.listed == name || (each.part == name && each.name.empty()));
+    });
+    return found != fields.rend() ? &*found : nullptr;
+}
+
+const Field* fieldAt(const Fields& fields, std::size_t offset)
 {
     const auto found = std::find_if(fields.begin(), fields.end(), [offset](const Field& each) {
         return offset >= each.at && offset < each.at + each.size;
@@ -347,9 +376,9 @@ const Field* fieldAt(const std::vector<Field>& fields, std::size_t offset)
     return found != fields.end() ? &*found : nullptr;
 }
 
-std::vector<Field> listed(int protocol, unsigned int type)
+Fields listed(int protocol, unsigned int type)
 {
-    std::vector<Field> all;
+    Fields all;
     const Message* const message = messageOf(protocol, type);
     addListed(all, *message->payload, {});
     for (const Attribute& each : *message->attributes) {

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <span>
 #include <string>
+#include <string_view>
 #include <variant>
 #include <vector>
 
@@ -38,32 +39,42 @@ enum class Kind {
 };
 
 struct Field {
-    std::string part;                 // the structure or attribute that it is in
-    std::string name;                 // empty for an attribute that is one value
-    std::string listed;               // its name in lists; empty where they have no use for it
-    std::string group;                // in lists, the array whose object it is in,
-    std::size_t item = 0;             // and which of them
-    Kind kind        = Kind::Unknown; //
-    std::size_t at = 0, size = 0;     // in the message; header and padding of an attribute that
-                                      // is one value are its own
+    std::string part;     // the structure or attribute that it is in
+    std::string name;     // empty for an attribute that is one value
+    std::string listed;   // its name in lists; empty where they have no use for it
+    std::string group;    // in lists, the array of objects that it is in,
+    std::size_t item = 0; // and in which of them
+    Kind kind        = Kind::Unknown;
+    std::size_t at = 0, size = 0;           // in the message; with header and padding of an attribute that is one value
+    std::size_t valueAt = 0, valueSize = 0; // without them
     std::variant<std::monostate, std::uint64_t, std::string> value = {};
     std::vector<std::string> words                                 = {}; // names of the value, or of its bits
     std::string text                                               = {}; // the value as it is best read
+    int prefix                                                     = -1; // the prefix length of an address that has one
     bool usual                                                     = false;
     bool unnamed = false; // there are names for such a value, but for this one, or one of its bits
 
     // "xfrm_usersa_info id.spi", "XFRMA_SET_MARK"
     [[nodiscard]] std::string where() const { return name.empty() ? part : part + ' ' + name; }
+    // As lists have it: "esp", "10.0.0.0/16"
+    [[nodiscard]] std::string inWords() const;
+    // 0 where it is none
+    [[nodiscard]] std::uint64_t number() const;
 };
 
+using Fields = std::vector<Field>;
+
 // All fields of one message, in order; each of its bytes is in one of them. A key has neither value nor text.
-std::vector<Field> decode(int protocol, std::span<const unsigned char> message);
+Fields decode(int protocol, std::span<const unsigned char> message);
 
 // The one that has this byte, or null.
-const Field* fieldAt(const std::vector<Field>& fields, std::size_t offset);
+const Field* fieldAt(const Fields& fields, std::size_t offset);
 
-// What lists show of a message, in the order of its description: no values, and nothing behind a name twice.
-std::vector<Field> listed(int protocol, unsigned int type);
+// The last one of this name in lists, or of this attribute; or null.
+const Field* fieldOf(const Fields& fields, std::string_view name);
+
+// What lists may show of a message, in the order of its description: no values, and no name twice.
+Fields listed(int protocol, unsigned int type);
 
 // "NETLINK_XFRM"
 std::string protocolName(int protocol);

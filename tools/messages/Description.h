@@ -6,13 +6,14 @@
 
 namespace Vesk::Messages {
 
-// Constants of the kernel. In lists, they go by what is behind the prefix, in small letters.
+struct Name {
+    Name(std::uint64_t of, const char* is, const char* inLists = nullptr) : value(of), constant(is), word(inLists) {}
+    std::uint64_t value;
+    const char *constant, *word;
+};
+
+// Constants of the kernel. In lists, they go by what is behind the prefix, in small letters, or by a word of their own.
 struct Names {
-    struct Name {
-        std::uint64_t value;
-        const char* constant;
-        const char* word = nullptr; // where that is another one
-    };
     const char* prefix;
     std::vector<Name> names;
 };
@@ -33,13 +34,18 @@ struct Format {
     const std::vector<Attribute>* attributes = nullptr;
 };
 
-// `listed` is its name in lists, behind that of what it is in: "mask" in an attribute "mark" is "mark_mask".
+// Its name in lists stands behind that of what it is in: "source" in "selected" is "selected_source".
 struct Member {
     const char* name;
     std::size_t offset, size;
-    Format format        = Kind::Number;
-    const char* listed   = nullptr;
-    std::size_t familyAt = 0; // of an address whose family is not that of the others
+    Format format;
+    const char* listed;   // null where lists leave it out
+    std::size_t familyAt; // of an address whose family is not that of the others, or 0
+
+    Member(const char* is, std::size_t from, std::size_t bytes, const Format& of = Kind::Number,
+           const char* inLists = nullptr, std::size_t family = 0)
+        : name(is), offset(from), size(bytes), format(of), listed(inLists), familyAt(family)
+    {}
 };
 
 struct Structure {
@@ -52,9 +58,14 @@ struct Structure {
 struct Attribute {
     int type;
     const char* name;
-    Format format        = Kind::Number;
-    const char* listed   = nullptr;
-    const Member* behind = nullptr; // what follows the structure, up to the end
+    Format format;
+    const char* listed;   // null where lists leave it out, or its structure's members have names that need no other
+    const Member* behind; // what follows the structure, up to the end; or null
+
+    Attribute(int of, const char* is, const Format& made = Kind::Number, const char* inLists = nullptr,
+              const Member* follows = nullptr)
+        : type(of), name(is), format(made), listed(inLists), behind(follows)
+    {}
 };
 
 extern const Member kMore; // follows where there may be several structures: an array in lists

@@ -21,20 +21,10 @@ namespace Vesk::Messages {
 namespace {
 
 // The kernel's headers have the names.
-#define NAMED(constant)                                                                                                \
-    {                                                                                                                  \
-        constant, #constant                                                                                            \
-    }
-#define AT(member, ...)                                                                                                \
-    Member                                                                                                             \
-    {                                                                                                                  \
-#member, offsetof(S, member), sizeof(S::member) __VA_OPT__(, ) __VA_ARGS__                                     \
-    }
-#define ATTRIBUTE(constant, ...)                                                                                       \
-    {                                                                                                                  \
-        constant, #constant __VA_OPT__(, ) __VA_ARGS__                                                                 \
-    }
-#define MESSAGE(constant) constant, #constant
+#define NAMED(constant)          Name(constant, #constant)
+#define AT(member, ...)          Member(#member, offsetof(S, member), sizeof(S::member) __VA_OPT__(, ) __VA_ARGS__)
+#define ATTRIBUTE(constant, ...) Attribute(constant, #constant __VA_OPT__(, ) __VA_ARGS__)
+#define MESSAGE(constant)        constant, #constant
 #define STRUCTURE(type, ...)                                                                                           \
     [] {                                                                                                               \
         using S = type;                                                                                                \
@@ -43,46 +33,33 @@ namespace {
 
 using enum Kind;
 
-const Names kFamilies    = {"", {NAMED(AF_UNSPEC), {AF_INET, "AF_INET", "ipv4"}, {AF_INET6, "AF_INET6", "ipv6"}}};
+const Names kFamilies = {"",
+                         {NAMED(AF_UNSPEC), Name(AF_INET, "AF_INET", "ipv4"), Name(AF_INET6, "AF_INET6", "ipv6"),
+                          Name(128, "RTNL_FAMILY_IPMR", "ipv4-multicast"),
+                          Name(129, "RTNL_FAMILY_IP6MR", "ipv6-multicast")}};
+const Format kFamily(kFamilies, Family);
 const Names kIPProtocols = {"IPPROTO_",
-                            {{IPPROTO_IP, "IPPROTO_IP", "any"},
-                             NAMED(IPPROTO_ICMP),
-                             NAMED(IPPROTO_IGMP),
-                             NAMED(IPPROTO_IPIP),
-                             NAMED(IPPROTO_TCP),
-                             NAMED(IPPROTO_UDP),
-                             NAMED(IPPROTO_DCCP),
-                             NAMED(IPPROTO_IPV6),
-                             NAMED(IPPROTO_ROUTING),
-                             NAMED(IPPROTO_GRE),
-                             NAMED(IPPROTO_ESP),
-                             NAMED(IPPROTO_AH),
-                             NAMED(IPPROTO_ICMPV6),
-                             NAMED(IPPROTO_DSTOPTS),
-                             NAMED(IPPROTO_COMP),
-                             NAMED(IPPROTO_SCTP),
-                             NAMED(IPPROTO_MH),
-                             NAMED(IPPROTO_UDPLITE),
-                             {255, "IPSEC_PROTO_ANY", "any-ipsec"}}};
+                            {Name(IPPROTO_IP, "IPPROTO_IP", "any"), NAMED(IPPROTO_ICMP), NAMED(IPPROTO_IGMP),
+                             NAMED(IPPROTO_IPIP), NAMED(IPPROTO_TCP), NAMED(IPPROTO_UDP), NAMED(IPPROTO_DCCP),
+                             NAMED(IPPROTO_IPV6), NAMED(IPPROTO_ROUTING), NAMED(IPPROTO_GRE), NAMED(IPPROTO_ESP),
+                             NAMED(IPPROTO_AH), NAMED(IPPROTO_ICMPV6), NAMED(IPPROTO_DSTOPTS), NAMED(IPPROTO_COMP),
+                             NAMED(IPPROTO_SCTP), NAMED(IPPROTO_MH), NAMED(IPPROTO_UDPLITE),
+                             Name(255, "IPSEC_PROTO_ANY", "any-ipsec")}};
 const Names kModes       = {"XFRM_MODE_",
-                            {NAMED(XFRM_MODE_TRANSPORT),
-                             NAMED(XFRM_MODE_TUNNEL),
-                             {XFRM_MODE_ROUTEOPTIMIZATION, "XFRM_MODE_ROUTEOPTIMIZATION", "ro"},
-                             {XFRM_MODE_IN_TRIGGER, "XFRM_MODE_IN_TRIGGER", "in-trigger"},
-                             NAMED(XFRM_MODE_BEET),
-                             {5, "XFRM_MODE_IPTFS"}}};
+                            {NAMED(XFRM_MODE_TRANSPORT), NAMED(XFRM_MODE_TUNNEL),
+                             Name(XFRM_MODE_ROUTEOPTIMIZATION, "XFRM_MODE_ROUTEOPTIMIZATION", "ro"),
+                             Name(XFRM_MODE_IN_TRIGGER, "XFRM_MODE_IN_TRIGGER", "in-trigger"), NAMED(XFRM_MODE_BEET),
+                             Name(5, "XFRM_MODE_IPTFS")}};
 const Names kDirections  = {"XFRM_POLICY_",
-                            {NAMED(XFRM_POLICY_IN),
-                             NAMED(XFRM_POLICY_OUT),
-                             NAMED(XFRM_POLICY_FWD),
-                             {XFRM_POLICY_MAX + XFRM_POLICY_IN, "socket-in"}, // of one socket alone
-                             {XFRM_POLICY_MAX + XFRM_POLICY_OUT, "socket-out"}}};
+                            {NAMED(XFRM_POLICY_IN), NAMED(XFRM_POLICY_OUT), NAMED(XFRM_POLICY_FWD),
+                             Name(XFRM_POLICY_MAX + XFRM_POLICY_IN, "socket-in"), // of one socket alone
+                             Name(XFRM_POLICY_MAX + XFRM_POLICY_OUT, "socket-out")}};
 const Names kActions     = {"XFRM_POLICY_", {NAMED(XFRM_POLICY_ALLOW), NAMED(XFRM_POLICY_BLOCK)}};
 const Names kShares      = {
          "XFRM_SHARE_",
          {NAMED(XFRM_SHARE_ANY), NAMED(XFRM_SHARE_SESSION), NAMED(XFRM_SHARE_USER), NAMED(XFRM_SHARE_UNIQUE)}};
 const Names kPolicyTypes     = {"XFRM_POLICY_TYPE_", {NAMED(XFRM_POLICY_TYPE_MAIN), NAMED(XFRM_POLICY_TYPE_SUB)}};
-const Names kStateDirections = {"", {{1, "in"}, {2, "out"}}};
+const Names kStateDirections = {"", {Name(1, "in"), Name(2, "out")}};
 const Names kOrigins         = {"RTPROT_",
                                 {NAMED(RTPROT_UNSPEC), NAMED(RTPROT_REDIRECT), NAMED(RTPROT_KERNEL), NAMED(RTPROT_BOOT),
                                  NAMED(RTPROT_STATIC), NAMED(RTPROT_RA), NAMED(RTPROT_DHCP)}};
@@ -94,23 +71,17 @@ const Names kRouteTypes      = {"RTN_",
                                  NAMED(RTN_ANYCAST), NAMED(RTN_MULTICAST), NAMED(RTN_BLACKHOLE), NAMED(RTN_UNREACHABLE),
                                  NAMED(RTN_PROHIBIT), NAMED(RTN_THROW)}};
 const Names kRuleActions     = {"FR_ACT_",
-                                {NAMED(FR_ACT_UNSPEC),
-                                 {FR_ACT_TO_TBL, "FR_ACT_TO_TBL", "lookup"},
-                                 NAMED(FR_ACT_GOTO),
-                                 NAMED(FR_ACT_NOP),
-                                 NAMED(FR_ACT_BLACKHOLE),
-                                 NAMED(FR_ACT_UNREACHABLE),
+                                {NAMED(FR_ACT_UNSPEC), Name(FR_ACT_TO_TBL, "FR_ACT_TO_TBL", "lookup"), NAMED(FR_ACT_GOTO),
+                                 NAMED(FR_ACT_NOP), NAMED(FR_ACT_BLACKHOLE), NAMED(FR_ACT_UNREACHABLE),
                                  NAMED(FR_ACT_PROHIBIT)}};
 const Names kCommands        = {"CTRL_CMD_", {NAMED(CTRL_CMD_GETFAMILY)}};
 const Names kEncapsulations  = {
-     "UDP_ENCAP_", {{1, "UDP_ENCAP_ESPINUDP_NON_IKE"}, {2, "UDP_ENCAP_ESPINUDP"}, {7, "TCP_ENCAP_ESPINTCP"}}};
+     "UDP_ENCAP_",
+     {Name(1, "UDP_ENCAP_ESPINUDP_NON_IKE"), Name(2, "UDP_ENCAP_ESPINUDP"), Name(7, "TCP_ENCAP_ESPINTCP")}};
 const Names kRouteFlags   = {"RTM_F_", {NAMED(RTM_F_NOTIFY), NAMED(RTM_F_CLONED), NAMED(RTM_F_LOOKUP_TABLE)}};
 const Names kRuleFlags    = {"FIB_RULE_",
-                             {NAMED(FIB_RULE_PERMANENT),
-                              {FIB_RULE_INVERT, "FIB_RULE_INVERT", "not"},
-                              NAMED(FIB_RULE_UNRESOLVED),
-                              NAMED(FIB_RULE_IIF_DETACHED),
-                              NAMED(FIB_RULE_OIF_DETACHED)}};
+                             {NAMED(FIB_RULE_PERMANENT), Name(FIB_RULE_INVERT, "FIB_RULE_INVERT", "inverted"),
+                              NAMED(FIB_RULE_UNRESOLVED), NAMED(FIB_RULE_IIF_DETACHED), NAMED(FIB_RULE_OIF_DETACHED)}};
 const Names kStateFlags   = {"XFRM_STATE_",
                              {NAMED(XFRM_STATE_NOECN), NAMED(XFRM_STATE_DECAP_DSCP), NAMED(XFRM_STATE_NOPMTUDISC),
                               NAMED(XFRM_STATE_WILDRECV), NAMED(XFRM_STATE_ICMP), NAMED(XFRM_STATE_AF_UNSPEC),
@@ -119,27 +90,27 @@ const Names kExtraFlags   = {"XFRM_SA_XFLAG_",
                              {NAMED(XFRM_SA_XFLAG_DONT_ENCAP_DSCP), NAMED(XFRM_SA_XFLAG_OSEQ_MAY_WRAP)}};
 const Names kPolicyFlags  = {"XFRM_POLICY_", {NAMED(XFRM_POLICY_LOCALOK), NAMED(XFRM_POLICY_ICMP)}};
 const Names kOffloadFlags = {"XFRM_OFFLOAD_",
-                             {NAMED(XFRM_OFFLOAD_IPV6), NAMED(XFRM_OFFLOAD_INBOUND), {4, "XFRM_OFFLOAD_PACKET"}}};
+                             {NAMED(XFRM_OFFLOAD_IPV6), NAMED(XFRM_OFFLOAD_INBOUND), Name(4, "XFRM_OFFLOAD_PACKET")}};
 
 const Structure kGeneric          = STRUCTURE(genlmsghdr, AT(cmd, kCommands), AT(version), AT(reserved));
-const Structure kInterfaceAddress = STRUCTURE(ifaddrmsg, AT(ifa_family, {kFamilies, Family}), AT(ifa_prefixlen),
-                                              AT(ifa_flags, Hex), AT(ifa_scope, kScopes), AT(ifa_index, Device));
+const Structure kInterfaceAddress = STRUCTURE(ifaddrmsg, AT(ifa_family, kFamily), AT(ifa_prefixlen), AT(ifa_flags, Hex),
+                                              AT(ifa_scope, kScopes), AT(ifa_index, Device));
 const Structure kLifetimes =
     STRUCTURE(ifa_cacheinfo, AT(ifa_prefered, Limit), AT(ifa_valid, Limit), AT(cstamp), AT(tstamp));
-const Structure kLink  = STRUCTURE(ifinfomsg, AT(ifi_family, {kFamilies, Family}), AT(ifi_type), AT(ifi_index, Device),
+const Structure kLink  = STRUCTURE(ifinfomsg, AT(ifi_family, kFamily), AT(ifi_type), AT(ifi_index, Device),
                                    AT(ifi_flags, Hex), AT(ifi_change, Hex));
-const Structure kRoute = STRUCTURE(rtmsg, AT(rtm_family, {kFamilies, Family}), AT(rtm_dst_len), AT(rtm_src_len),
-                                   AT(rtm_tos), AT(rtm_table), AT(rtm_protocol, kOrigins), AT(rtm_scope, kScopes),
+const Structure kRoute = STRUCTURE(rtmsg, AT(rtm_family, kFamily), AT(rtm_dst_len), AT(rtm_src_len), AT(rtm_tos),
+                                   AT(rtm_table), AT(rtm_protocol, kOrigins), AT(rtm_scope, kScopes),
                                    AT(rtm_type, kRouteTypes), AT(rtm_flags, {kRouteFlags, Flags}));
-const Structure kRule  = STRUCTURE(fib_rule_hdr, AT(family, {kFamilies, Family}, "family"), AT(dst_len, Prefix, "to"),
+const Structure kRule  = STRUCTURE(fib_rule_hdr, AT(family, kFamily, "family"), AT(dst_len, Prefix, "to"),
                                    AT(src_len, Prefix, "from"), AT(tos, Hex, "tos"), AT(table), AT(res1), AT(res2),
                                    AT(action, kRuleActions, "action"), AT(flags, {kRuleFlags, Flags}, "flags"));
 const Structure kQdisc =
-    STRUCTURE(tcmsg, AT(tcm_family, {kFamilies, Family}), AT(tcm__pad1), AT(tcm__pad2), AT(tcm_ifindex, Device),
+    STRUCTURE(tcmsg, AT(tcm_family, kFamily), AT(tcm__pad1), AT(tcm__pad2), AT(tcm_ifindex, Device),
               AT(tcm_handle, Handle), AT(tcm_parent, Handle), AT(tcm_info));
-const Structure kLabel = STRUCTURE(ifaddrlblmsg, AT(ifal_family, {kFamilies, Family}), AT(__ifal_reserved),
-                                   AT(ifal_prefixlen, Prefix, "prefix"), AT(ifal_flags, Hex, "flags"),
-                                   AT(ifal_index, Device, "device"), AT(ifal_seq));
+const Structure kLabel =
+    STRUCTURE(ifaddrlblmsg, AT(ifal_family, kFamily), AT(__ifal_reserved), AT(ifal_prefixlen, Prefix, "prefix"),
+              AT(ifal_flags, Hex, "flags"), AT(ifal_index, Device, "device"), AT(ifal_seq));
 
 // The platform's own: tc_prio_qopt, and a switch behind it.
 struct prio_options {
@@ -181,22 +152,25 @@ void finishSelector(std::span<Field> fields)
         fields[kSPort + 1].text  = hexadecimal(mask);
         fields[kDPort].usual = fields[kDPort + 1].usual = true;
         rename(kSPort, "source_port", "gre_key");
-    } else if (protocol == IPPROTO_ICMP || protocol == IPPROTO_ICMPV6 || protocol == IPPROTO_MH) {
-        rename(kSPort, "source_port", "type");
-        rename(kDPort, "destination_port", "code");
+    } else if (protocol == IPPROTO_ICMP || protocol == IPPROTO_ICMPV6) {
+        rename(kSPort, "source_port", "icmp_type");
+        rename(kDPort, "destination_port", "icmp_code");
     }
 }
 
-const Structure kSelector = [] {
-    Structure made = STRUCTURE(xfrm_selector, AT(daddr, Address, "destination"), AT(saddr, Address, "source"),
-                               AT(dport, Big, "destination_port"), AT(dport_mask, BigMask, "destination_port_mask"),
-                               AT(sport, Big, "source_port"), AT(sport_mask, BigMask, "source_port_mask"),
-                               AT(family, {kFamilies, Family}, "family"), AT(prefixlen_d, Prefix, "destination"),
-                               AT(prefixlen_s, Prefix, "source"), AT(proto, kIPProtocols, "ip_protocol"),
-                               AT(ifindex, Device, "device"), AT(user, Number, "user"));
-    made.finish    = finishSelector;
-    return made;
-}();
+Structure finished(Structure structure, void (*finish)(std::span<Field>))
+{
+    structure.finish = finish;
+    return structure;
+}
+
+const Structure kSelector = finished(
+    STRUCTURE(xfrm_selector, AT(daddr, Address, "destination"), AT(saddr, Address, "source"),
+              AT(dport, Big, "destination_port"), AT(dport_mask, BigMask, "destination_port_mask"),
+              AT(sport, Big, "source_port"), AT(sport_mask, BigMask, "source_port_mask"), AT(family, kFamily, "family"),
+              AT(prefixlen_d, Prefix, "destination"), AT(prefixlen_s, Prefix, "source"),
+              AT(proto, kIPProtocols, "ip_protocol"), AT(ifindex, Device, "device"), AT(user, Number, "user")),
+    finishSelector);
 const Structure kId =
     STRUCTURE(xfrm_id, AT(daddr, Address, "destination"), AT(spi, BigHex, "spi"), AT(proto, kIPProtocols, "protocol"));
 const Structure kLimits = STRUCTURE(
@@ -209,13 +183,25 @@ const Structure kUse   = STRUCTURE(xfrm_lifetime_cur, AT(bytes, Number, "bytes")
                                    AT(add_time, Time, "added"), AT(use_time, Time, "used"));
 const Structure kStats = STRUCTURE(xfrm_stats, AT(replay_window, Number, "outside_window"),
                                    AT(replay, Number, "replayed"), AT(integrity_failed, Number, "integrity_failed"));
+
+// An SA whose traffic is of another family than itself says so.
+void finishState(std::span<Field> fields)
+{
+    const auto family = [fields](const char* name) -> Field& {
+        return *std::find_if(fields.begin(), fields.end(), [name](const Field& each) { return each.name == name; });
+    };
+    Field& selected = family("sel.family");
+    selected.usual  = selected.number() == AF_UNSPEC || selected.number() == family("family").number();
+}
+
 const Structure kState =
-    STRUCTURE(xfrm_usersa_info, AT(sel, kSelector, "selected"), AT(id, kId), AT(saddr, Address, "source"),
-              AT(lft, kLimits), AT(curlft, kUse), AT(stats, kStats), AT(seq, Number, "acquire_sequence"),
-              AT(reqid, Number, "reqid"), AT(family, {kFamilies, Family}, "family"), AT(mode, kModes, "mode"),
-              AT(replay_window, Number, "replay_window"), AT(flags, {kStateFlags, Flags}, "flags"));
-const Structure kStateId = STRUCTURE(xfrm_usersa_id, AT(daddr, Address), AT(spi, BigHex),
-                                     AT(family, {kFamilies, Family}), AT(proto, kIPProtocols));
+    finished(STRUCTURE(xfrm_usersa_info, AT(sel, kSelector, "selected"), AT(id, kId), AT(saddr, Address, "source"),
+                       AT(lft, kLimits), AT(curlft, kUse), AT(stats, kStats), AT(seq, Number, "acquire_sequence"),
+                       AT(reqid, Number, "reqid"), AT(family, kFamily, "family"), AT(mode, kModes, "mode"),
+                       AT(replay_window, Number, "replay_window"), AT(flags, {kStateFlags, Flags}, "flags")),
+             finishState);
+const Structure kStateId =
+    STRUCTURE(xfrm_usersa_id, AT(daddr, Address), AT(spi, BigHex), AT(family, kFamily), AT(proto, kIPProtocols));
 const Structure kEvent = STRUCTURE(xfrm_aevent_id, AT(sa_id, kStateId), AT(saddr, Address), AT(flags, Hex), AT(reqid));
 const Structure kPolicy =
     STRUCTURE(xfrm_userpolicy_info, AT(sel, kSelector, ""), AT(lft, kLimits), AT(curlft, kUse),
@@ -223,14 +209,14 @@ const Structure kPolicy =
               AT(action, kActions, "action"), AT(flags, {kPolicyFlags, Flags}, "flags"), AT(share, kShares, "share"));
 const Structure kPolicyId = STRUCTURE(xfrm_userpolicy_id, AT(sel, kSelector), AT(index), AT(dir, kDirections));
 const Structure kTemplate = STRUCTURE(
-    xfrm_user_tmpl, AT(id, kId, ""), AT(family, {kFamilies, Family}), AT(saddr, Address, "source"),
-    AT(reqid, Number, "reqid"), AT(mode, kModes, "mode"), AT(share, kShares, "share"), AT(optional, Number, "optional"),
-    AT(aalgos, Mask, "hashes"), AT(ealgos, Mask, "ciphers"), AT(calgos, Mask, "compressions"));
+    xfrm_user_tmpl, AT(id, kId, ""), AT(family, kFamily), AT(saddr, Address, "source"), AT(reqid, Number, "reqid"),
+    AT(mode, kModes, "mode"), AT(share, kShares, "share"), AT(optional, Number, "optional"), AT(aalgos, Mask, "hashes"),
+    AT(ealgos, Mask, "ciphers"), AT(calgos, Mask, "compressions"));
 const Structure kMigrate =
     STRUCTURE(xfrm_user_migrate, AT(old_daddr, Address), AT(old_saddr, Address),
               AT(new_daddr, Address, nullptr, offsetof(S, new_family)),
               AT(new_saddr, Address, nullptr, offsetof(S, new_family)), AT(proto, kIPProtocols), AT(mode, kModes),
-              AT(reserved), AT(reqid), AT(old_family, {kFamilies, Family}), AT(new_family, kFamilies));
+              AT(reserved), AT(reqid), AT(old_family, kFamily), AT(new_family, kFamilies));
 const Structure kAlgorithm = STRUCTURE(xfrm_algo, AT(alg_name, Text, ""), AT(alg_key_len, Number, "key_bits"));
 const Structure kHash      = STRUCTURE(xfrm_algo_auth, AT(alg_name, Text, ""), AT(alg_key_len, Number, "key_bits"),
                                        AT(alg_trunc_len, Number, "cut_to_bits"));
@@ -246,15 +232,16 @@ const Structure kExtended =
               AT(oseq_hi, Number, "sequence_out_high"), AT(seq_hi, Number, "sequence_in_high"),
               AT(replay_window, Number, "replay_window"));
 const Structure kMark = STRUCTURE(xfrm_mark, AT(v, Hex, "mark"), AT(m, Hex, "mask"));
-const Structure kType = STRUCTURE(xfrm_userpolicy_type, AT(type, kPolicyTypes, "type"), AT(reserved1), AT(reserved2));
+const Structure kType =
+    STRUCTURE(xfrm_userpolicy_type, AT(type, kPolicyTypes, "policy_type"), AT(reserved1), AT(reserved2));
 const Structure kOffload =
     STRUCTURE(xfrm_user_offload, AT(ifindex, Device, "device"), AT(flags, {kOffloadFlags, Flags}, "flags"));
 const Structure kContext = STRUCTURE(xfrm_user_sec_ctx, AT(len), AT(exttype), AT(ctx_alg, Number, "algorithm"),
                                      AT(ctx_doi, Number, "domain"), AT(ctx_len));
 
-const Member kKeyBehind    = {"alg_key", 0, 0, Key};
-const Member kBitmapBehind = {"bmp", 0, 0, Bytes, "replay_bitmap"};
-const Member kTextBehind   = {"context", 0, 0, Text, "security_context"};
+const Member kKeyBehind("alg_key", 0, 0, Key);
+const Member kBitmapBehind("bmp", 0, 0, Bytes, "replay_bitmap");
+const Member kTextBehind("context", 0, 0, Text, "security_context");
 
 using Attributes = std::vector<Attribute>;
 
@@ -291,7 +278,7 @@ const Attributes kOfRules     = {
         ATTRIBUTE(FRA_PROTOCOL, kOrigins, "origin"),
         ATTRIBUTE(FRA_PAD, Padding),
 };
-const Attributes kOfPrio   = {{2, "prio_options", kPrio}};
+const Attributes kOfPrio   = {Attribute(2, "prio_options", kPrio)};
 const Attributes kOfQdiscs = {ATTRIBUTE(TCA_KIND, Text), ATTRIBUTE(TCA_OPTIONS, kOfPrio)};
 const Attributes kOfLabels = {ATTRIBUTE(IFAL_LABEL, Number, "label"), ATTRIBUTE(IFAL_ADDRESS, Address, "prefix")};
 const Attributes kOfIPsec  = {
@@ -321,7 +308,7 @@ const Attributes kOfIPsec  = {
      ATTRIBUTE(XFRMA_TMPL, kTemplate, "templates", &kMore),
      ATTRIBUTE(XFRMA_MIGRATE, kMigrate, nullptr, &kMore),
      ATTRIBUTE(XFRMA_PAD, Padding),
-     {33, "XFRMA_SA_DIR", kStateDirections, "direction"}, // of kernels from 6.10 on
+     Attribute(33, "XFRMA_SA_DIR", kStateDirections, "direction"), // of kernels from 6.10 on
 };
 
 const Message kMessages[] = {
@@ -351,7 +338,7 @@ const Message kMessages[] = {
 
 } // namespace
 
-const Member kMore = {"", 0, 0};
+const Member kMore("", 0, 0);
 
 const Structure kHeader =
     STRUCTURE(nlmsghdr, AT(nlmsg_len), AT(nlmsg_type), AT(nlmsg_flags, Hex), AT(nlmsg_seq), AT(nlmsg_pid));

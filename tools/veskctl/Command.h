@@ -16,7 +16,7 @@ struct Arguments {
     unsigned char logLevel = 0; // not given
 
     std::string name, device, address, kind, file, otherFile, source, destination, direction;
-    unsigned int mark = 0, mask = 0xffffffff, table = 254, parent = 0, handle = 0, label = 0, valid = 0;
+    unsigned int mark = 0, mask = 0xffffffff, table = 254, parent = 0, handle = 0, label = 0, valid = 0, spi = 0;
     unsigned short size    = 0;
     unsigned char protocol = 0;
     int technology         = 0;
@@ -66,5 +66,9 @@ inline const Argument kPrefix = {"prefix", "PREFIX", "Address, with its prefix l
 std::vector<Command> linkCommands();
 std::vector<Command> labelCommands();
 std::vector<Command> ipsecCommands();
+std::vector<Command> listCommands();
+
+// What the lists may show, for the manual page.
+std::string explainedLists();
 
 #endif

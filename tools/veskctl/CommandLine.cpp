@@ -138,9 +138,14 @@ const std::vector<Command>& allCommands()
 {
     static const std::vector<Command> all = [] {
         std::vector<Command> commands;
-        for (const auto table : {linkCommands, labelCommands, ipsecCommands})
-            for (Command& each : table())
-                commands.push_back(std::move(each));
+        for (const auto table : {linkCommands, labelCommands, ipsecCommands, listCommands})
+            for (Command& each : table()) { // behind the last one of its group
+                const std::string group = each.path.substr(0, each.path.find(' ') + 1);
+                const auto last         = std::find_if(commands.rbegin(), commands.rend(), [&](const Command& other) {
+                    return !group.empty() && other.path.starts_with(group);
+                });
+                commands.insert(last != commands.rend() ? last.base() : commands.end(), std::move(each));
+            }
         return commands;
     }();
     return all;

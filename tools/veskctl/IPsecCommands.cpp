@@ -157,11 +157,6 @@ Operation removeStates(Arguments& a)
     return {.call = [&a](Answer&) { return Vesk::removeXFRMStates(a.record); }, .around = around};
 }
 
-Operation stateList(Arguments&)
-{
-    return {listStates};
-}
-
 // Policies
 
 // Why there is no such policy for the library.
@@ -246,11 +241,6 @@ Operation removeBypass(Arguments& a)
     return bypass(a, Vesk::removeXFRMPolicyEx);
 }
 
-Operation policyList(Arguments&)
-{
-    return {listPolicies};
-}
-
 // What became of the SAs, when the kernel said that it moved what there was.
 void judgeMigration(Answer& answer, const Arguments& a, const std::array<int, 2>& before)
 {
@@ -332,9 +322,8 @@ const Argument kDirection  = {"direction", "{in,out,fwd}", "Direction of the pol
 
 std::vector<Command> ipsecCommands()
 {
-    const std::string algorithm   = "this kernel lacks the cipher or the hash; its module may have to be loaded";
-    const std::string marks       = "The bit 0x20000 is set in mark and mask, always.\n";
-    const std::string listIsThere = "the list is in it";
+    const std::string algorithm = "this kernel lacks the cipher or the hash; its module may have to be loaded";
+    const std::string marks     = "The bit 0x20000 is set in mark and mask, always.\n";
     return {
         {.path      = "sa add",
          .what      = "Install the two SAs of a record, TX then RX",
@@ -361,7 +350,6 @@ std::vector<Command> ipsecCommands()
          .notes      = "Status 3 when one of the two was not there, or still is. Refused when another\n"
                        "SA would be removed, of the same SPI and destination from another source.",
          .unanswered = "XFRM_MSG_DELSA would follow for each SA that the record names"},
-        {.path = "sa list", .what = "All SAs, without keys", .prepare = stateList, .unanswered = listIsThere},
 
         {.path      = "policy add",
          .what      = "Install the policies of one side",
@@ -376,7 +364,6 @@ std::vector<Command> ipsecCommands()
          .arguments = {kFrom, kTo, kInbound, kProtocol},
          .prepare   = removePolicies,
          .notes     = "With --in, status 3 when one of the two was not there."},
-        {.path = "policy list", .what = "All policies", .prepare = policyList, .unanswered = listIsThere},
         {.path      = "policy bypass add",
          .what      = "Let ICMPv6 to fe80::/64 past IPsec",
          .example   = "out",

@@ -1,18 +1,55 @@
-// Lists of what is in the kernel, for people.
+// What is in the kernel: all of a kind.
 #ifndef VESKCTL_KERNEL_H
 #define VESKCTL_KERNEL_H
 
-#include "Answer.h"
+#include <Decode.h>
 
 #include <array>
+#include <cstdint>
+#include <functional>
+#include <span>
 #include <string>
 #include <vector>
 
-// Lists, without keys. All return what the dump returned.
-int listStates(Answer& answer);
-int listPolicies(Answer& answer);
-int listLabels(Answer& answer);
-int listRules(Answer& answer);
+using Vesk::Messages::Field;
+using Vesk::Messages::Fields;
+using Bytes = std::span<const unsigned char>;
+
+// What can be asked for, and the messages that it is answered with.
+struct Dump {
+    int protocol;
+    unsigned short request, reply;
+    unsigned char family; // that the request names
+};
+extern const Dump kStates, kPolicies, kRules, kLabels;
+
+// Hands on all that the kernel has, decoded. Devices have their names, where they are there; what the kernel shows in
+// no field of its own is added. A change on the way interrupts the kernel, and something may be missing: then it is
+// asked again, up to three times, each time after `begin`. Returns what the last dump returned; with 0, errno is EINTR
+// where that was interrupted, too.
+int readAll(const Dump& what, const std::function<void()>& begin,
+            const std::function<void(const Fields& fields, Bytes message)>& each);
+
+// An SA that may be installed.
+struct WantedState {
+    std::string protocol, source, destination; // as lists have them
+    std::uint32_t spi;
+    Bytes cipherKey, hashKey;
+
+    [[nodiscard]] bool is(const Fields& state) const;
+};
+struct StateFound {
+    enum {
+        Missing,
+        WithKeys,
+        WithOtherKeys,
+        WithHiddenKeys
+    } is                  = Missing;
+    std::uint64_t packets = 0;
+    std::string used      = "never";
+};
+// What is found is in the order of what is wanted. Returns as readAll().
+int findStates(const std::vector<WantedState>& wanted, std::vector<StateFound>& found);
 
 struct Label {
     std::array<unsigned char, 16> address;

@@ -103,11 +103,6 @@ Operation generate(Arguments& a)
     }};
 }
 
-Operation list(Arguments&)
-{
-    return {listLabels};
-}
-
 const Argument kEntryDevice = {"--device", "DEVICE", "Name or number; of no interface when not given",
                                &Arguments::device};
 const Argument kLabel       = {"label", "NUMBER", "Label", &Arguments::label};
@@ -151,6 +146,5 @@ std::vector<Command> labelCommands()
          .notes      = "Just below the first label above 20 that has none before it, or a random one\n"
                        "above the largest.",
          .unanswered = "the proposal depends on it"},
-        {.path = "label list", .what = "All labels", .prepare = list, .unanswered = "the list is in it"},
     };
 }

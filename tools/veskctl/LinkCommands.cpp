@@ -135,11 +135,6 @@ Operation ruleGet(Arguments& a)
     return {.call = call, .around = around};
 }
 
-Operation ruleList(Arguments&)
-{
-    return {listRules};
-}
-
 // By operation codes of the library
 constexpr unsigned char kAdd = 0, kDel = 1, kChange = 2;
 
@@ -271,7 +266,6 @@ std::vector<Command> linkCommands()
          .notes      = "Looked for: an IPv4 rule of priority 16000, of the table 1000 + the device's\n"
                        "index, with a mark and a mask other than 0. The last one counts.",
          .unanswered = "mark and mask are in it"},
-        {.path = "rule list", .what = "All rules", .prepare = ruleList, .unanswered = "the list is in it"},
 
         {.path      = "qdisc add",
          .what      = "Install a queueing discipline",

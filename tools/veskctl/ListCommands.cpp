@@ -1,0 +1,245 @@
+// Commands that show what is in the kernel.
+
+#include "Command.h"
+#include "Kernel.h"
+#include "Listing.h"
+#include "Text.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+
+#include <arpa/inet.h>
+#include <ifaddrs.h>
+
+using namespace Vesk::Messages;
+
+namespace {
+
+constexpr std::size_t kMostTemplates = 6; // of a policy
+
+constexpr ListStyle kStateStyle  = {"sas", "{protocol} {mode} {source} > {destination} spi {spi}",
+                                    "{packets} {bytes} {added?} {used?}", ""};
+constexpr ListStyle kPolicyStyle = {"policies", "{direction} {source} > {destination}",
+                                    "{priority} {action} {index} {added?} {used?}",
+                                    "{protocol} {mode} {source} > {destination}"};
+constexpr ListStyle kRuleStyle   = {"rules", "{family} {priority}", "{action} {table?} {target?} {device?}", ""};
+constexpr ListStyle kLabelStyle  = {"labels", "{prefix}", "{label} {device?} {device_index?}", ""};
+
+using Wanted = std::function<bool(const Fields&)>;
+
+// All of a kind that are wanted.
+Operation list(const Dump& what, const ListStyle& style, const Wanted& isWanted)
+{
+    return {[=](Answer& answer) {
+        Listing listing(answer, style);
+        const int result = readAll(
+            what, [&listing] { listing.clear(); },
+            [&](const Fields& fields, Bytes) {
+                if (isWanted(fields))
+                    listing.add(fields);
+            });
+        if (result == 0 && errno == EINTR)
+            answer.notAsAsked("this may be incomplete: changes interrupted the kernel each time it was asked");
+        return result;
+    }};
+}
+
+// A half of a record.
+WantedState half(const Record& r, bool tx)
+{
+    const std::string local = addressText(r.local_addr), remote = addressText(r.remote_addr);
+    return {r.ipsec_protocol == kAH ? "ah" : "esp",
+            tx ? local : remote,
+            tx ? remote : local,
+            tx ? r.spi_tx : r.spi_rx,
+            tx ? Bytes(r.crypto_key_tx, r.crypto_key_tx_len) : Bytes(r.crypto_key_rx, r.crypto_key_rx_len),
+            tx ? Bytes(r.hash_key_tx, r.hash_key_tx_len) : Bytes(r.hash_key_rx, r.hash_key_rx_len)};
+}
+
+// Whether an end is this address, or a prefix that it is in.
+bool isAt(const Field& field, const std::string& end, const std::string& address)
+{
+    if (field.kind != Kind::Address || field.listed != end)
+        return false;
+    const auto bits = [](const std::string& text) {
+        const bool isIPv4                   = text.find(':') == std::string::npos;
+        std::array<unsigned char, 16> bytes = {};
+        inet_pton(isIPv4 ? AF_INET : AF_INET6, text.c_str(), bytes.data());
+        std::string all = isIPv4 ? "4" : "6";
+        for (int i = 0; i < (isIPv4 ? 32 : 128); ++i)
+            all += (bytes[static_cast<std::size_t>(i / 8)] >> (7 - i % 8) & 1) != 0 ? '1' : '0';
+        return all;
+    };
+    const std::string own = bits(field.text);
+    return bits(address).starts_with(
+        own.substr(0, field.prefix < 0 ? own.size() : 1 + static_cast<std::size_t>(field.prefix)));
+}
+
+bool isAtEither(const Fields& fields, const std::string& address)
+{
+    return std::any_of(fields.begin(), fields.end(), [&address](const Field& each) {
+        return isAt(each, "source", address) || isAt(each, "destination", address);
+    });
+}
+
+// Whether a template is between the ends of a record.
+bool isBetween(const Fields& policy, const Record& r)
+{
+    const auto has = [&policy](std::size_t item, const std::string& address) {
+        return std::any_of(policy.begin(), policy.end(), [&](const Field& each) {
+            return each.group == "templates" && each.item == item &&
+                   (isAt(each, "source", address) || isAt(each, "destination", address));
+        });
+    };
+    for (std::size_t item = 0; item < kMostTemplates; ++item)
+        if (has(item, addressText(r.local_addr)) && has(item, addressText(r.remote_addr)))
+            return true;
+    return false;
+}
+
+bool isLocal(const std::string& address)
+{
+    ifaddrs* all = nullptr;
+    bool found   = false;
+    static_cast<void>(getifaddrs(&all));
+    for (const ifaddrs* each = all; each != nullptr; each = each->ifa_next) {
+        const int family = each->ifa_addr != nullptr ? each->ifa_addr->sa_family : AF_UNSPEC;
+        if (family == AF_INET)
+            found |= addressText(&reinterpret_cast<const sockaddr_in*>(each->ifa_addr)->sin_addr, 4) == address;
+        else if (family == AF_INET6)
+            found |= addressText(&reinterpret_cast<const sockaddr_in6*>(each->ifa_addr)->sin6_addr, 16) == address;
+    }
+    freeifaddrs(all);
+    return found;
+}
+
+// What of both lists is chosen by the SPI and the address that are given, if any are.
+bool isChosen(const Fields& fields, const Arguments& a)
+{
+    const auto hasSPI = [&a](const Field& each) { return each.listed == "spi" && each.number() == a.spi; };
+    return (a.spi == 0 || std::any_of(fields.begin(), fields.end(), hasSPI)) &&
+           (a.address.empty() || isAtEither(fields, a.address));
+}
+
+void prepareChoice(Arguments& a)
+{
+    if (!a.file.empty())
+        a.record.read(a.file, ForRemoval, a.warnings);
+    if (!a.address.empty())
+        familyOf(a.address);
+}
+
+Operation stateList(Arguments& a)
+{
+    prepareChoice(a);
+    return list(kStates, kStateStyle, [&a](const Fields& fields) {
+        const char* const end = a.direction == "in" ? "destination" : "source"; // which is here
+        return isChosen(fields, a) && (a.direction.empty() || isLocal(fieldOf(fields, end)->text)) &&
+               (a.file.empty() || half(a.record, true).is(fields) || half(a.record, false).is(fields));
+    });
+}
+
+Operation policyList(Arguments& a)
+{
+    prepareChoice(a);
+    return list(kPolicies, kPolicyStyle, [&a](const Fields& fields) {
+        return isChosen(fields, a) && (a.direction.empty() || fieldOf(fields, "direction")->inWords() == a.direction) &&
+               (a.file.empty() || isBetween(fields, a.record));
+    });
+}
+
+bool all(const Fields&)
+{
+    return true;
+}
+
+Operation ruleList(Arguments&)
+{
+    return list(kRules, kRuleStyle, all);
+}
+
+Operation labelList(Arguments&)
+{
+    return list(kLabels, kLabelStyle, all);
+}
+
+Operation stateStatus(Arguments& a)
+{
+    a.record.read(a.file, ForStates, a.warnings);
+    return {[&a](Answer& answer) {
+        const std::vector<WantedState> wanted = {half(a.record, true), half(a.record, false)};
+        std::vector<StateFound> found;
+        const int result = findStates(wanted, found);
+        for (std::size_t i = 0; result == 0 && i < wanted.size(); ++i) {
+            static constexpr const char* kKeys[] = {"", "the record's", "others", "hidden by the kernel"};
+            const std::string name               = i == 0 ? "tx" : "rx";
+            const bool isThere                   = found[i].is != StateFound::Missing;
+            answer.text += bold(name) + ' ' + wanted[i].source + " > " + wanted[i].destination + " spi " +
+                           hexadecimal(wanted[i].spi) + (isThere ? "  installed" : "  not installed");
+            answer.findings[name] = {{"installed", isThere}};
+            if (isThere) {
+                answer.findings[name].update(
+                    {{"keys", kKeys[found[i].is]}, {"packets", found[i].packets}, {"used", found[i].used}});
+                answer.text += std::string("  keys ") + kKeys[found[i].is] + "  packets " +
+                               std::to_string(found[i].packets) + "  used " + found[i].used;
+            }
+            answer.text += '\n';
+            if (!isThere || found[i].is == StateFound::WithOtherKeys)
+                answer.notAsAsked("not as the record has it");
+        }
+        return result;
+    }};
+}
+
+const Argument kRecordOnly = {"--record", "FILE", "Those of a record alone", &Arguments::file};
+const Argument kSPI        = {"--spi", "NUMBER", "Those with this SPI alone", &Arguments::spi};
+const Argument kAddress    = {"--address", "ADDRESS", "Those with this address at an end alone", &Arguments::address};
+
+} // namespace
+
+std::vector<Command> listCommands()
+{
+    const std::string unanswered = "the list is in it";
+    return {
+        {.path = "rule list", .what = "All rules", .prepare = ruleList, .unanswered = unanswered},
+        {.path = "label list", .what = "All labels", .prepare = labelList, .unanswered = unanswered},
+        {.path       = "sa status",
+         .what       = "Whether the two SAs of a record are installed",
+         .example    = "handset.ini",
+         .arguments  = {{"record", "FILE", "File with the record; - for standard input", &Arguments::file}},
+         .prepare    = stateStatus,
+         .notes      = "With whose keys, how many packets, and when last used. Status 3 when one is\n"
+                       "missing or has other keys.",
+         .unanswered = "what is installed is in it"},
+        {.path       = "sa list",
+         .what       = "SAs, without keys",
+         .example    = "--spi 0x1001",
+         .arguments  = {kRecordOnly,
+                        kSPI,
+                        kAddress,
+                        {"--direction", "{in,out}", "Those that end here, or begin here", &Arguments::direction}},
+         .prepare    = stateList,
+         .unanswered = unanswered},
+        {.path       = "policy list",
+         .what       = "Policies",
+         .example    = "--direction out",
+         .arguments  = {kRecordOnly,
+                        kSPI,
+                        kAddress,
+                        {"--direction", "{in,out,fwd}", "Those of this direction", &Arguments::direction}},
+         .prepare    = policyList,
+         .notes      = "A policy has the SPIs and ends of its templates, and each address that its\n"
+                       "selector takes in.",
+         .unanswered = unanswered},
+    };
+}
+
+std::string explainedLists()
+{
+    std::string text;
+    for (const auto& [style, dump] : {std::pair(kStateStyle, kStates), std::pair(kPolicyStyle, kPolicies),
+                                      std::pair(kRuleStyle, kRules), std::pair(kLabelStyle, kLabels)})
+        text += explained(style, listed(dump.protocol, dump.reply));
+    return text;
+}
