@@ -240,7 +240,7 @@ const Structure kContext = STRUCTURE(xfrm_user_sec_ctx, AT(len), AT(exttype), AT
                                      AT(ctx_doi, Number, "domain"), AT(ctx_len));
 
 const Member kKeyBehind("alg_key", 0, 0, Key);
-const Member kBitmapBehind("bmp", 0, 0, Bytes, "replay_bitmap");
+const Member kBitmapBehind("bmp", 0, 0, Bytes, "extended_replay_bitmap");
 const Member kTextBehind("context", 0, 0, Text, "security_context");
 
 using Attributes = std::vector<Attribute>;
@@ -281,34 +281,41 @@ const Attributes kOfRules     = {
 const Attributes kOfPrio   = {Attribute(2, "prio_options", kPrio)};
 const Attributes kOfQdiscs = {ATTRIBUTE(TCA_KIND, Text), ATTRIBUTE(TCA_OPTIONS, kOfPrio)};
 const Attributes kOfLabels = {ATTRIBUTE(IFAL_LABEL, Number, "label"), ATTRIBUTE(IFAL_ADDRESS, Address, "prefix")};
-const Attributes kOfIPsec  = {
-     ATTRIBUTE(XFRMA_ALG_CRYPT, kAlgorithm, "cipher", &kKeyBehind),
-     ATTRIBUTE(XFRMA_ALG_AEAD, kAead, "cipher", &kKeyBehind),
-     ATTRIBUTE(XFRMA_ALG_AUTH, kAlgorithm, "hash", &kKeyBehind), // a copy of the next one, where that is there
-     ATTRIBUTE(XFRMA_ALG_AUTH_TRUNC, kHash, "hash", &kKeyBehind),
-     ATTRIBUTE(XFRMA_ALG_COMP, kAlgorithm, "compression", &kKeyBehind),
-     ATTRIBUTE(XFRMA_ENCAP, kEncap, "encapsulation"),
-     ATTRIBUTE(XFRMA_MARK, kMark),
-     ATTRIBUTE(XFRMA_SET_MARK, Hex, "output_mark"),
-     ATTRIBUTE(XFRMA_SET_MARK_MASK, Hex, "output_mask"),
-     ATTRIBUTE(XFRMA_IF_ID, Hex, "if_id"),
-     ATTRIBUTE(XFRMA_SRCADDR, Address),
-     ATTRIBUTE(XFRMA_COADDR, Address, "care_of_address"),
-     ATTRIBUTE(XFRMA_LASTUSED, Time, "last_used"),
-     ATTRIBUTE(XFRMA_REPLAY_VAL, kReplay),
-     ATTRIBUTE(XFRMA_REPLAY_ESN_VAL, kExtended, nullptr, &kBitmapBehind),
-     ATTRIBUTE(XFRMA_REPLAY_THRESH, Number, "event_after_packets"),
-     ATTRIBUTE(XFRMA_ETIMER_THRESH, Number, "event_after_deciseconds"),
-     ATTRIBUTE(XFRMA_MTIMER_THRESH, Number, "mapping_change_seconds"),
-     ATTRIBUTE(XFRMA_TFCPAD, Number, "padded_to_bytes"),
-     ATTRIBUTE(XFRMA_SA_EXTRA_FLAGS, {kExtraFlags, Flags}, "extra_flags"),
-     ATTRIBUTE(XFRMA_OFFLOAD_DEV, kOffload, "offload"),
-     ATTRIBUTE(XFRMA_SEC_CTX, kContext, "security", &kTextBehind),
-     ATTRIBUTE(XFRMA_POLICY_TYPE, kType),
-     ATTRIBUTE(XFRMA_TMPL, kTemplate, "templates", &kMore),
-     ATTRIBUTE(XFRMA_MIGRATE, kMigrate, nullptr, &kMore),
-     ATTRIBUTE(XFRMA_PAD, Padding),
-     Attribute(33, "XFRMA_SA_DIR", kStateDirections, "direction"), // of kernels from 6.10 on
+const Attributes kOfStates = {
+    ATTRIBUTE(XFRMA_ALG_CRYPT, kAlgorithm, "cipher", &kKeyBehind),
+    ATTRIBUTE(XFRMA_ALG_AEAD, kAead, "cipher", &kKeyBehind),
+    ATTRIBUTE(XFRMA_ALG_AUTH, kAlgorithm, "hash", &kKeyBehind), // a copy of the next one, where that is there
+    ATTRIBUTE(XFRMA_ALG_AUTH_TRUNC, kHash, "hash", &kKeyBehind),
+    ATTRIBUTE(XFRMA_ALG_COMP, kAlgorithm, "compression", &kKeyBehind),
+    ATTRIBUTE(XFRMA_ENCAP, kEncap, "encapsulation"),
+    ATTRIBUTE(XFRMA_MARK, kMark),
+    ATTRIBUTE(XFRMA_SET_MARK, Hex, "output_mark"),
+    ATTRIBUTE(XFRMA_SET_MARK_MASK, Hex, "output_mask"),
+    ATTRIBUTE(XFRMA_IF_ID, Hex, "if_id"),
+    ATTRIBUTE(XFRMA_SRCADDR, Address),
+    ATTRIBUTE(XFRMA_COADDR, Address, "care_of_address"),
+    ATTRIBUTE(XFRMA_LASTUSED, Time, "last_used"),
+    ATTRIBUTE(XFRMA_REPLAY_VAL, kReplay),
+    ATTRIBUTE(XFRMA_REPLAY_ESN_VAL, kExtended, nullptr, &kBitmapBehind),
+    ATTRIBUTE(XFRMA_REPLAY_THRESH, Number, "event_after_packets"),
+    ATTRIBUTE(XFRMA_ETIMER_THRESH, Number, "event_after_deciseconds"),
+    ATTRIBUTE(XFRMA_MTIMER_THRESH, Number, "mapping_change_seconds"),
+    ATTRIBUTE(XFRMA_TFCPAD, Number, "padded_to_bytes"),
+    ATTRIBUTE(XFRMA_SA_EXTRA_FLAGS, {kExtraFlags, Flags}, "extra_flags"),
+    ATTRIBUTE(XFRMA_OFFLOAD_DEV, kOffload, "offload"),
+    ATTRIBUTE(XFRMA_SEC_CTX, kContext, "security", &kTextBehind),
+    ATTRIBUTE(XFRMA_PAD, Padding),
+    Attribute(33, "XFRMA_SA_DIR", kStateDirections, "direction"), // of kernels from 6.10 on
+};
+
+const Attributes kOfPolicies = {
+    ATTRIBUTE(XFRMA_MARK, kMark),
+    ATTRIBUTE(XFRMA_IF_ID, Hex, "if_id"),
+    ATTRIBUTE(XFRMA_SEC_CTX, kContext, "security", &kTextBehind),
+    ATTRIBUTE(XFRMA_POLICY_TYPE, kType),
+    ATTRIBUTE(XFRMA_OFFLOAD_DEV, kOffload, "offload"),
+    ATTRIBUTE(XFRMA_TMPL, kTemplate, "templates", &kMore),
+    ATTRIBUTE(XFRMA_MIGRATE, kMigrate, nullptr, &kMore),
 };
 
 const Message kMessages[] = {
@@ -325,15 +332,15 @@ const Message kMessages[] = {
     {NETLINK_ROUTE, MESSAGE(RTM_NEWADDRLABEL), &kLabel, &kOfLabels},
     {NETLINK_ROUTE, MESSAGE(RTM_DELADDRLABEL), &kLabel, &kOfLabels},
     {NETLINK_ROUTE, MESSAGE(RTM_GETADDRLABEL), &kLabel, &kOfLabels},
-    {NETLINK_XFRM, MESSAGE(XFRM_MSG_NEWSA), &kState, &kOfIPsec},
-    {NETLINK_XFRM, MESSAGE(XFRM_MSG_UPDSA), &kState, &kOfIPsec},
-    {NETLINK_XFRM, MESSAGE(XFRM_MSG_DELSA), &kStateId, &kOfIPsec},
+    {NETLINK_XFRM, MESSAGE(XFRM_MSG_NEWSA), &kState, &kOfStates},
+    {NETLINK_XFRM, MESSAGE(XFRM_MSG_UPDSA), &kState, &kOfStates},
+    {NETLINK_XFRM, MESSAGE(XFRM_MSG_DELSA), &kStateId, &kOfStates},
     {NETLINK_XFRM, MESSAGE(XFRM_MSG_GETSA), nullptr, nullptr},
-    {NETLINK_XFRM, MESSAGE(XFRM_MSG_NEWAE), &kEvent, &kOfIPsec},
-    {NETLINK_XFRM, MESSAGE(XFRM_MSG_NEWPOLICY), &kPolicy, &kOfIPsec},
-    {NETLINK_XFRM, MESSAGE(XFRM_MSG_DELPOLICY), &kPolicyId, &kOfIPsec},
+    {NETLINK_XFRM, MESSAGE(XFRM_MSG_NEWAE), &kEvent, &kOfStates},
+    {NETLINK_XFRM, MESSAGE(XFRM_MSG_NEWPOLICY), &kPolicy, &kOfPolicies},
+    {NETLINK_XFRM, MESSAGE(XFRM_MSG_DELPOLICY), &kPolicyId, &kOfPolicies},
     {NETLINK_XFRM, MESSAGE(XFRM_MSG_GETPOLICY), nullptr, nullptr},
-    {NETLINK_XFRM, MESSAGE(XFRM_MSG_MIGRATE), &kPolicyId, &kOfIPsec},
+    {NETLINK_XFRM, MESSAGE(XFRM_MSG_MIGRATE), &kPolicyId, &kOfPolicies},
 };
 
 } // namespace

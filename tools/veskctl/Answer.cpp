@@ -7,7 +7,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <set>
 #include <sstream>
 
@@ -17,8 +16,6 @@ using Vesk::Testing::LogCapture;
 using Vesk::Testing::LogLine;
 
 namespace {
-
-constexpr std::size_t kColumns = 80;
 
 // The line feeds that some lines end with are not shown.
 std::string textOf(const LogLine& line)
@@ -60,54 +57,11 @@ const char* verdictOn(const Answer& answer)
 
 std::string valueText(const std::string& name, const Json& value)
 {
-    static const std::set<std::string> inHexadecimal = {"spi",  "spi_tx",      "spi_rx",     "mark",
-                                                        "mask", "output_mark", "output_mask"};
-    static const std::set<std::string> times         = {"added", "used"};
+    static const std::set<std::string> inHexadecimal = {"spi_tx", "spi_rx", "mark", "mask"};
     if (inHexadecimal.contains(name))
         return hexadecimal(value.get<std::uint64_t>());
-    if (times.contains(name)) {
-        const auto seconds = value.get<std::time_t>();
-        std::tm local      = {};
-        char text[32]      = {};
-        std::strftime(text, sizeof text, "%FT%T", localtime_r(&seconds, &local));
-        return text;
-    }
     return value.is_string() ? visible(value.get<std::string>()) : value.dump();
 }
-
-// "name value" behind what is there, on a new line where it would not fit.
-class Words {
-public:
-    explicit Words(const std::string& headline) : text(bold(visible(headline))), column(headline.size()) {}
-
-    void add(const std::string& name, const std::string& value)
-    {
-        const std::size_t size = 2 + name.size() + (value.empty() ? 0 : 1 + value.size());
-        const bool fits        = column + size <= kColumns;
-        text += (fits ? "  " : "\n    ") + faint(name) + (value.empty() ? "" : ' ' + value);
-        column = fits ? column + size : size + 2;
-    }
-    void addAll(const Json& fields, std::size_t skipped = 0)
-    {
-        for (const auto& [name, value] : fields.items()) {
-            if (skipped != 0) {
-                --skipped;
-            } else if (value.is_array()) {
-                for (const Json& each : value) {
-                    add(name, "");
-                    addAll(each);
-                }
-            } else {
-                add(name, valueText(name, value));
-            }
-        }
-    }
-
-    std::string text;
-
-private:
-    std::size_t column;
-};
 
 // Text that is no UTF-8, a device's name perhaps, is shown as far as it goes.
 std::string jsonText(const Json& json)
@@ -150,14 +104,6 @@ Answer perform(const Operation& operation)
     else
         makeCall();
     return answer;
-}
-
-void addEntry(Answer& answer, const char* list, const std::string& headline, const Json& fields, std::size_t inHeadline)
-{
-    answer.findings[list].push_back(fields);
-    Words words(headline);
-    words.addAll(fields, inHeadline);
-    answer.text += words.text + '\n';
 }
 
 int put(const std::string& text, int status)

@@ -71,11 +71,6 @@ struct Operation {
 
 Answer perform(const Operation& operation);
 
-// Adds to a list of the findings: to the JSON all fields, to the text a headline that has the first of them, then the
-// rest.
-void addEntry(Answer& answer, const char* list, const std::string& headline, const Json& fields,
-              std::size_t inHeadline);
-
 // Writes all of a text to standard output. Returns `status`, or Lost when what is done is not what can be read.
 int put(const std::string& text, int status = Done);
 

@@ -45,11 +45,10 @@ std::string typeOf(Kind kind)
     case Kind::Time:
         return "time, as 2026-11-22T10:54:44+01:00";
     case Kind::Device:
-        return "name; NAME_index, a number, where there is no such device any more";
-    case Kind::Address:
-        return "address";
     case Kind::Text:
         return "text";
+    case Kind::Address:
+        return "address or prefix";
     case Kind::Bytes:
         return "hexadecimal digits";
     default:
@@ -155,10 +154,16 @@ void Listing::add(const Fields& fields)
 std::string explained(const ListStyle& style, const Fields& listed)
 {
     std::string text;
-    for (const Field& each : listed) {
-        std::string line = "  " + (each.group.empty() ? "" : each.group + "[].") + each.listed;
+    const auto add = [&text](const std::string& name, const std::string& type) {
+        std::string line = "  " + name;
         line.resize(std::max(line.size() + 2, std::size_t{34}), ' ');
-        text += line + typeOf(each.kind) + '\n';
+        text += line + type + '\n';
+    };
+    for (const Field& each : listed) {
+        const std::string name = (each.group.empty() ? "" : each.group + "[].") + each.listed;
+        add(name, typeOf(each.kind));
+        if (each.kind == Kind::Device)
+            add(name + "_index", "number, where there is no such device any more");
     }
     return std::string(style.name) + ":\n" + text;
 }
