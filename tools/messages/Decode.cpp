@@ -385,6 +385,10 @@ Fields listed(int protocol, unsigned int type)
         Field outer;
         (each.behind == &kMore ? outer.group : outer.listed) = each.listed != nullptr ? each.listed : "";
         addListed(all, each.format, outer);
+        if (each.behind != nullptr && each.behind->listed != nullptr) {
+            outer.listed = each.behind->listed;
+            addListed(all, each.behind->format, outer);
+        }
     }
     return all;
 }

@@ -197,7 +197,7 @@ void finishState(std::span<Field> fields)
 const Structure kState =
     finished(STRUCTURE(xfrm_usersa_info, AT(sel, kSelector, "selected"), AT(id, kId), AT(saddr, Address, "source"),
                        AT(lft, kLimits), AT(curlft, kUse), AT(stats, kStats), AT(seq, Number, "acquire_sequence"),
-                       AT(reqid, Number, "reqid"), AT(family, kFamily, "family"), AT(mode, kModes, "mode"),
+                       AT(reqid, Number, "reqid"), AT(family, kFamily), AT(mode, kModes, "mode"),
                        AT(replay_window, Number, "replay_window"), AT(flags, {kStateFlags, Flags}, "flags")),
              finishState);
 const Structure kStateId =
