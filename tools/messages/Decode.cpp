@@ -303,8 +303,10 @@ private:
         if (several)
             place.group = std::exchange(place.listed, "");
         do {
-            if (at + known.format.structure->size <= stop)
+            if (at + known.format.structure->size <= stop) {
+                place.family = familyIn(*known.format.structure, at, place.family);
                 structure(place, *known.format.structure);
+            }
             ++place.item;
         } while (several && at + known.format.structure->size <= stop);
         if (known.behind != nullptr && !several && at < stop) {

@@ -99,15 +99,15 @@ const Structure kLifetimes =
     STRUCTURE(ifa_cacheinfo, AT(ifa_prefered, Limit), AT(ifa_valid, Limit), AT(cstamp), AT(tstamp));
 const Structure kLink  = STRUCTURE(ifinfomsg, AT(ifi_family, kFamily), AT(ifi_type), AT(ifi_index, Device),
                                    AT(ifi_flags, Hex), AT(ifi_change, Hex));
-const Structure kRoute = STRUCTURE(rtmsg, AT(rtm_family, kFamily), AT(rtm_dst_len), AT(rtm_src_len), AT(rtm_tos),
-                                   AT(rtm_table), AT(rtm_protocol, kOrigins), AT(rtm_scope, kScopes),
-                                   AT(rtm_type, kRouteTypes), AT(rtm_flags, {kRouteFlags, Flags}));
-const Structure kRule  = STRUCTURE(fib_rule_hdr, AT(family, kFamily, "family"), AT(dst_len, Prefix, "to"),
-                                   AT(src_len, Prefix, "from"), AT(tos, Hex, "tos"), AT(table), AT(res1), AT(res2),
-                                   AT(action, kRuleActions, "action"), AT(flags, {kRuleFlags, Flags}, "flags"));
+const Structure kRoute = STRUCTURE(
+    rtmsg, AT(rtm_family, kFamily), AT(rtm_dst_len, Prefix, "destination"), AT(rtm_src_len), AT(rtm_tos), AT(rtm_table),
+    AT(rtm_protocol, kOrigins), AT(rtm_scope, kScopes), AT(rtm_type, kRouteTypes), AT(rtm_flags, {kRouteFlags, Flags}));
+const Structure kRule = STRUCTURE(fib_rule_hdr, AT(family, kFamily, "family"), AT(dst_len, Prefix, "to"),
+                                  AT(src_len, Prefix, "from"), AT(tos, Hex, "tos"), AT(table), AT(res1), AT(res2),
+                                  AT(action, kRuleActions, "action"), AT(flags, {kRuleFlags, Flags}, "flags"));
 const Structure kQdisc =
-    STRUCTURE(tcmsg, AT(tcm_family, kFamily), AT(tcm__pad1), AT(tcm__pad2), AT(tcm_ifindex, Device),
-              AT(tcm_handle, Handle), AT(tcm_parent, Handle), AT(tcm_info));
+    STRUCTURE(tcmsg, AT(tcm_family, kFamily), AT(tcm__pad1), AT(tcm__pad2), AT(tcm_ifindex, Device, "device"),
+              AT(tcm_handle, Handle, "handle"), AT(tcm_parent, Handle, "parent"), AT(tcm_info));
 const Structure kLabel =
     STRUCTURE(ifaddrlblmsg, AT(ifal_family, kFamily), AT(__ifal_reserved), AT(ifal_prefixlen, Prefix, "prefix"),
               AT(ifal_flags, Hex, "flags"), AT(ifal_index, Device, "device"), AT(ifal_seq));
@@ -239,8 +239,11 @@ const Structure kOffload =
 const Structure kContext = STRUCTURE(xfrm_user_sec_ctx, AT(len), AT(exttype), AT(ctx_alg, Number, "algorithm"),
                                      AT(ctx_doi, Number, "domain"), AT(ctx_len));
 
+const Structure kVia = STRUCTURE(rtvia, AT(rtvia_family, kFamily));
+
 const Member kKeyBehind("alg_key", 0, 0, Key);
 const Member kBitmapBehind("bmp", 0, 0, Bytes, "extended_replay_bitmap");
+const Member kViaBehind("rtvia_addr", 0, 0, Address, "gateway");
 const Member kTextBehind("context", 0, 0, Text, "security_context");
 
 using Attributes = std::vector<Attribute>;
@@ -249,34 +252,37 @@ const Attributes kOfFamilies  = {ATTRIBUTE(CTRL_ATTR_FAMILY_NAME, Text)};
 const Attributes kOfAddresses = {ATTRIBUTE(IFA_LOCAL, Address), ATTRIBUTE(IFA_CACHEINFO, kLifetimes)};
 const Attributes kOfLinks     = {ATTRIBUTE(IFLA_GSO_MAX_SIZE)};
 const Attributes kOfMetrics   = {ATTRIBUTE(RTAX_ADVMSS)};
-const Attributes kOfRoutes    = {ATTRIBUTE(RTA_TABLE),
-                                 ATTRIBUTE(RTA_DST, Address),
-                                 ATTRIBUTE(RTA_OIF, Device),
-                                 ATTRIBUTE(RTA_GATEWAY, Address),
-                                 ATTRIBUTE(RTA_METRICS, kOfMetrics),
-                                 ATTRIBUTE(RTA_PRIORITY),
-                                 ATTRIBUTE(RTA_MARK, Hex)};
-const Attributes kOfRules     = {
-        ATTRIBUTE(FRA_PRIORITY, Number, "priority"),
-        ATTRIBUTE(FRA_SRC, Address, "from"),
-        ATTRIBUTE(FRA_DST, Address, "to"),
-        ATTRIBUTE(FRA_IIFNAME, Text, "in"),
-        ATTRIBUTE(FRA_OIFNAME, Text, "out"),
-        ATTRIBUTE(FRA_FWMARK, Hex, "mark"),
-        ATTRIBUTE(FRA_FWMASK, Hex, "mask"),
-        ATTRIBUTE(FRA_TUN_ID, Big, "tun_id"),
-        ATTRIBUTE(FRA_IP_PROTO, kIPProtocols, "ip_protocol"),
-        ATTRIBUTE(FRA_SPORT_RANGE, kPorts, "source_port"),
-        ATTRIBUTE(FRA_DPORT_RANGE, kPorts, "destination_port"),
-        ATTRIBUTE(FRA_UID_RANGE, kUsers, "user"),
-        ATTRIBUTE(FRA_TABLE, Number, "table"),
-        ATTRIBUTE(FRA_GOTO, Number, "target"),
-        ATTRIBUTE(FRA_L3MDEV, Number, "l3mdev"),
-        ATTRIBUTE(FRA_FLOW, kRealms, "realm"),
-        ATTRIBUTE(FRA_SUPPRESS_PREFIXLEN, Limit, "suppress_prefix_length"),
-        ATTRIBUTE(FRA_SUPPRESS_IFGROUP, Limit, "suppress_group"),
-        ATTRIBUTE(FRA_PROTOCOL, kOrigins, "origin"),
-        ATTRIBUTE(FRA_PAD, Padding),
+const Attributes kOfRoutes    = {
+       ATTRIBUTE(RTA_TABLE, Number, "table"),
+       ATTRIBUTE(RTA_DST, Address, "destination"),
+       ATTRIBUTE(RTA_OIF, Device, "device"),
+       ATTRIBUTE(RTA_GATEWAY, Address, "gateway"),
+       ATTRIBUTE(RTA_VIA, kVia, nullptr, &kViaBehind), // of another family than the destination
+       ATTRIBUTE(RTA_METRICS, kOfMetrics),
+       ATTRIBUTE(RTA_PRIORITY, Number, "metric"),
+       ATTRIBUTE(RTA_MARK, Hex),
+};
+const Attributes kOfRules = {
+    ATTRIBUTE(FRA_PRIORITY, Number, "priority"),
+    ATTRIBUTE(FRA_SRC, Address, "from"),
+    ATTRIBUTE(FRA_DST, Address, "to"),
+    ATTRIBUTE(FRA_IIFNAME, Text, "in"),
+    ATTRIBUTE(FRA_OIFNAME, Text, "out"),
+    ATTRIBUTE(FRA_FWMARK, Hex, "mark"),
+    ATTRIBUTE(FRA_FWMASK, Hex, "mask"),
+    ATTRIBUTE(FRA_TUN_ID, Big, "tun_id"),
+    ATTRIBUTE(FRA_IP_PROTO, kIPProtocols, "ip_protocol"),
+    ATTRIBUTE(FRA_SPORT_RANGE, kPorts, "source_port"),
+    ATTRIBUTE(FRA_DPORT_RANGE, kPorts, "destination_port"),
+    ATTRIBUTE(FRA_UID_RANGE, kUsers, "user"),
+    ATTRIBUTE(FRA_TABLE, Number, "table"),
+    ATTRIBUTE(FRA_GOTO, Number, "target"),
+    ATTRIBUTE(FRA_L3MDEV, Number, "l3mdev"),
+    ATTRIBUTE(FRA_FLOW, kRealms, "realm"),
+    ATTRIBUTE(FRA_SUPPRESS_PREFIXLEN, Limit, "suppress_prefix_length"),
+    ATTRIBUTE(FRA_SUPPRESS_IFGROUP, Limit, "suppress_group"),
+    ATTRIBUTE(FRA_PROTOCOL, kOrigins, "origin"),
+    ATTRIBUTE(FRA_PAD, Padding),
 };
 const Attributes kOfPrio   = {Attribute(2, "prio_options", kPrio)};
 const Attributes kOfQdiscs = {ATTRIBUTE(TCA_KIND, Text), ATTRIBUTE(TCA_OPTIONS, kOfPrio)};

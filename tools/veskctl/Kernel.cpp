@@ -6,16 +6,20 @@
 #include <cerrno>
 #include <map>
 
+#include <linux/fib_rules.h>
+#include <linux/if_addrlabel.h>
 #include <linux/rtnetlink.h>
 #include <linux/xfrm.h>
 #include <net/if.h>
 
 using namespace Vesk::Messages;
 
-const Dump kStates   = {NETLINK_XFRM, XFRM_MSG_GETSA, XFRM_MSG_NEWSA, AF_UNSPEC};
-const Dump kPolicies = {NETLINK_XFRM, XFRM_MSG_GETPOLICY, XFRM_MSG_NEWPOLICY, AF_UNSPEC};
-const Dump kRules    = {NETLINK_ROUTE, RTM_GETRULE, RTM_NEWRULE, AF_UNSPEC};
-const Dump kLabels   = {NETLINK_ROUTE, RTM_GETADDRLABEL, RTM_NEWADDRLABEL, AF_INET6};
+const Dump kStates   = {NETLINK_XFRM, XFRM_MSG_GETSA, XFRM_MSG_NEWSA};
+const Dump kPolicies = {NETLINK_XFRM, XFRM_MSG_GETPOLICY, XFRM_MSG_NEWPOLICY};
+const Dump kRules    = {NETLINK_ROUTE, RTM_GETRULE, RTM_NEWRULE, AF_UNSPEC, sizeof(fib_rule_hdr)};
+const Dump kLabels   = {NETLINK_ROUTE, RTM_GETADDRLABEL, RTM_NEWADDRLABEL, AF_INET6, sizeof(ifaddrlblmsg)};
+const Dump kRoutes   = {NETLINK_ROUTE, RTM_GETROUTE, RTM_NEWROUTE, AF_INET, sizeof(rtmsg)};
+const Dump kQdiscs   = {NETLINK_ROUTE, RTM_GETQDISC, RTM_NEWQDISC, AF_UNSPEC, sizeof(tcmsg)};
 
 namespace {
 
@@ -68,40 +72,29 @@ void complete(const Dump& what, Fields& fields)
             addWord(fields, "device", deviceName(table->number() - kFirstTable));
 }
 
-// Whether one key is another. What a kernel keeps to itself it shows as zeros.
-auto compared(const Fields& fields, Bytes message, const char* attribute, Bytes key)
-{
-    const auto found      = std::find_if(fields.begin(), fields.end(), [attribute](const Field& each) {
-        return each.kind == Kind::Key && each.part == attribute;
-    });
-    const Bytes installed = found != fields.end() ? message.subspan(found->valueAt, found->valueSize) : Bytes();
-    if (std::equal(installed.begin(), installed.end(), key.begin(), key.end()))
-        return StateFound::WithKeys;
-    return !installed.empty() && std::all_of(installed.begin(), installed.end(), [](auto byte) { return byte == 0; })
-               ? StateFound::WithHiddenKeys
-               : StateFound::WithOtherKeys;
-}
-
 } // namespace
+
+Fields decoded(const Dump& what, const nlmsghdr* message)
+{
+    Fields fields = decode(what.protocol, {reinterpret_cast<const unsigned char*>(message), message->nlmsg_len});
+    complete(what, fields);
+    return fields;
+}
 
 int readAll(const Dump& what, const std::function<void()>& begin,
             const std::function<void(const Fields& fields, Bytes message)>& each)
 {
-    const auto show = [&](nlmsghdr* message) {
-        if (message->nlmsg_type != what.reply)
-            return;
-        const Bytes bytes(reinterpret_cast<const unsigned char*>(message), message->nlmsg_len);
-        Fields fields = decode(what.protocol, bytes);
-        complete(what, fields);
-        each(fields, bytes);
+    const auto show = [&](const nlmsghdr* message) {
+        if (message->nlmsg_type == what.reply)
+            each(decoded(what, message), {reinterpret_cast<const unsigned char*>(message), message->nlmsg_len});
     };
-    std::array<unsigned char, 12> about = {what.family}; // fib_rule_hdr, ifaddrlblmsg
-    int result                          = 0;
+    std::array<unsigned char, sizeof(tcmsg)> about = {what.family};
+    int result                                     = 0;
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
         Vesk::NetlinkMessage msg;
         msg.setNLMsgHeader(what.protocol, what.request, NLM_F_REQUEST | NLM_F_DUMP);
-        if (what.protocol == NETLINK_ROUTE)
-            msg.addMsgPayload(about.size(), about.data());
+        if (what.payload != 0)
+            msg.addMsgPayload(what.payload, about.data());
         begin();
         auto context = &show;
         result       = msg.messageDump(
@@ -110,29 +103,6 @@ int readAll(const Dump& what, const std::function<void()>& begin,
             break;
     }
     return result;
-}
-
-bool WantedState::is(const Fields& state) const
-{
-    const auto matches = [&state](const char* name, const std::string& text) {
-        const Field* const field = fieldOf(state, name);
-        return field != nullptr && field->inWords() == text;
-    };
-    return matches("spi", hexadecimal(spi)) && matches("protocol", protocol) && matches("source", source) &&
-           matches("destination", destination);
-}
-
-int findStates(const std::vector<WantedState>& wanted, std::vector<StateFound>& found)
-{
-    const auto look = [&](const Fields& fields, Bytes message) {
-        for (std::size_t i = 0; i < wanted.size(); ++i)
-            if (wanted[i].is(fields))
-                found[i] = {std::max(compared(fields, message, "XFRMA_ALG_CRYPT", wanted[i].cipherKey),
-                                     compared(fields, message, "XFRMA_ALG_AUTH_TRUNC", wanted[i].hashKey)),
-                            fieldOf(fields, "packets")->number(), fieldOf(fields, "used")->inWords()};
-    };
-    return readAll(
-        kStates, [&] { found.assign(wanted.size(), {}); }, look);
 }
 
 std::string Label::text() const

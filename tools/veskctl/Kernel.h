@@ -11,6 +11,9 @@
 #include <string>
 #include <vector>
 
+#include <linux/netlink.h>
+#include <sys/socket.h>
+
 using Vesk::Messages::Field;
 using Vesk::Messages::Fields;
 using Bytes = std::span<const unsigned char>;
@@ -19,9 +22,10 @@ using Bytes = std::span<const unsigned char>;
 struct Dump {
     int protocol;
     unsigned short request, reply;
-    unsigned char family; // that the request names
+    unsigned char family = AF_UNSPEC; // that the request names
+    int payload          = 0;         // of the request, in bytes
 };
-extern const Dump kStates, kPolicies, kRules, kLabels;
+extern const Dump kStates, kPolicies, kRules, kLabels, kRoutes, kQdiscs;
 
 // Hands on all that the kernel has, decoded. Devices have their names, where they are there; what the kernel shows in
 // no field of its own is added. A change on the way interrupts the kernel, and something may be missing: then it is
@@ -30,26 +34,8 @@ extern const Dump kStates, kPolicies, kRules, kLabels;
 int readAll(const Dump& what, const std::function<void()>& begin,
             const std::function<void(const Fields& fields, Bytes message)>& each);
 
-// An SA that may be installed.
-struct WantedState {
-    std::string protocol, source, destination; // as lists have them
-    std::uint32_t spi;
-    Bytes cipherKey, hashKey;
-
-    [[nodiscard]] bool is(const Fields& state) const;
-};
-struct StateFound {
-    enum {
-        Missing,
-        WithKeys,
-        WithOtherKeys,
-        WithHiddenKeys
-    } is                  = Missing;
-    std::uint64_t packets = 0;
-    std::string used      = "never";
-};
-// What is found is in the order of what is wanted. Returns as readAll().
-int findStates(const std::vector<WantedState>& wanted, std::vector<StateFound>& found);
+// One message of it.
+Fields decoded(const Dump& what, const nlmsghdr* message);
 
 struct Label {
     std::array<unsigned char, 16> address;

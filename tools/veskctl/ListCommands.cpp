@@ -3,7 +3,10 @@
 #include "Command.h"
 #include "Kernel.h"
 #include "Listing.h"
+#include "Looks.h"
 #include "Text.h"
+
+#include <vesk/netlink.h>
 
 #include <algorithm>
 #include <array>
@@ -45,16 +48,14 @@ Operation list(const Dump& what, const ListStyle& style, const Wanted& isWanted)
     }};
 }
 
-// A half of a record.
-WantedState half(const Record& r, bool tx)
+// Whether this SA is one of a record's.
+bool isOf(const Record& r, const Fields& state)
 {
+    const auto is = [&](const char* name, const std::string& text) { return fieldOf(state, name)->inWords() == text; };
     const std::string local = addressText(r.local_addr), remote = addressText(r.remote_addr);
-    return {r.ipsec_protocol == kAH ? "ah" : "esp",
-            tx ? local : remote,
-            tx ? remote : local,
-            tx ? r.spi_tx : r.spi_rx,
-            tx ? Bytes(r.crypto_key_tx, r.crypto_key_tx_len) : Bytes(r.crypto_key_rx, r.crypto_key_rx_len),
-            tx ? Bytes(r.hash_key_tx, r.hash_key_tx_len) : Bytes(r.hash_key_rx, r.hash_key_rx_len)};
+    return is("protocol", r.ipsec_protocol == kAH ? "ah" : "esp") &&
+           ((is("spi", hexadecimal(r.spi_tx)) && is("source", local) && is("destination", remote)) ||
+            (is("spi", hexadecimal(r.spi_rx)) && is("source", remote) && is("destination", local)));
 }
 
 // Whether an end is this address, or a prefix that it is in.
@@ -136,7 +137,7 @@ Operation stateList(Arguments& a)
     return list(kStates, kStateStyle, [&a](const Fields& fields) {
         const char* const end = a.direction == "in" ? "destination" : "source"; // which is here
         return isChosen(fields, a) && (a.direction.empty() || isLocal(fieldOf(fields, end)->text)) &&
-               (a.file.empty() || half(a.record, true).is(fields) || half(a.record, false).is(fields));
+               (a.file.empty() || isOf(a.record, fields));
     });
 }
 
@@ -167,26 +168,37 @@ Operation labelList(Arguments&)
 Operation stateStatus(Arguments& a)
 {
     a.record.read(a.file, ForStates, a.warnings);
-    return {[&a](Answer& answer) {
-        const std::vector<WantedState> wanted = {half(a.record, true), half(a.record, false)};
-        std::vector<StateFound> found;
-        const int result = findStates(wanted, found);
-        for (std::size_t i = 0; result == 0 && i < wanted.size(); ++i) {
-            static constexpr const char* kKeys[] = {"", "the record's", "others", "hidden by the kernel"};
-            const std::string name               = i == 0 ? "tx" : "rx";
-            const bool isThere                   = found[i].is != StateFound::Missing;
-            answer.text += bold(name) + ' ' + wanted[i].source + " > " + wanted[i].destination + " spi " +
-                           hexadecimal(wanted[i].spi) + (isThere ? "  installed" : "  not installed");
-            answer.findings[name] = {{"installed", isThere}};
-            if (isThere) {
-                answer.findings[name].update(
-                    {{"keys", kKeys[found[i].is]}, {"packets", found[i].packets}, {"used", found[i].used}});
-                answer.text += std::string("  keys ") + kKeys[found[i].is] + "  packets " +
-                               std::to_string(found[i].packets) + "  used " + found[i].used;
+    const auto requests =
+        requestsOf([&a] { return Vesk::updateXFRMStates(a.record, TRO_TECHNOLOGY_NAME_MARKED_RX_V01, 0, UINT32_MAX); });
+    return {[&a, requests](Answer& answer) {
+        int result     = 0;
+        const auto all = installedStates(a.record, requests, &result);
+        for (const bool tx : {true, false}) {
+            const auto is     = std::find_if(all.begin(), all.end(),
+                                             [tx](const InstalledState& each) { return each.tx == tx && each.own; });
+            std::string& text = answer.text +=
+                bold(tx ? "tx" : "rx") + " spi " + hexadecimal(tx ? a.record.spi_tx : a.record.spi_rx);
+            Json& finding = answer.findings[tx ? "tx" : "rx"] = {{"installed", is != all.end()}};
+            if (is == all.end()) {
+                text += "  not installed\n";
+                answer.notAsAsked("what the record says is not what is installed");
+                continue;
             }
-            answer.text += '\n';
-            if (!isThere || found[i].is == StateFound::WithOtherKeys)
-                answer.notAsAsked("not as the record has it");
+            // The output mark is none of the record's.
+            const std::string kept = replaced(", " + is->kept, ", output mark", "");
+            const std::string keys = is->hidden                              ? "hidden"
+                                     : kept.find("key") != std::string::npos ? "others"
+                                                                             : "the record's";
+            finding.update({{"keys", keys},
+                            {"packets", is->packets},
+                            {"used", is->used},
+                            {"differs", kept.empty() ? kept : kept.substr(2)}});
+            text += "  installed  keys " + keys + "  packets " + std::to_string(is->packets) + "  used " + is->used;
+            if (kept.size() > 2) {
+                text += "  differs in " + kept.substr(2);
+                answer.notAsAsked("what the record says is not what is installed");
+            }
+            text += '\n';
         }
         return result;
     }};

@@ -1,80 +1,100 @@
 #include "Looks.h"
 
 #include "Checks.h"
-#include "Dump.h"
+#include "Kernel.h"
 #include "Text.h"
 
 #include <ScriptedKernel.h>
+#include <vesk/netlink.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstring>
 
 #include <arpa/inet.h>
 #include <linux/capability.h>
 #include <linux/pkt_sched.h>
+#include <linux/rtnetlink.h>
 #include <linux/xfrm.h>
-#include <net/if.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
+using namespace Vesk::Messages;
+
 namespace {
 
-template <typename Payload>
-void dumpAll(int protocol, unsigned short request, unsigned short type, Payload about, const Show<Payload>& show)
+// `found` is what `each` finds, in one reading.
+template <typename Found>
+int look(const Dump& what, Found& found, const std::function<void(const Fields&, Bytes)>& each)
 {
-    static_cast<void>(dump<Payload>(protocol, request, type, &about, show));
+    return readAll(
+        what, [&found] { found = {}; }, each);
 }
 
-void dumpStates(const Show<xfrm_usersa_info>& show)
+std::string word(const Fields& fields, const char* name)
 {
-    static_cast<void>(dump<xfrm_usersa_info>(NETLINK_XFRM, XFRM_MSG_GETSA, XFRM_MSG_NEWSA, nullptr, show));
+    const Field* const field = fieldOf(fields, name);
+    return field != nullptr ? field->inWords() : "";
 }
 
-std::string textOf(const xfrm_address_t& address, unsigned int family)
+std::uint64_t number(const Fields& fields, const char* name)
 {
-    return addressText(&address, family == AF_INET ? sizeof address.a4 : sizeof address.a6);
+    const Field* const field = fieldOf(fields, name);
+    return field != nullptr ? field->number() : 0;
 }
 
-unsigned int protocolOf(const Record& r)
+const char* protocolOf(const Record& r)
 {
-    return r.ipsec_protocol == kAH ? IPPROTO_AH : IPPROTO_ESP;
+    return r.ipsec_protocol == kAH ? "ah" : "esp";
 }
 
-// An algorithm's name and key, or any other attribute. A kernel that keeps keys to itself shows them as zeros.
-std::string differing(const Attributes& wanted, const Attributes& installed, int type, std::size_t head,
-                      const std::string& name)
+struct Ends {
+    Ends(const Record& r, bool tx)
+        : source(addressText(tx ? r.local_addr : r.remote_addr)),
+          destination(addressText(tx ? r.remote_addr : r.local_addr))
+    {}
+    std::string source, destination;
+};
+
+// The value of an attribute, without the key in it, or that key.
+std::vector<unsigned char> valueIn(const Fields& fields, Bytes message, const char* attribute, bool key)
 {
-    const auto *const one = wanted.value(type), *const other = installed.value(type);
-    const std::size_t size = wanted.size(type);
-    if (one == nullptr || other == nullptr || size != installed.size(type) ||
-        std::memcmp(one, other, std::min(size, head)) != 0)
-        return one == other ? "" : name;
-    const bool hidden = std::all_of(other + head, other + size, [](unsigned char byte) { return byte == 0; });
-    return hidden || std::memcmp(one + head, other + head, size - head) == 0 ? "" : name + " key";
+    std::vector<unsigned char> value;
+    for (const Field& each : fields)
+        if (each.part == attribute && each.kind != Kind::Header && (each.kind == Kind::Key) == key) {
+            const Bytes bytes = message.subspan(each.valueAt, each.valueSize);
+            value.insert(value.end(), bytes.begin(), bytes.end());
+        }
+    return value;
 }
 
-// What an SA has otherwise than the request for it among these.
-std::string keptBy(const xfrm_usersa_info& state, const Attributes& attributes, const Requests& wanted)
+bool isZero(const std::vector<unsigned char>& value)
 {
-    for (std::vector<unsigned char> request : wanted) {
-        auto* const message = reinterpret_cast<nlmsghdr*>(request.data());
-        if (message->nlmsg_len < NLMSG_LENGTH(sizeof(xfrm_usersa_info)) || message->nlmsg_type != XFRM_MSG_UPDSA)
+    return std::all_of(value.begin(), value.end(), [](unsigned char byte) { return byte == 0; });
+}
+
+// What an SA has otherwise than the request for it among these. A kernel that keeps keys to itself shows
+// them as zeros.
+std::string keptBy(const Fields& state, Bytes message, const Requests& wanted)
+{
+    for (const auto& request : wanted) {
+        const Fields asked = decode(NETLINK_XFRM, request);
+        if (word(asked, "spi") != word(state, "spi") || word(asked, "destination") != word(state, "destination"))
             continue;
-        xfrm_usersa_info info;
-        std::memcpy(&info, NLMSG_DATA(message), sizeof info);
-        if (info.id.spi != state.id.spi || std::memcmp(&info.id.daddr, &state.id.daddr, sizeof info.id.daddr) != 0)
-            continue;
-        const Attributes asked(message, sizeof info);
-        std::vector<std::string> kept = {
-            info.mode != state.mode ? "mode" : "",
-            std::memcmp(&info.saddr, &state.saddr, sizeof info.saddr) != 0 ? "source" : "",
-            differing(asked, attributes, XFRMA_ALG_CRYPT, sizeof(xfrm_algo), "cipher"),
-            differing(asked, attributes, XFRMA_ALG_AUTH_TRUNC, sizeof(xfrm_algo_auth), "hash"),
-            differing(asked, attributes, XFRMA_ENCAP, sizeof(xfrm_encap_tmpl), "UDP encapsulation"),
-            differing(asked, attributes, XFRMA_SET_MARK, sizeof(__u32), "output mark"),
-        };
-        std::erase(kept, "");
+        std::vector<std::string> kept;
+        for (const char* const each : {"mode", "source"})
+            if (word(asked, each) != word(state, each))
+                kept.emplace_back(each);
+        for (const auto& [attribute, name] :
+             {std::pair("XFRMA_ALG_CRYPT", "cipher"), std::pair("XFRMA_ALG_AUTH_TRUNC", "hash"),
+              std::pair("XFRMA_ENCAP", "UDP encapsulation"), std::pair("XFRMA_SET_MARK", "output mark")}) {
+            const auto key = valueIn(state, message, attribute, true);
+            if (valueIn(asked, request, attribute, false) != valueIn(state, message, attribute, false))
+                kept.emplace_back(name);
+            else if (!isZero(key) && key != valueIn(asked, request, attribute, true))
+                kept.push_back(std::string(name) + " key");
+        }
         return joined(kept);
     }
     return "";
@@ -100,34 +120,25 @@ xfrm_selector selectorOf(const std::string& source, const std::string& destinati
     return sel;
 }
 
-// For XFRM and routes, text of an address attribute.
-std::string addressIn(const Attributes& attributes, int type, std::size_t behind = 0)
-{
-    return attributes.size(type) > behind ? addressText(attributes.value(type) + behind, attributes.size(type) - behind)
-                                          : "";
-}
-
-std::string gatewayOf(const Attributes& attributes)
-{
-    return attributes.has(RTA_GATEWAY) ? addressIn(attributes, RTA_GATEWAY)
-                                       : addressIn(attributes, RTA_VIA, sizeof(rtvia));
-}
-
 } // namespace
 
-std::vector<InstalledState> installedStates(const Record& r, const Requests& wanted)
+std::vector<InstalledState> installedStates(const Record& r, const Requests& wanted, int* result)
 {
     std::vector<InstalledState> found;
-    const std::string local = addressText(r.local_addr), remote = addressText(r.remote_addr);
-    dumpStates([&](const xfrm_usersa_info& state, const Attributes& attributes) {
-        const std::string source = textOf(state.saddr, state.family), to = textOf(state.id.daddr, state.family);
-        const auto* const mark = attributes.as<xfrm_mark>(XFRMA_MARK);
+    const auto add = [&](const Fields& fields, Bytes message) {
+        const auto keys = {valueIn(fields, message, "XFRMA_ALG_CRYPT", true),
+                           valueIn(fields, message, "XFRMA_ALG_AUTH_TRUNC", true)};
         for (const bool tx : {true, false})
-            if (state.id.proto == protocolOf(r) && ntohl(state.id.spi) == (tx ? r.spi_tx : r.spi_rx) &&
-                to == (tx ? remote : local))
-                found.push_back({tx, mark != nullptr && mark->v != 0, source == (tx ? local : remote), source,
-                                 keptBy(state, attributes, wanted)});
-    });
+            if (const Ends ends(r, tx); word(fields, "protocol") == protocolOf(r) &&
+                                        number(fields, "spi") == (tx ? r.spi_tx : r.spi_rx) &&
+                                        word(fields, "destination") == ends.destination)
+                found.push_back({tx, number(fields, "mark") != 0, word(fields, "source") == ends.source,
+                                 word(fields, "source"), keptBy(fields, message, wanted), number(fields, "packets"),
+                                 word(fields, "used"), std::all_of(keys.begin(), keys.end(), isZero)});
+    };
+    const int read = look(kStates, found, add);
+    if (result != nullptr)
+        *result = read;
     return found;
 }
 
@@ -143,13 +154,12 @@ Requests requestsOf(const std::function<int()>& operation)
 
 int statesBetween(const Record& r, bool tx)
 {
-    int count               = 0;
-    const std::string local = addressText(r.local_addr), remote = addressText(r.remote_addr);
-    dumpStates([&](const xfrm_usersa_info& state, const Attributes&) {
-        const bool between = textOf(state.saddr, state.family) == (tx ? local : remote) &&
-                             textOf(state.id.daddr, state.family) == (tx ? remote : local);
-        const bool tunnel = state.mode == XFRM_MODE_TUNNEL;
-        count += between && state.id.proto == protocolOf(r) && tunnel == (r.encap_mode == kTunnel) ? 1 : 0;
+    int count = 0;
+    const Ends ends(r, tx);
+    look(kStates, count, [&](const Fields& fields, Bytes) {
+        const bool between = word(fields, "source") == ends.source && word(fields, "destination") == ends.destination;
+        const bool tunnel  = word(fields, "mode") == "tunnel";
+        count += between && word(fields, "protocol") == protocolOf(r) && tunnel == (r.encap_mode == kTunnel) ? 1 : 0;
     });
     return count;
 }
@@ -159,23 +169,19 @@ std::vector<std::string> otherwiseOf(const std::string& source, const std::strin
 {
     const xfrm_selector sel = selectorOf(source, destination, protocol);
     std::vector<std::string> found;
-    static_cast<void>(
-        dump<xfrm_userpolicy_info>(NETLINK_XFRM, XFRM_MSG_GETPOLICY, XFRM_MSG_NEWPOLICY, nullptr,
-                                   [&](const xfrm_userpolicy_info& policy, const Attributes& attributes) {
-                                       if (policy.dir != direction || std::memcmp(&policy.sel, &sel, sizeof sel) != 0)
-                                           return;
-                                       const auto* const mark = attributes.as<xfrm_mark>(XFRMA_MARK);
-                                       const auto* const type = attributes.as<xfrm_userpolicy_type>(XFRMA_POLICY_TYPE);
-                                       const auto id          = attributes.number(XFRMA_IF_ID);
-                                       std::vector<std::string> words;
-                                       if (mark != nullptr && (mark->v | mark->m) != 0)
-                                           words.push_back("mark " + hexadecimal(mark->v) + '/' + hexadecimal(mark->m));
-                                       if (id && *id != 0)
-                                           words.push_back("if_id " + hexadecimal(*id));
-                                       if (type != nullptr && type->type != XFRM_POLICY_TYPE_MAIN)
-                                           words.emplace_back("ptype sub");
-                                       found.push_back(joined(words));
-                                   }));
+    look(kPolicies, found, [&](const Fields& fields, Bytes message) {
+        if (number(fields, "direction") != direction ||
+            std::memcmp(message.data() + NLMSG_HDRLEN, &sel, sizeof sel) != 0) // it is the first in the message
+            return;
+        std::vector<std::string> words;
+        if ((number(fields, "mark") | number(fields, "mask")) != 0)
+            words.push_back("mark " + word(fields, "mark") + '/' + word(fields, "mask"));
+        if (number(fields, "if_id") != 0)
+            words.push_back("if_id " + word(fields, "if_id"));
+        if (number(fields, "policy_type") != XFRM_POLICY_TYPE_MAIN)
+            words.emplace_back("ptype sub");
+        found.push_back(joined(words));
+    });
     return found;
 }
 
@@ -193,19 +199,16 @@ int removePolicy(const std::string& source, const std::string& destination, unsi
 
 std::vector<std::string> routesTo(const std::string& destination, unsigned int table, unsigned int device)
 {
-    table            = table != RT_TABLE_UNSPEC ? table : RT_TABLE_MAIN; // as the kernel takes it
-    rtmsg about      = {};
-    about.rtm_family = AF_INET;
+    table = table != RT_TABLE_UNSPEC ? table : RT_TABLE_MAIN; // as the kernel takes it
     std::vector<std::string> routes;
-    dumpAll<rtmsg>(NETLINK_ROUTE, RTM_GETROUTE, RTM_NEWROUTE, about,
-                   [&](const rtmsg& route, const Attributes& attributes) {
-                       if (route.rtm_dst_len != 32 || addressIn(attributes, RTA_DST) != destination ||
-                           attributes.number(RTA_TABLE) != table || attributes.number(RTA_OIF) != device)
-                           return;
-                       const std::string gateway = gatewayOf(attributes);
-                       routes.push_back((gateway.empty() ? "on link" : "via " + gateway) + " metric " +
-                                        std::to_string(attributes.number(RTA_PRIORITY).value_or(0)));
-                   });
+    look(kRoutes, routes, [&](const Fields& fields, Bytes) {
+        if (word(fields, "destination") != destination + "/32" || number(fields, "table") != table ||
+            number(fields, "RTA_OIF") != device)
+            return;
+        const std::string gateway = word(fields, "gateway");
+        routes.push_back((gateway.empty() ? "on link" : "via " + gateway) + " metric " +
+                         std::to_string(number(fields, "metric")));
+    });
     return routes;
 }
 
@@ -218,37 +221,33 @@ std::optional<NextHop> nextHop(const std::string& destination, unsigned char fam
     about.rtm_family  = family;
     about.rtm_dst_len = static_cast<unsigned char>(8 * size);
 
-    std::optional<NextHop> found;
-    const Show<rtmsg> show = [&](const rtmsg&, const Attributes& attributes) {
-        char device[IF_NAMESIZE] = {};
-        if_indextoname(attributes.number(RTA_OIF).value_or(0), device);
-        found = {gatewayOf(attributes), device};
-    };
-    Shown<rtmsg> shown = {RTM_NEWROUTE, show};
     Vesk::NetlinkMessage msg;
     msg.setNLMsgHeader(NETLINK_ROUTE, RTM_GETROUTE, NLM_F_REQUEST);
     msg.addMsgPayload(sizeof about, &about);
     msg.addNLAttribute(RTA_DST, size, address.data());
     msg.addNLAttribute(RTA_MARK, mark);
+    std::optional<NextHop> found;
     static_cast<void>(msg.messageQuery(
         [](nlmsghdr* message, void* context) {
-            return static_cast<Shown<rtmsg>*>(context)->take(message) ? Vesk::NetlinkQueryDone
-                                                                      : Vesk::NetlinkQueryContinue;
+            if (message->nlmsg_type != RTM_NEWROUTE)
+                return Vesk::NetlinkQueryContinue;
+            const Fields fields                            = decoded(kRoutes, message);
+            *static_cast<std::optional<NextHop>*>(context) = {word(fields, "gateway"), word(fields, "RTA_OIF")};
+            return Vesk::NetlinkQueryDone;
         },
-        &shown, false));
+        &found, false));
     return found;
 }
 
 std::string qdiscAt(unsigned int device, unsigned int parent)
 {
     std::string found;
-    dumpAll<tcmsg>(
-        NETLINK_ROUTE, RTM_GETQDISC, RTM_NEWQDISC, {}, [&](const tcmsg& qdisc, const Attributes& attributes) {
-            // A handle of 0 is that of the kernel's own.
-            if (qdisc.tcm_ifindex == static_cast<int>(device) && qdisc.tcm_handle != 0 &&
-                qdisc.tcm_parent == (parent == 0 ? TC_H_ROOT : parent) && attributes.has(TCA_KIND))
-                found = attributes.text(TCA_KIND) + ' ' + hexadecimal(qdisc.tcm_handle >> 16).substr(2) + ':';
-        });
+    look(kQdiscs, found, [&](const Fields& fields, Bytes) {
+        // A handle of 0 is that of the kernel's own.
+        if (number(fields, "device") == device && number(fields, "handle") != 0 &&
+            number(fields, "parent") == (parent == 0 ? TC_H_ROOT : parent) && fieldOf(fields, "TCA_KIND") != nullptr)
+            found = word(fields, "TCA_KIND") + ' ' + word(fields, "handle");
+    });
     return found;
 }
 

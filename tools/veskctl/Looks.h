@@ -17,9 +17,12 @@ struct InstalledState {
     bool own;           // it has the record's source too
     std::string source; //
     std::string kept;   // what it has otherwise than a request for it: "mode, cipher key"
+    std::uint64_t packets;
+    std::string used; // when last, or "never"
+    bool hidden;      // keys are all zeros
 };
 using Requests = std::vector<std::vector<unsigned char>>;
-std::vector<InstalledState> installedStates(const Record& r, const Requests& wanted = {});
+std::vector<InstalledState> installedStates(const Record& r, const Requests& wanted = {}, int* result = nullptr);
 
 // What an operation would send, for comparing.
 Requests requestsOf(const std::function<int()>& operation);
