@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstring>
 #include <map>
+#include <span>
 #include <string_view>
 
 #include <arpa/inet.h>
@@ -97,124 +98,127 @@ struct Wrong : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-using Setter = std::function<void(Reading&, std::string_view)>;
-
-template <typename Value>
-Setter numberIn(std::uint8_t Record::*valid, Value Record::*field, std::uint32_t lowest, std::uint32_t highest)
-{
-    return [=](Reading& reading, std::string_view text) {
-        const auto value = numberOf(text);
-        if (!value || *value < lowest || *value > highest)
-            throw Wrong("write a number from " + std::to_string(lowest) + " to " + std::to_string(highest) +
-                        ", decimal or with 0x");
-        reading.record.*field = static_cast<Value>(*value);
-        reading.record.*valid = 1;
-    };
-}
-
-Setter wordIn(std::uint8_t Record::*valid, std::uint32_t Record::*field, const Words& words)
-{
-    return [=, &words](Reading& reading, std::string_view text) {
-        const auto code  = numberOf(text);
-        const auto found = std::find_if(words.begin(), words.end(), [&](const Word& each) {
-            return code ? std::count(each.codes.begin(), each.codes.end(), *code) != 0 : text == each.word;
-        });
-        if (found == words.end())
-            throw Wrong("write one of " + listed(words));
-        reading.record.*field = code ? static_cast<std::uint32_t>(*code) : found->codes[0];
-        reading.record.*valid = 1;
-        if (!code && found->mode != 0)
-            reading.impliedMode = found->mode;
-    };
-}
-
-Setter addressIn(std::uint8_t Record::*valid, tro_ip_addr_type_v01 Record::*field)
-{
-    return [=](Reading& reading, std::string_view given) {
-        tro_ip_addr_type_v01& address = reading.record.*field;
-        const std::string text(given);
-        in_addr v4 = {};
-        if (inet_pton(AF_INET, text.c_str(), &v4) == 1) {
-            const std::uint32_t word = ntohl(v4.s_addr); // the record keeps IPv4 addresses in host order
-            address.ip_type          = 4;
-            address.addr_len         = sizeof word;
-            std::memcpy(address.addr, &word, sizeof word);
-        } else if (inet_pton(AF_INET6, text.c_str(), address.addr) == 1) {
-            address.ip_type  = 6;
-            address.addr_len = sizeof address.addr;
-        } else {
-            throw Wrong("write an address, such as 192.0.2.1 or 2001:db8::1");
-        }
-        reading.record.*valid = 1;
-    };
-}
-
-template <std::size_t size>
-Setter keyIn(std::uint8_t Record::*valid, std::uint32_t Record::*length, std::uint8_t (Record::*field)[size])
-{
-    return [=](Reading& reading, std::string_view text) {
-        bool right = text.size() % 2 == 0 && text.size() / 2 <= size;
-        for (std::size_t i = 0; right && i < text.size() / 2; ++i) {
-            const char* const first = text.data() + 2 * i;
-            right = std::from_chars(first, first + 2, (reading.record.*field)[i], 16).ptr == first + 2;
-        }
-        if (!right)
-            throw Wrong("write whole bytes, two hexadecimal digits each");
-        reading.record.*length = static_cast<std::uint32_t>(text.size() / 2);
-        reading.record.*valid  = 1;
-    };
-}
-
-void setPort(Reading& reading, std::string_view text)
-{
-    numberIn(&Record::udp_encap_port_valid, &Record::udp_encap_port, 1, UINT16_MAX)(reading, text);
-    reading.record.udp_encap_port = htons(reading.record.udp_encap_port);
-}
-
+// A field of the record, by its place there. What it holds shows in its size, if it has no words.
 struct Field {
     const char* name;
-    const char* meaning;
+    std::size_t valid, at, size;
     unsigned neededFor; // Purposes
-    std::uint8_t Record::*valid;
-    std::size_t at, size; // of the value in the record
-    Setter set;
+    const char* meaning;
+    std::uint32_t lowest = 0, highest = 0; // of a number
     const Words* words = nullptr;
+
+    [[nodiscard]] bool isAddress() const { return size == sizeof(tro_ip_addr_type_v01); }
+    [[nodiscard]] bool isKey() const { return size > sizeof(tro_ip_addr_type_v01); } // its length lies before it
+    [[nodiscard]] const std::uint8_t* in(const Record& record) const
+    {
+        return reinterpret_cast<const std::uint8_t*>(&record) + at;
+    }
+    [[nodiscard]] std::uint8_t* in(Record& record) const { return reinterpret_cast<std::uint8_t*>(&record) + at; }
+    [[nodiscard]] bool isIn(const Record& record) const
+    {
+        return in(record)[static_cast<std::ptrdiff_t>(valid) - static_cast<std::ptrdiff_t>(at)] != 0;
+    }
+    [[nodiscard]] std::span<const std::uint8_t> keyIn(const Record& record) const
+    {
+        std::uint32_t length = 0;
+        std::memcpy(&length, in(record) - sizeof length, sizeof length);
+        return {in(record), length};
+    }
 };
+static_assert(offsetof(Record, crypto_key_rx_len) + 4 == offsetof(Record, crypto_key_rx));
+static_assert(offsetof(Record, hash_key_tx_len) + 4 == offsetof(Record, hash_key_tx));
 
 constexpr unsigned kIdentity = ForStates | ForRemoval | ForPolicies;
 constexpr unsigned kAlways   = kIdentity | ForMigration;
 
-#define FIELD(name, meaning, neededFor)                                                                                \
-#name, meaning, neededFor, &Record::name##_valid, offsetof(Record, name), sizeof(Record::name)
-#define NUMBER(name, lowest, highest) numberIn(&Record::name##_valid, &Record::name, lowest, highest)
-#define ADDRESS(name)                 addressIn(&Record::name##_valid, &Record::name)
-#define KEY(name)                     keyIn(&Record::name##_valid, &Record::name##_len, &Record::name)
-#define WORD(name, words)             wordIn(&Record::name##_valid, &Record::name, words), &words
+#define FIELD(name) #name, offsetof(Record, name##_valid), offsetof(Record, name), sizeof(Record::name)
 
 const std::vector<Field> kFields = {
-    {FIELD(spi_rx, "SPI of the incoming SA, from 256 on", kIdentity), NUMBER(spi_rx, kSmallestSPI, UINT32_MAX)},
-    {FIELD(spi_tx, "SPI of the outgoing SA, from 256 on", kIdentity), NUMBER(spi_tx, kSmallestSPI, UINT32_MAX)},
-    {FIELD(ipsec_protocol, "IPsec protocol; mainline kernels refuse SAs of AH", kAlways),
-     WORD(ipsec_protocol, kProtocols)},
-    {FIELD(encap_mode, "mode", ForStates | ForPolicies | ForMigration), WORD(encap_mode, kModes)},
-    {FIELD(remote_addr, "the peer's address, IPv4 or IPv6", kAlways), ADDRESS(remote_addr)},
-    {FIELD(local_addr, "this end's address, of the same family", kAlways), ADDRESS(local_addr)},
-    {FIELD(hash_algo, "integrity algorithm", ForStates), WORD(hash_algo, kHashes)},
-    {FIELD(crypto_algo, "cipher; AES by its code is in the mode of aes_mode", ForStates), WORD(crypto_algo, kCiphers)},
-    {FIELD(crypto_key_rx, "cipher key of the incoming SA, in hexadecimal", ForStates), KEY(crypto_key_rx)},
-    {FIELD(crypto_key_tx, "cipher key of the outgoing SA, in hexadecimal", ForStates), KEY(crypto_key_tx)},
-    {FIELD(udp_encap, "1: ESP goes in UDP, 0: it does not", 0), NUMBER(udp_encap, 0, 1)},
-    {FIELD(aes_mode, "mode of AES; cbc when missing", 0), WORD(aes_mode, kAESModes)},
-    {FIELD(udp_encap_port, "this end's UDP port; the peer's is 4500", 0), setPort},
-    {FIELD(hash_key_rx, "integrity key of the incoming SA, in hexadecimal", ForStates), KEY(hash_key_rx)},
-    {FIELD(hash_key_tx, "integrity key of the outgoing SA, in hexadecimal", ForStates), KEY(hash_key_tx)},
+    {FIELD(spi_rx), kIdentity, "SPI of the incoming SA, from 256 on", kSmallestSPI, UINT32_MAX},
+    {FIELD(spi_tx), kIdentity, "SPI of the outgoing SA, from 256 on", kSmallestSPI, UINT32_MAX},
+    {FIELD(ipsec_protocol), kAlways, "IPsec protocol; mainline kernels refuse SAs of AH", 0, 0, &kProtocols},
+    {FIELD(encap_mode), kAlways & ~ForRemoval, "mode", 0, 0, &kModes},
+    {FIELD(remote_addr), kAlways, "the peer's address, IPv4 or IPv6"},
+    {FIELD(local_addr), kAlways, "this end's address, of the same family"},
+    {FIELD(hash_algo), ForStates, "integrity algorithm", 0, 0, &kHashes},
+    {FIELD(crypto_algo), ForStates, "cipher; AES by its code is in the mode of aes_mode", 0, 0, &kCiphers},
+    {FIELD(crypto_key_rx), ForStates, "cipher key of the incoming SA, in hexadecimal"},
+    {FIELD(crypto_key_tx), ForStates, "cipher key of the outgoing SA, in hexadecimal"},
+    {FIELD(udp_encap), 0, "1: ESP goes in UDP, 0: it does not", 0, 1},
+    {FIELD(aes_mode), 0, "mode of AES; cbc when missing", 0, 0, &kAESModes},
+    {FIELD(udp_encap_port), 0, "this end's UDP port; the peer's is 4500", 1, UINT16_MAX},
+    {FIELD(hash_key_rx), ForStates, "integrity key of the incoming SA, in hexadecimal"},
+    {FIELD(hash_key_tx), ForStates, "integrity key of the outgoing SA, in hexadecimal"},
 };
 
 #undef FIELD
-#undef NUMBER
-#undef ADDRESS
-#undef KEY
-#undef WORD
+
+std::uint32_t numberFor(const Field& field, std::string_view text, Reading& reading)
+{
+    const auto number = numberOf(text);
+    if (field.words == nullptr) {
+        if (number && *number >= field.lowest && *number <= field.highest)
+            return static_cast<std::uint32_t>(*number);
+        throw Wrong("write a number from " + std::to_string(field.lowest) + " to " + std::to_string(field.highest) +
+                    ", decimal or with 0x");
+    }
+    for (const Word& each : *field.words)
+        if (number ? std::count(each.codes.begin(), each.codes.end(), *number) != 0 : text == each.word) {
+            if (!number && each.mode != 0)
+                reading.impliedMode = each.mode;
+            return number ? static_cast<std::uint32_t>(*number) : each.codes[0];
+        }
+    throw Wrong("write one of " + listed(*field.words));
+}
+
+tro_ip_addr_type_v01 addressFor(std::string_view given)
+{
+    tro_ip_addr_type_v01 address = {};
+    const std::string text(given);
+    in_addr v4 = {};
+    if (inet_pton(AF_INET, text.c_str(), &v4) == 1) {
+        const std::uint32_t word = ntohl(v4.s_addr); // the record keeps IPv4 addresses in host order
+        address                  = {4, sizeof word, {}};
+        std::memcpy(address.addr, &word, sizeof word);
+    } else if (inet_pton(AF_INET6, text.c_str(), address.addr) == 1) {
+        address.ip_type  = 6;
+        address.addr_len = sizeof address.addr;
+    } else {
+        throw Wrong("write an address, such as 192.0.2.1 or 2001:db8::1");
+    }
+    return address;
+}
+
+void setKey(const Field& field, std::string_view text, Record& record)
+{
+    const auto length = static_cast<std::uint32_t>(text.size() / 2);
+    bool right        = text.size() % 2 == 0 && length <= field.size;
+    for (std::size_t i = 0; right && i < length; ++i) {
+        const char* const first = text.data() + 2 * i;
+        right                   = std::from_chars(first, first + 2, field.in(record)[i], 16).ptr == first + 2;
+    }
+    if (!right)
+        throw Wrong("write whole bytes, two hexadecimal digits each");
+    std::memcpy(field.in(record) - sizeof length, &length, sizeof length);
+}
+
+void set(const Field& field, std::string_view text, Reading& reading)
+{
+    Record& record = reading.record;
+    if (field.isKey()) {
+        setKey(field, text, record);
+    } else if (field.isAddress()) {
+        const auto address = addressFor(text);
+        std::memcpy(field.in(record), &address, sizeof address);
+    } else {
+        const std::uint32_t number = numberFor(field, text, reading);
+        const auto port            = htons(static_cast<std::uint16_t>(number));
+        const auto flag            = static_cast<std::uint8_t>(number);
+        const void* const value = field.size == 1 ? &flag : field.size == 2 ? &port : static_cast<const void*>(&number);
+        std::memcpy(field.in(record), value, field.size);
+    }
+    field.in(record)[static_cast<std::ptrdiff_t>(field.valid) - static_cast<std::ptrdiff_t>(field.at)] = 1;
+}
 
 std::string fieldName(const Field& field)
 {
@@ -339,41 +343,10 @@ void readLine(std::string_view line, std::size_t number, Reading& reading, Lines
         return problems.add(
             std::string(name) + ": given in line " + std::to_string(given->second) + " too; write it once", number);
     try {
-        field->set(reading, trimmed(line.substr(sign + 1)));
+        set(*field, trimmed(line.substr(sign + 1)), reading);
     } catch (const Wrong& wrong) {
         problems.add(std::string(name) + ": " + wrong.what(), number);
     }
-}
-
-struct GivenKey {
-    const char* name;
-    std::uint8_t valid;
-    const std::uint8_t* bytes;
-    std::size_t length;
-
-    [[nodiscard]] bool isZero() const
-    {
-        return length != 0 && std::count(bytes, bytes + length, 0) == static_cast<std::ptrdiff_t>(length);
-    }
-};
-
-// A key of either direction
-void checkKeys(const Word* algorithm, const GivenKey& tx, const GivenKey& rx, const Lines& lines, Problems& problems,
-               std::vector<std::string>& warnings)
-{
-    for (const GivenKey& key : {tx, rx}) {
-        if (key.valid == 0)
-            continue;
-        if (algorithm != nullptr && std::count(algorithm->keys.begin(), algorithm->keys.end(), key.length) == 0)
-            problems.add(std::string(key.name) + ": " + std::to_string(key.length) + " bytes; " + algorithm->word +
-                             " takes " + either(algorithm->keys),
-                         lines.at(key.name));
-        else if (key.isZero())
-            problems.add(std::string(key.name) + ": all zeros; write the key", lines.at(key.name));
-    }
-    if (tx.valid != 0 && rx.valid != 0 && !tx.isZero() &&
-        std::equal(tx.bytes, tx.bytes + tx.length, rx.bytes, rx.bytes + rx.length))
-        warnings.push_back(std::string(rx.name) + ": the same as " + tx.name + "; each direction should have its own");
 }
 
 // What an address is, that no end of a tunnel is; null for all others.
@@ -393,14 +366,24 @@ const char* unusable(const tro_ip_addr_type_v01& address)
     return nullptr;
 }
 
-void checkEnds(const Record& r, const Lines& lines, Problems& problems)
+// What is wrong with a value by itself, or nothing.
+std::string mistakeIn(const Record& r, const Field& field, Purpose purpose)
 {
-    for (const auto& [name, valid, address] : {std::tuple("local_addr", r.local_addr_valid, &r.local_addr),
-                                               std::tuple("remote_addr", r.remote_addr_valid, &r.remote_addr)})
-        if (const char* const what = valid != 0 ? unusable(*address) : nullptr)
-            problems.add(std::string(name) + ": " + what + "; write one that the other end can reach", lines.at(name));
-    if (r.local_addr_valid != 0 && r.remote_addr_valid != 0 && addressText(r.local_addr) == addressText(r.remote_addr))
-        problems.add("remote_addr: the same as local_addr; write the peer's", lines.at("remote_addr"));
+    if (field.isAddress() && purpose != ForRemoval) { // what is installed all the same must be possible to remove
+        tro_ip_addr_type_v01 address = {};
+        std::memcpy(&address, field.in(r), sizeof address);
+        const char* const what = unusable(address);
+        return what != nullptr ? std::string(what) + "; write one that the other end can reach" : "";
+    }
+    if (!field.isKey())
+        return "";
+    const auto key              = field.keyIn(r);
+    const Word* const algorithm = field.name[0] == 'c' ? cipherOf(r) : hashOf(r);
+    if (algorithm != nullptr && std::count(algorithm->keys.begin(), algorithm->keys.end(), key.size()) == 0)
+        return std::to_string(key.size()) + " bytes; " + algorithm->word + " takes " + either(algorithm->keys);
+    return std::all_of(key.begin(), key.end(), [](unsigned char byte) { return byte == 0; })
+               ? "all zeros; write the key"
+               : "";
 }
 
 void check(const Record& r, Purpose purpose, const Lines& lines, Problems& problems, std::vector<std::string>& warnings)
@@ -416,16 +399,25 @@ void check(const Record& r, Purpose purpose, const Lines& lines, Problems& probl
     if (!missing.empty())
         problems.add("missing: " + joined(missing));
 
-    if (r.local_addr_valid != 0 && r.remote_addr_valid != 0 && r.local_addr.ip_type != r.remote_addr.ip_type)
-        problems.add("remote_addr: of another family than local_addr; write two IPv4 or two IPv6 addresses",
-                     lines.at("remote_addr"));
-    if (purpose != ForRemoval) // what is installed all the same must be possible to remove
-        checkEnds(r, lines, problems);
-    checkKeys(cipherOf(r), {"crypto_key_tx", r.crypto_key_tx_valid, r.crypto_key_tx, r.crypto_key_tx_len},
-              {"crypto_key_rx", r.crypto_key_rx_valid, r.crypto_key_rx, r.crypto_key_rx_len}, lines, problems,
-              warnings);
-    checkKeys(hashOf(r), {"hash_key_tx", r.hash_key_tx_valid, r.hash_key_tx, r.hash_key_tx_len},
-              {"hash_key_rx", r.hash_key_rx_valid, r.hash_key_rx, r.hash_key_rx_len}, lines, problems, warnings);
+    if (r.local_addr_valid != 0 && r.remote_addr_valid != 0) {
+        if (r.local_addr.ip_type != r.remote_addr.ip_type)
+            problems.add("remote_addr: of another family than local_addr; write two IPv4 or two IPv6 addresses",
+                         lines.at("remote_addr"));
+        else if (addressText(r.local_addr) == addressText(r.remote_addr) && purpose != ForRemoval)
+            problems.add("remote_addr: the same as local_addr; write the peer's", lines.at("remote_addr"));
+    }
+    const Field* before = nullptr;
+    for (const Field& field : kFields) {
+        const std::string mistake = field.isIn(r) ? mistakeIn(r, field, purpose) : "";
+        if (!mistake.empty())
+            problems.add(std::string(field.name) + ": " + mistake, lines.at(field.name));
+        // The keys of the two directions are neighbours in the record.
+        if (before != nullptr && before->isKey() && field.isKey() && before->isIn(r) &&
+            std::ranges::equal(before->keyIn(r), field.keyIn(r)))
+            warnings.push_back(std::string(before->name) + ": the same as " + field.name +
+                               "; each direction should have its own");
+        before = &field;
+    }
 }
 
 } // namespace
@@ -468,23 +460,17 @@ Json FileRecord::described() const
 
 void FileRecord::forgetKeys()
 {
-    explicit_bzero(crypto_key_rx, sizeof crypto_key_rx);
-    explicit_bzero(crypto_key_tx, sizeof crypto_key_tx);
-    explicit_bzero(hash_key_rx, sizeof hash_key_rx);
-    explicit_bzero(hash_key_tx, sizeof hash_key_tx);
+    for (const Field& field : kFields)
+        if (field.isKey())
+            explicit_bzero(field.in(*this), field.size);
 }
 
 std::vector<std::string> differences(const Record& one, const Record& other)
 {
-    const auto valueIn = [](const Record& record, const Field& field) {
-        return reinterpret_cast<const unsigned char*>(&record) + field.at;
-    };
     std::vector<std::string> names;
     for (const Field& each : kFields) {
-        const bool moves = (each.neededFor & ForMigration) == 0 ? std::strncmp(each.name, "udp", 3) == 0
-                                                                : each.valid == &Record::local_addr_valid;
-        if (!moves && one.*each.valid != 0 && other.*each.valid != 0 &&
-            std::memcmp(valueIn(one, each), valueIn(other, each), each.size) != 0)
+        const bool moves = std::strncmp(each.name, "udp", 3) == 0 || std::strcmp(each.name, "local_addr") == 0;
+        if (!moves && each.isIn(one) && each.isIn(other) && std::memcmp(each.in(one), each.in(other), each.size) != 0)
             names.emplace_back(each.name);
     }
     return names;
