@@ -126,7 +126,7 @@ constexpr bool kLittle = std::endian::native == std::endian::little;
 const Structure kRealms =
     STRUCTURE(realms, AT(half[0], Number, kLittle ? "to" : "from"), AT(half[1], Number, kLittle ? "from" : "to"));
 const Structure kPorts = STRUCTURE(fib_rule_port_range, AT(start, Number, "first"), AT(end, Number, "last"));
-const Structure kUsers = STRUCTURE(fib_rule_uid_range, AT(start, Number, "first"), AT(end, Number, "last"));
+const Structure kUsers = STRUCTURE(fib_rule_uid_range, AT(start, Limit, "first"), AT(end, Limit, "last"));
 
 // A port counts where its mask has bits. ICMP has type and code in place of the ports, GRE a key in two halves.
 void finishSelector(std::span<Field> fields)
@@ -152,9 +152,9 @@ void finishSelector(std::span<Field> fields)
         fields[kSPort + 1].text  = hexadecimal(mask);
         fields[kDPort].usual = fields[kDPort + 1].usual = true;
         rename(kSPort, "source_port", "gre_key");
-    } else if (protocol == IPPROTO_ICMP || protocol == IPPROTO_ICMPV6) {
-        rename(kSPort, "source_port", "icmp_type");
-        rename(kDPort, "destination_port", "icmp_code");
+    } else if (protocol == IPPROTO_ICMP || protocol == IPPROTO_ICMPV6 || protocol == IPPROTO_MH) {
+        rename(kSPort, "source_port", "message_type");
+        rename(kDPort, "destination_port", "message_code");
     }
 }
 

@@ -140,7 +140,7 @@ std::string manual()
         "each object is one line.\n"
         ".PP\nA field has the same type in all answers of a list: numbers are decimal, in the units of their names; words\n"
         "stand for numbers, and those without a word are digits in a text. In place of ports, selectors of ICMP have\n"
-        "icmp_type and icmp_code, those of GRE gre_key, all numbers. SAs that the kernel has no keys for yet have the\n"
+        "message_type and message_code, those of GRE gre_key, all numbers. SAs that the kernel has no keys for yet have the\n"
         "state larval. The device of a rule is the one whose own table it looks up.\n" +
         verbatim(explainedLists()) + ".SH EXIT STATUS\n";
     for (const auto& [status, meaning] : kStatuses)
