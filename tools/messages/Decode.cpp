@@ -147,7 +147,7 @@ public:
         fields[1].text          = name;
         fields[1].unnamed       = known == nullptr;
         fields[2].text.clear();
-        nameFlags(fields[2], flags, name.find("_GET") != std::string::npos ? kGetFlags : kHeaderFlags);
+        nameFlags(fields[2], flags, known != nullptr ? *known->flags : kHeaderFlags);
 
         const std::size_t end = std::min<std::size_t>(fields[0].number(), message.size());
         place                 = {.part = "payload"};

@@ -70,16 +70,17 @@ struct Attribute {
 
 extern const Member kMore; // follows where there may be several structures: an array in lists
 
+extern const Structure kHeader;
+extern const Names kProtocols, kHeaderFlags, kGetFlags;
+
 struct Message {
     int protocol;
     unsigned int type;
     const char* name;
     const Structure* payload;
     const std::vector<Attribute>* attributes;
+    const Names* flags = &kHeaderFlags; // their bits mean one thing in a request to get, another in the others
 };
-
-extern const Structure kHeader;
-extern const Names kProtocols, kHeaderFlags, kGetFlags;
 
 // Null where there is none.
 const Message* messageOf(int protocol, std::uint64_t type);

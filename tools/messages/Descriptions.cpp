@@ -24,7 +24,11 @@ namespace {
 #define NAMED(constant)          Name(constant, #constant)
 #define AT(member, ...)          Member(#member, offsetof(S, member), sizeof(S::member) __VA_OPT__(, ) __VA_ARGS__)
 #define ATTRIBUTE(constant, ...) Attribute(constant, #constant __VA_OPT__(, ) __VA_ARGS__)
-#define MESSAGE(constant)        constant, #constant
+#define MESSAGE(protocol, constant, ...)                                                                               \
+    Message                                                                                                            \
+    {                                                                                                                  \
+        protocol, constant, #constant, __VA_ARGS__                                                                     \
+    }
 #define STRUCTURE(type, ...)                                                                                           \
     [] {                                                                                                               \
         using S = type;                                                                                                \
@@ -321,32 +325,32 @@ const Attributes kOfPolicies = {
     ATTRIBUTE(XFRMA_POLICY_TYPE, kType),
     ATTRIBUTE(XFRMA_OFFLOAD_DEV, kOffload, "offload"),
     ATTRIBUTE(XFRMA_TMPL, kTemplate, "templates", &kMore),
-    ATTRIBUTE(XFRMA_MIGRATE, kMigrate, nullptr, &kMore),
 };
+const Attributes kOfMigrations = {ATTRIBUTE(XFRMA_MIGRATE, kMigrate, nullptr, &kMore), ATTRIBUTE(XFRMA_ENCAP, kEncap)};
 
 const Message kMessages[] = {
-    {NETLINK_GENERIC, MESSAGE(GENL_ID_CTRL), &kGeneric, &kOfFamilies},
-    {NETLINK_ROUTE, MESSAGE(RTM_NEWADDR), &kInterfaceAddress, &kOfAddresses},
-    {NETLINK_ROUTE, MESSAGE(RTM_NEWLINK), &kLink, &kOfLinks},
-    {NETLINK_ROUTE, MESSAGE(RTM_GETROUTE), &kRoute, &kOfRoutes},
-    {NETLINK_ROUTE, MESSAGE(RTM_NEWROUTE), &kRoute, &kOfRoutes},
-    {NETLINK_ROUTE, MESSAGE(RTM_DELROUTE), &kRoute, &kOfRoutes},
-    {NETLINK_ROUTE, MESSAGE(RTM_NEWRULE), &kRule, &kOfRules},
-    {NETLINK_ROUTE, MESSAGE(RTM_GETRULE), &kRule, &kOfRules},
-    {NETLINK_ROUTE, MESSAGE(RTM_NEWQDISC), &kQdisc, &kOfQdiscs},
-    {NETLINK_ROUTE, MESSAGE(RTM_DELQDISC), &kQdisc, &kOfQdiscs},
-    {NETLINK_ROUTE, MESSAGE(RTM_NEWADDRLABEL), &kLabel, &kOfLabels},
-    {NETLINK_ROUTE, MESSAGE(RTM_DELADDRLABEL), &kLabel, &kOfLabels},
-    {NETLINK_ROUTE, MESSAGE(RTM_GETADDRLABEL), &kLabel, &kOfLabels},
-    {NETLINK_XFRM, MESSAGE(XFRM_MSG_NEWSA), &kState, &kOfStates},
-    {NETLINK_XFRM, MESSAGE(XFRM_MSG_UPDSA), &kState, &kOfStates},
-    {NETLINK_XFRM, MESSAGE(XFRM_MSG_DELSA), &kStateId, &kOfStates},
-    {NETLINK_XFRM, MESSAGE(XFRM_MSG_GETSA), nullptr, nullptr},
-    {NETLINK_XFRM, MESSAGE(XFRM_MSG_NEWAE), &kEvent, &kOfStates},
-    {NETLINK_XFRM, MESSAGE(XFRM_MSG_NEWPOLICY), &kPolicy, &kOfPolicies},
-    {NETLINK_XFRM, MESSAGE(XFRM_MSG_DELPOLICY), &kPolicyId, &kOfPolicies},
-    {NETLINK_XFRM, MESSAGE(XFRM_MSG_GETPOLICY), nullptr, nullptr},
-    {NETLINK_XFRM, MESSAGE(XFRM_MSG_MIGRATE), &kPolicyId, &kOfPolicies},
+    MESSAGE(NETLINK_GENERIC, GENL_ID_CTRL, &kGeneric, &kOfFamilies),
+    MESSAGE(NETLINK_ROUTE, RTM_NEWADDR, &kInterfaceAddress, &kOfAddresses),
+    MESSAGE(NETLINK_ROUTE, RTM_NEWLINK, &kLink, &kOfLinks),
+    MESSAGE(NETLINK_ROUTE, RTM_GETROUTE, &kRoute, &kOfRoutes, &kGetFlags),
+    MESSAGE(NETLINK_ROUTE, RTM_NEWROUTE, &kRoute, &kOfRoutes),
+    MESSAGE(NETLINK_ROUTE, RTM_DELROUTE, &kRoute, &kOfRoutes),
+    MESSAGE(NETLINK_ROUTE, RTM_NEWRULE, &kRule, &kOfRules),
+    MESSAGE(NETLINK_ROUTE, RTM_GETRULE, &kRule, &kOfRules, &kGetFlags),
+    MESSAGE(NETLINK_ROUTE, RTM_NEWQDISC, &kQdisc, &kOfQdiscs),
+    MESSAGE(NETLINK_ROUTE, RTM_DELQDISC, &kQdisc, &kOfQdiscs),
+    MESSAGE(NETLINK_ROUTE, RTM_NEWADDRLABEL, &kLabel, &kOfLabels),
+    MESSAGE(NETLINK_ROUTE, RTM_DELADDRLABEL, &kLabel, &kOfLabels),
+    MESSAGE(NETLINK_ROUTE, RTM_GETADDRLABEL, &kLabel, &kOfLabels, &kGetFlags),
+    MESSAGE(NETLINK_XFRM, XFRM_MSG_NEWSA, &kState, &kOfStates),
+    MESSAGE(NETLINK_XFRM, XFRM_MSG_UPDSA, &kState, &kOfStates),
+    MESSAGE(NETLINK_XFRM, XFRM_MSG_DELSA, &kStateId, &kOfStates),
+    MESSAGE(NETLINK_XFRM, XFRM_MSG_GETSA, nullptr, nullptr, &kGetFlags),
+    MESSAGE(NETLINK_XFRM, XFRM_MSG_NEWAE, &kEvent, &kOfStates),
+    MESSAGE(NETLINK_XFRM, XFRM_MSG_NEWPOLICY, &kPolicy, &kOfPolicies),
+    MESSAGE(NETLINK_XFRM, XFRM_MSG_DELPOLICY, &kPolicyId, &kOfPolicies),
+    MESSAGE(NETLINK_XFRM, XFRM_MSG_GETPOLICY, nullptr, nullptr, &kGetFlags),
+    MESSAGE(NETLINK_XFRM, XFRM_MSG_MIGRATE, &kPolicyId, &kOfMigrations),
 };
 
 } // namespace
