@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cstring>
 
 #include <arpa/inet.h>
 #include <net/if.h>
@@ -102,4 +103,24 @@ std::string devices()
     const std::size_t more = names.size() - std::min(names.size(), most);
     names.resize(names.size() - more);
     return joined(names) + (more != 0 ? " and " + std::to_string(more) + " more" : "");
+}
+
+xfrm_selector selectorOf(const std::string& source, const std::string& destination, unsigned char protocol)
+{
+    xfrm_selector sel = {};
+    sel.proto         = protocol;
+    const auto set    = [&sel](const std::string& text, xfrm_address_t& address, __u8& length) {
+        if (text.empty())
+            return;
+        const Prefix prefix = prefixOf(text);
+        sel.family          = prefix.address.ss_family;
+        length              = static_cast<__u8>(prefix.length);
+        if (sel.family == AF_INET)
+            address.a4 = reinterpret_cast<const sockaddr_in&>(prefix.address).sin_addr.s_addr;
+        else
+            std::memcpy(&address, &reinterpret_cast<const sockaddr_in6&>(prefix.address).sin6_addr, sizeof address);
+    };
+    set(source, sel.saddr, sel.prefixlen_s);
+    set(destination, sel.daddr, sel.prefixlen_d);
+    return sel;
 }

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include <linux/xfrm.h>
 #include <sys/socket.h>
 
 struct Prefix {
@@ -22,6 +23,9 @@ unsigned char familyOf(const std::string& text);
 
 // Two selectors of one policy, of which one may be empty. Returns what may not be meant.
 std::vector<std::string> checkSelectors(const std::string& source, const std::string& destination);
+
+// The same, as the kernel has them.
+xfrm_selector selectorOf(const std::string& source, const std::string& destination, unsigned char protocol);
 
 // 0 for no device. A device that is not there is what the library, too, would refuse.
 unsigned int indexOf(const std::string& device);

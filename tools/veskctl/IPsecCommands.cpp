@@ -2,7 +2,6 @@
 
 #include "Command.h"
 #include "Heard.h"
-#include "Kernel.h"
 #include "Looks.h"
 #include "Text.h"
 
@@ -169,7 +168,7 @@ std::string noPolicy(const std::vector<std::string>& otherwise)
 
 bool isThere(const Arguments& a, unsigned char direction)
 {
-    const auto found = otherwiseOf(a.source, a.destination, a.protocol, direction);
+    const auto found = otherwiseOf(selectorOf(a.source, a.destination, a.protocol), direction);
     return std::count(found.begin(), found.end(), "") != 0;
 }
 
@@ -208,11 +207,11 @@ Operation removePolicies(Arguments& a)
             answer.inPart(fwd ? "the in policy was removed, the fwd policy was not" + kSeePolicies
                               : "the in policy was removed; there was no fwd policy");
         } else if (a.inbound && !in && fwd && answer.error == ENOENT) { // which the library does not come to
-            answer.error = removePolicy(a.source, a.destination, a.protocol, XFRM_POLICY_FWD);
+            answer.error = removePolicy(selectorOf(a.source, a.destination, a.protocol), XFRM_POLICY_FWD);
             if (answer.error == 0)
                 answer.notAsAsked("the fwd policy was removed; there was no in policy");
         }
-        answer.advise(ENOENT, noPolicy(otherwiseOf(a.source, a.destination, a.protocol,
+        answer.advise(ENOENT, noPolicy(otherwiseOf(selectorOf(a.source, a.destination, a.protocol),
                                                    a.inbound ? XFRM_POLICY_IN : XFRM_POLICY_OUT)));
     };
     return {.call = call, .around = around};
@@ -226,7 +225,7 @@ Operation bypass(Arguments& a, decltype(Vesk::addXFRMPolicyEx)* operation)
     const auto around             = [direction, &a](Answer& answer, const auto& makeCall) {
         makeCall();
         answer.advise(EEXIST, "there is such a policy; remove it first: veskctl policy bypass remove " + a.direction);
-        answer.advise(ENOENT, noPolicy(otherwiseOf("", "fe80::/64", IPPROTO_ICMPV6, direction)));
+        answer.advise(ENOENT, noPolicy(otherwiseOf(selectorOf("", "fe80::/64", IPPROTO_ICMPV6), direction)));
     };
     return {.call = [direction, operation](Answer&) { return operation(direction); }, .around = around};
 }

@@ -1,7 +1,6 @@
 // Commands for families, addresses, routes, rules and queueing disciplines.
 
 #include "Command.h"
-#include "Kernel.h"
 #include "Looks.h"
 #include "Text.h"
 

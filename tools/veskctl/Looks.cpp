@@ -1,8 +1,6 @@
 #include "Looks.h"
 
-#include "Checks.h"
 #include "Kernel.h"
-#include "Text.h"
 
 #include <ScriptedKernel.h>
 #include <vesk/netlink.h>
@@ -47,6 +45,14 @@ std::uint64_t number(const Fields& fields, const char* name)
 const char* protocolOf(const Record& r)
 {
     return r.ipsec_protocol == kAH ? "ah" : "esp";
+}
+
+std::string commas(const std::vector<std::string>& words)
+{
+    std::string text;
+    for (const std::string& each : words)
+        text += (text.empty() ? "" : ", ") + each;
+    return text;
 }
 
 struct Ends {
@@ -95,29 +101,9 @@ std::string keptBy(const Fields& state, Bytes message, const Requests& wanted)
             else if (!isZero(key) && key != valueIn(asked, request, attribute, true))
                 kept.push_back(std::string(name) + " key");
         }
-        return joined(kept);
+        return commas(kept);
     }
     return "";
-}
-
-xfrm_selector selectorOf(const std::string& source, const std::string& destination, unsigned char protocol)
-{
-    xfrm_selector sel = {};
-    sel.proto         = protocol;
-    const auto set    = [&sel](const std::string& text, xfrm_address_t& address, __u8& length) {
-        if (text.empty())
-            return;
-        const Prefix prefix = prefixOf(text);
-        sel.family          = prefix.address.ss_family;
-        length              = static_cast<__u8>(prefix.length);
-        if (sel.family == AF_INET)
-            address.a4 = reinterpret_cast<const sockaddr_in&>(prefix.address).sin_addr.s_addr;
-        else
-            std::memcpy(&address, &reinterpret_cast<const sockaddr_in6&>(prefix.address).sin6_addr, sizeof address);
-    };
-    set(source, sel.saddr, sel.prefixlen_s);
-    set(destination, sel.daddr, sel.prefixlen_d);
-    return sel;
 }
 
 } // namespace
@@ -164,10 +150,8 @@ int statesBetween(const Record& r, bool tx)
     return count;
 }
 
-std::vector<std::string> otherwiseOf(const std::string& source, const std::string& destination, unsigned char protocol,
-                                     unsigned char direction)
+std::vector<std::string> otherwiseOf(const xfrm_selector& sel, unsigned char direction)
 {
-    const xfrm_selector sel = selectorOf(source, destination, protocol);
     std::vector<std::string> found;
     look(kPolicies, found, [&](const Fields& fields, Bytes message) {
         if (number(fields, "direction") != direction ||
@@ -180,16 +164,15 @@ std::vector<std::string> otherwiseOf(const std::string& source, const std::strin
             words.push_back("if_id " + word(fields, "if_id"));
         if (number(fields, "policy_type") != XFRM_POLICY_TYPE_MAIN)
             words.emplace_back("ptype sub");
-        found.push_back(joined(words));
+        found.push_back(commas(words));
     });
     return found;
 }
 
-int removePolicy(const std::string& source, const std::string& destination, unsigned char protocol,
-                 unsigned char direction)
+int removePolicy(const xfrm_selector& sel, unsigned char direction)
 {
     xfrm_userpolicy_id id = {};
-    id.sel                = selectorOf(source, destination, protocol);
+    id.sel                = sel;
     id.dir                = direction;
     Vesk::NetlinkMessage msg;
     msg.setNLMsgHeader(NETLINK_XFRM, XFRM_MSG_DELPOLICY, NLM_F_REQUEST | NLM_F_ACK);

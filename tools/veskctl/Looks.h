@@ -2,11 +2,14 @@
 #ifndef VESKCTL_LOOKS_H
 #define VESKCTL_LOOKS_H
 
-#include "RecordFile.h"
+#include "Record.h"
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
+
+#include <linux/xfrm.h>
 
 // Where the kernel cannot be read, looks find nothing.
 
@@ -31,12 +34,10 @@ Requests requestsOf(const std::function<int()>& operation);
 int statesBetween(const Record& r, bool tx);
 
 // Policies with a selector and direction. The requests of the library reach the one that is otherwise "".
-std::vector<std::string> otherwiseOf(const std::string& source, const std::string& destination, unsigned char protocol,
-                                     unsigned char direction);
+std::vector<std::string> otherwiseOf(const xfrm_selector& sel, unsigned char direction);
 
 // Removes one, as the library would. Returns 0, or an errno.
-int removePolicy(const std::string& source, const std::string& destination, unsigned char protocol,
-                 unsigned char direction);
+int removePolicy(const xfrm_selector& sel, unsigned char direction);
 
 // The IPv4 routes to a host over a device, as "via 192.0.2.254 metric 100".
 std::vector<std::string> routesTo(const std::string& destination, unsigned int table, unsigned int device);

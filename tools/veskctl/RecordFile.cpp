@@ -476,16 +476,6 @@ std::vector<std::string> differences(const Record& one, const Record& other)
     return names;
 }
 
-std::string addressText(const tro_ip_addr_type_v01& address)
-{
-    if (address.ip_type != 4)
-        return addressText(address.addr, sizeof address.addr);
-    std::uint32_t word = 0;
-    std::memcpy(&word, address.addr, sizeof word);
-    word = htonl(word);
-    return addressText(&word, sizeof word);
-}
-
 void explainRecord(Answer& answer)
 {
     const auto padded = [](std::string text, std::size_t width) {

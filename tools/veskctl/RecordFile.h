@@ -10,15 +10,10 @@
 #define VESKCTL_RECORD_FILE_H
 
 #include "Answer.h"
-
-#include <vesk/ipsec_sa_record.h>
+#include "Record.h"
 
 #include <string>
 #include <vector>
-
-using Record = tro_ipsec_static_sa_config_ex_info_ind_msg_v01;
-
-constexpr std::uint32_t kAH = 2, kESP = 3, kTunnel = 1; // the modem's codes
 
 // What a record is read for, which says what it must hold.
 enum Purpose : unsigned {
@@ -49,9 +44,6 @@ public:
 
 // The names of the fields that both records give, and differently; those of the migration's own aside.
 std::vector<std::string> differences(const Record& one, const Record& other);
-
-// "192.0.2.1"
-std::string addressText(const tro_ip_addr_type_v01& address);
 
 // Every name of a record, its words and codes, the lengths of keys.
 void explainRecord(Answer& answer);
