@@ -59,7 +59,7 @@ struct Command {
 };
 
 // Arguments of several commands
-inline const Argument kDevice = {"device", "DEVICE", "Interface", &Arguments::device};
+inline const Argument kDevice = {"device", "DEVICE", "Name of the interface", &Arguments::device};
 inline const Argument kPrefix = {"prefix", "PREFIX", "Address, with its prefix length after a slash",
                                  &Arguments::address};
 

@@ -369,7 +369,7 @@ std::vector<Command> ipsecCommands()
          .arguments = {kDirection},
          .prepare   = addBypass},
         {.path      = "policy bypass remove",
-         .what      = "No longer let it",
+         .what      = "Remove that policy again",
          .example   = "out",
          .arguments = {kDirection},
          .prepare   = removeBypass},

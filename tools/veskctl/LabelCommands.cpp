@@ -105,7 +105,7 @@ Operation generate(Arguments& a)
 
 const Argument kEntryDevice = {"--device", "DEVICE", "Name or number; of no interface when not given",
                                &Arguments::device};
-const Argument kLabel       = {"label", "NUMBER", "Label", &Arguments::label};
+const Argument kLabel       = {"label", "NUMBER", "Label, below 0xffffffff", &Arguments::label};
 
 } // namespace
 

@@ -177,15 +177,15 @@ Operation flowControl(Arguments& a)
     });
 }
 
-const Argument kDestination = {"destination", "ADDRESS", "Address", &Arguments::address};
-const Argument kOutput      = {"device", "DEVICE", "Output interface", &Arguments::device};
+const Argument kDestination = {"destination", "ADDRESS", "Address of the host", &Arguments::address};
+const Argument kOutput      = {"device", "DEVICE", "Interface that packets leave by", &Arguments::device};
 const Argument kLookUpMark  = {"--mark", "NUMBER", "Mark of the packets whose gateway is looked up", &Arguments::mark};
-const Argument kTable       = {"--table", "NUMBER", "Routing table; 254 when not given", &Arguments::table};
-const Argument kValid       = {"--valid", "SECONDS", "Valid lifetime; must be given", &Arguments::valid, true};
+const Argument kTable       = {"--table", "NUMBER", "Routing table; 254, main, when not given", &Arguments::table};
+const Argument kValid       = {"--valid", "SECONDS", "How long it stays valid; required", &Arguments::valid, true};
 const Argument kParent      = {"--parent", "HANDLE", "Where, such as 2:1; the root when not given", &Arguments::parent};
-const Argument kHandle      = {"--handle", "HANDLE", "Its handle, such as 1:", &Arguments::handle};
-const Argument kKind        = {"kind", "KIND", "Such as fq_codel", &Arguments::kind};
-const Argument kEnable      = {"--enable", "", "Switch flow control on", &Arguments::enable};
+const Argument kHandle = {"--handle", "HANDLE", "Its handle, such as 1:; chosen when not given", &Arguments::handle};
+const Argument kKind   = {"kind", "KIND", "Kind of discipline, such as fq_codel", &Arguments::kind};
+const Argument kEnable = {"--enable", "", "Switch flow control on; off when not given", &Arguments::enable};
 
 const std::vector<Advice> kNoRoute = {
     {ENETUNREACH, "no route leads there, or the gateway is not on this device's link"},
@@ -214,20 +214,20 @@ std::vector<Command> linkCommands()
         {.path       = "family",
          .what       = "Number of a generic netlink family",
          .example    = "nlctrl",
-         .arguments  = {{"name", "NAME", "Such as nlctrl", &Arguments::name}},
+         .arguments  = {{"name", "NAME", "Name of the family, such as nlctrl", &Arguments::name}},
          .prepare    = family,
          .advice     = {{ENOENT, "the kernel has no such family; its module may have to be loaded"}},
          .unanswered = "the number is in it"},
 
         address("add", "Add an address, for ever", addressChange<AddressAdd>, false),
         address("renew", "Replace an address, for ever", addressChange<AddressRenew>, false),
-        address("deprecate", "Replace an address, preferred no more", addressChange<AddressDeprecate>, true),
-        address("add-deprecated", "Add an address, preferred no more", addressChange<AddressAddDeprecated>, true),
+        address("deprecate", "Replace an address, as a deprecated one", addressChange<AddressDeprecate>, true),
+        address("add-deprecated", "Add an address, as a deprecated one", addressChange<AddressAddDeprecated>, true),
 
         {.path            = "gso",
          .what            = "Set the largest GSO size",
          .example         = "wlan0 16384",
-         .arguments       = {kDevice, {"size", "BYTES", "Up to 65535", &Arguments::size}},
+         .arguments       = {kDevice, {"size", "BYTES", "Largest size, up to 65535", &Arguments::size}},
          .prepare         = gso,
          .mainlineRefusal = ERANGE},
 

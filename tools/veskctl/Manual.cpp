@@ -131,8 +131,8 @@ std::string manual()
         "holds keys. So a regular file, standard input included, is refused when its mode lets its group or others\n"
         "read or write it; other files, such as pipes, have no such mode and are not looked at. Root is told when\n"
         "the file belongs to another user. While keys are held, the process leaves no core file.\n"
-        ".PP\nRefused are ends that are equal, unspecified (0.0.0.0, ::), loopback or multicast, and keys that are\n"
-        "all zeros. Words stand for codes:\n" +
+        ".PP\nRefused are keys that are all zeros and, except when SAs are removed, ends that are equal, unspecified\n"
+        "(0.0.0.0, ::), loopback, multicast or broadcast. Words stand for codes:\n" +
         verbatim(record.text) +
         ".SH LISTS AND JSON\n"
         "Lists name what is not as usual: what is left out is 0, none, any, or without limit. \"unknown\" are attributes\n"
