@@ -412,8 +412,9 @@ void check(const Record& r, Purpose purpose, const Lines& lines, Problems& probl
         if (!mistake.empty())
             problems.add(std::string(field.name) + ": " + mistake, lines.at(field.name));
         // The keys of the two directions are neighbours in the record.
-        if (before != nullptr && before->isKey() && field.isKey() && before->isIn(r) &&
-            std::ranges::equal(before->keyIn(r), field.keyIn(r)))
+        const auto rx = before != nullptr && before->isKey() ? before->keyIn(r) : std::span<const std::uint8_t>();
+        const auto tx = field.isKey() ? field.keyIn(r) : std::span<const std::uint8_t>();
+        if (!rx.empty() && std::equal(rx.begin(), rx.end(), tx.begin(), tx.end()))
             warnings.push_back(std::string(before->name) + ": the same as " + field.name +
                                "; each direction should have its own");
         before = &field;
