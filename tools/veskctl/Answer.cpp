@@ -32,17 +32,11 @@ std::string kernelsWords(const Answer& answer)
     return "";
 }
 
-std::string errnoName(int error)
-{
-    const char* const known = strerrorname_np(error); // the C library has none for those of the kernel's own
-    return known != nullptr ? known : std::to_string(error);
-}
-
 // "EEXIST, File exists; the kernel says: Exclusivity flag on, cannot modify"
 std::string reasonOf(const Answer& answer)
 {
     const std::string words = kernelsWords(answer);
-    return errnoName(answer.error) + ", " + std::strerror(answer.error) +
+    return errorName(answer.error) + ", " + std::strerror(answer.error) +
            (words.empty() ? "" : "; the kernel says: " + words);
 }
 
@@ -139,7 +133,7 @@ int print(const Answer& answer, bool json, int logLevel)
         all.update(answer.findings);
         if (answer.error != 0)
             all.update(Json{
-                {"errno", answer.error}, {"name", errnoName(answer.error)}, {"text", std::strerror(answer.error)}});
+                {"errno", answer.error}, {"name", errorName(answer.error)}, {"text", std::strerror(answer.error)}});
         if (const std::string words = kernelsWords(answer); !words.empty())
             all["kernel"] = words;
         if (!answer.note.empty() || answer.status != Done)

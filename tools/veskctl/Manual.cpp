@@ -4,7 +4,6 @@
 #include "Text.h"
 
 #include <algorithm>
-#include <cstring>
 
 namespace {
 
@@ -47,11 +46,10 @@ std::string section(const std::string& title, const std::vector<Argument>& argum
 
 std::string notesOf(const Command& command)
 {
-    const char* const name = command.mainlineRefusal != 0 ? strerrorname_np(command.mainlineRefusal) : "";
     return (command.notes.empty() ? "" : command.notes + '\n') +
-           (*name == '\0'
-                ? ""
-                : std::string("Mainline kernels refuse this always (") + name + ", if nothing else is wrong).\n");
+           (command.mainlineRefusal == 0 ? ""
+                                         : "Mainline kernels refuse this always (" +
+                                               errorName(command.mainlineRefusal) + ", if nothing else is wrong).\n");
 }
 
 std::string exampleOf(const Command& command)

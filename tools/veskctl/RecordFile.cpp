@@ -2,6 +2,8 @@
 
 #include "Text.h"
 
+#include <netlink/Wipe.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
@@ -236,7 +238,7 @@ std::string titleOf(const std::string& path)
 class Text {
 public:
     Text() : text(kLargestFile, '\0') {}
-    ~Text() { explicit_bzero(text.data(), text.size()); }
+    ~Text() { Vesk::wipe(text.data(), text.size()); }
     Text(const Text&)            = delete;
     Text& operator=(const Text&) = delete;
 
@@ -463,7 +465,7 @@ void FileRecord::forgetKeys()
 {
     for (const Field& field : kFields)
         if (field.isKey())
-            explicit_bzero(field.in(*this), field.size);
+            Vesk::wipe(field.in(*this), field.size);
 }
 
 std::vector<std::string> differences(const Record& one, const Record& other)

@@ -38,6 +38,9 @@ std::string visible(const std::string& text);
 // As a word of a shell's command line.
 std::string forShell(const std::string& text);
 
+// "ENOENT"; the number where the kernel's networking has no use for that errno.
+std::string errorName(int number);
+
 // Bold or faint when standard output is a terminal that is to have colours; else the text as it is.
 std::string bold(const std::string& text);
 std::string faint(const std::string& text);
