@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <set>
 
 #include <arpa/inet.h>
 #include <ifaddrs.h>
@@ -19,8 +20,6 @@ using namespace Vesk::Messages;
 
 namespace {
 
-constexpr std::size_t kMostTemplates = 6; // of a policy
-
 constexpr ListStyle kStateStyle  = {"sas", "{protocol} {mode} {source} > {destination} spi {spi}",
                                     "{packets} {bytes} {added?} {used?}", ""};
 constexpr ListStyle kPolicyStyle = {"policies", "{direction} {source} > {destination}",
@@ -28,6 +27,8 @@ constexpr ListStyle kPolicyStyle = {"policies", "{direction} {source} > {destina
                                     "{protocol} {mode} {source} > {destination}"};
 constexpr ListStyle kRuleStyle   = {"rules", "{family} {priority}", "{action} {table?} {target?} {device?}", ""};
 constexpr ListStyle kLabelStyle  = {"labels", "{prefix}", "{label} {device?} {device_index?}", ""};
+
+constexpr const char* kIncomplete = "this may be incomplete: changes interrupted the kernel each time it was asked";
 
 using Wanted = std::function<bool(const Fields&)>;
 
@@ -43,7 +44,7 @@ Operation list(const Dump& what, const ListStyle& style, const Wanted& isWanted)
                     listing.add(fields);
             });
         if (result == 0 && errno == EINTR)
-            answer.notAsAsked("this may be incomplete: changes interrupted the kernel each time it was asked");
+            answer.notAsAsked(kIncomplete);
         return result;
     }};
 }
@@ -58,45 +59,37 @@ bool isOf(const Record& r, const Fields& state)
             (is("spi", hexadecimal(r.spi_rx)) && is("source", remote) && is("destination", local)));
 }
 
-// Whether an end is this address, or a prefix that it is in.
-bool isAt(const Field& field, const std::string& end, const std::string& address)
+// Whether this is an end that is this address, or a prefix that it is in.
+bool takesIn(const Field& field, const std::string& address)
 {
-    if (field.kind != Kind::Address || field.listed != end)
+    if (field.kind != Kind::Address || (field.listed != "source" && field.listed != "destination"))
         return false;
     const auto bits = [](const std::string& text) {
         const bool isIPv4                   = text.find(':') == std::string::npos;
         std::array<unsigned char, 16> bytes = {};
         inet_pton(isIPv4 ? AF_INET : AF_INET6, text.c_str(), bytes.data());
         std::string all = isIPv4 ? "4" : "6";
-        for (int i = 0; i < (isIPv4 ? 32 : 128); ++i)
-            all += (bytes[static_cast<std::size_t>(i / 8)] >> (7 - i % 8) & 1) != 0 ? '1' : '0';
+        for (std::size_t i = 0; i < (isIPv4 ? 32 : 128); ++i)
+            all += (bytes[i / 8] >> (7 - i % 8) & 1) != 0 ? '1' : '0';
         return all;
     };
     const std::string own = bits(field.text);
     return bits(address).starts_with(
-        own.substr(0, field.prefix < 0 ? own.size() : 1 + static_cast<std::size_t>(field.prefix)));
-}
-
-bool isAtEither(const Fields& fields, const std::string& address)
-{
-    return std::any_of(fields.begin(), fields.end(), [&address](const Field& each) {
-        return isAt(each, "source", address) || isAt(each, "destination", address);
-    });
+        own.substr(0, field.prefix < 0 ? own.size() : 1 + static_cast<unsigned>(field.prefix)));
 }
 
 // Whether a template is between the ends of a record.
 bool isBetween(const Fields& policy, const Record& r)
 {
-    const auto has = [&policy](std::size_t item, const std::string& address) {
-        return std::any_of(policy.begin(), policy.end(), [&](const Field& each) {
-            return each.group == "templates" && each.item == item &&
-                   (isAt(each, "source", address) || isAt(each, "destination", address));
-        });
+    const auto itemsAt = [&policy](const std::string& address) {
+        std::set<std::size_t> items;
+        for (const Field& each : policy)
+            if (each.group == "templates" && takesIn(each, address))
+                items.insert(each.item);
+        return items;
     };
-    for (std::size_t item = 0; item < kMostTemplates; ++item)
-        if (has(item, addressText(r.local_addr)) && has(item, addressText(r.remote_addr)))
-            return true;
-    return false;
+    const auto local = itemsAt(addressText(r.local_addr)), remote = itemsAt(addressText(r.remote_addr));
+    return std::any_of(local.begin(), local.end(), [&remote](std::size_t item) { return remote.contains(item); });
 }
 
 bool isLocal(const std::string& address)
@@ -119,8 +112,9 @@ bool isLocal(const std::string& address)
 bool isChosen(const Fields& fields, const Arguments& a)
 {
     const auto hasSPI = [&a](const Field& each) { return each.listed == "spi" && each.number() == a.spi; };
+    const auto isAt   = [&a](const Field& each) { return takesIn(each, a.address); };
     return (a.spi == 0 || std::any_of(fields.begin(), fields.end(), hasSPI)) &&
-           (a.address.empty() || isAtEither(fields, a.address));
+           (a.address.empty() || std::any_of(fields.begin(), fields.end(), isAt));
 }
 
 void prepareChoice(Arguments& a)
@@ -173,32 +167,31 @@ Operation stateStatus(Arguments& a)
     return {[&a, requests](Answer& answer) {
         int result     = 0;
         const auto all = installedStates(a.record, requests, &result);
+        if (result == 0 && errno == EINTR)
+            answer.notAsAsked(kIncomplete);
         for (const bool tx : {true, false}) {
+            if (result != 0)
+                break;
             const auto is     = std::find_if(all.begin(), all.end(),
                                              [tx](const InstalledState& each) { return each.tx == tx && each.own; });
             std::string& text = answer.text +=
                 bold(tx ? "tx" : "rx") + " spi " + hexadecimal(tx ? a.record.spi_tx : a.record.spi_rx);
+            // The output mark is none of the record's.
+            const std::string kept    = is == all.end() ? ", all" : replaced(", " + is->kept, ", output mark", "");
+            const std::string differs = kept.size() > 2 ? kept.substr(2) : "";
+            if (!differs.empty())
+                answer.notAsAsked("what the record says is not what is installed");
             Json& finding = answer.findings[tx ? "tx" : "rx"] = {{"installed", is != all.end()}};
             if (is == all.end()) {
                 text += "  not installed\n";
-                answer.notAsAsked("what the record says is not what is installed");
                 continue;
             }
-            // The output mark is none of the record's.
-            const std::string kept = replaced(", " + is->kept, ", output mark", "");
-            const std::string keys = is->hidden                              ? "hidden"
-                                     : kept.find("key") != std::string::npos ? "others"
-                                                                             : "the record's";
-            finding.update({{"keys", keys},
-                            {"packets", is->packets},
-                            {"used", is->used},
-                            {"differs", kept.empty() ? kept : kept.substr(2)}});
-            text += "  installed  keys " + keys + "  packets " + std::to_string(is->packets) + "  used " + is->used;
-            if (kept.size() > 2) {
-                text += "  differs in " + kept.substr(2);
-                answer.notAsAsked("what the record says is not what is installed");
-            }
-            text += '\n';
+            const bool others =
+                differs.find("cipher") != std::string::npos || differs.find("hash") != std::string::npos;
+            const std::string keys = others ? "others" : is->hidden ? "hidden" : "the record's";
+            finding.update({{"keys", keys}, {"packets", is->packets}, {"used", is->used}, {"differs", differs}});
+            text += "  installed  keys " + keys + "  packets " + std::to_string(is->packets) + "  used " + is->used +
+                    (differs.empty() ? "" : "  differs in " + differs) + '\n';
         }
         return result;
     }};
