@@ -42,11 +42,12 @@ std::uint64_t numberIn(Bytes bytes, bool networkOrder)
 // "2026-11-22T10:54:44+01:00"
 std::string timeText(std::uint64_t seconds)
 {
-    const auto time = static_cast<std::time_t>(seconds);
-    std::tm local   = {};
-    char text[32]   = {};
-    const auto size = std::strftime(text, sizeof text, "%FT%T%z", localtime_r(&time, &local));
-    return size < 3 ? std::to_string(seconds) : std::string(text).insert(size - 2, ":");
+    const auto time       = static_cast<std::time_t>(seconds);
+    std::tm local         = {};
+    char text[32]         = {};
+    const bool isTime     = localtime_r(&time, &local) != nullptr; // not in a year beyond the type's
+    const std::size_t end = isTime ? std::strftime(text, sizeof text, "%FT%T%z", &local) : 0;
+    return end < 3 ? std::to_string(seconds) : std::string(text).insert(end - 2, ":");
 }
 
 // "1:", "1:2", as tc(8) has it
