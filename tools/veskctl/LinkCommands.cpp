@@ -49,13 +49,14 @@ std::string withoutGateway(const Arguments& a)
     return "";
 }
 
-// What is said of a route that was not even asked for, since its gateway is none.
+// What is said of a route that was not even asked for, since its gateway is none; or whose gateway is elsewhere.
 void judgeGateway(const Arguments& a, Answer& answer, const char* nothing)
 {
     if (answer.result == 0 || !nextHop(a.address, a.family, a.mark)) // the advice tells of those without a route
         return;
     if (const std::string why = withoutGateway(a); !why.empty())
         answer.notAsAsked(nothing + why);
+    answer.advise(ENETUNREACH, "the gateway is not on the link of " + a.device);
 }
 
 Operation routeGet(Arguments& a)
@@ -188,7 +189,7 @@ const Argument kKind   = {"kind", "KIND", "Kind of discipline, such as fq_codel"
 const Argument kEnable = {"--enable", "", "Switch flow control on; off when not given", &Arguments::enable};
 
 const std::vector<Advice> kNoRoute = {
-    {ENETUNREACH, "no route leads there, or the gateway is not on this device's link"},
+    {ENETUNREACH, "no route leads there"},
     {EHOSTUNREACH, "no route leads there"},
     {EEXIST, "there is a route to this host of the same metric; ip route show table all lists it"},
 };

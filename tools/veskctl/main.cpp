@@ -18,8 +18,8 @@ void advise(Answer& answer, const Command& command)
     for (const Advice& each : command.advice)
         answer.advise(each.error, each.text);
     if (command.mainlineRefusal != 0 && answer.status == Refused)
-        answer.note += answer.note.empty() ? "mainline kernels refuse this always"
-                                           : "; mainline kernels refuse this always, in any case";
+        answer.note +=
+            answer.note.empty() ? "mainline kernels refuse this always" : "; mainline kernels refuse this in any case";
     if (answer.status == Refused && answer.error == EPERM && !mayChangeNetworks())
         answer.note = "this process has no CAP_NET_ADMIN; run it as root";
     answer.advise(EPROTONOSUPPORT,
