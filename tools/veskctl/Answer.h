@@ -15,9 +15,10 @@ using Json = nlohmann::ordered_json;
 // The exit status.
 enum Status {
     Done       = 0,
-    Refused    = 1, // by the library or the kernel
+    Refused    = 1, // by the library or the kernel; or it failed
     WrongUsage = 2, // nothing was sent
-    NotAsAsked = 3, // the library said 0, but nothing happened, or not all that was asked
+    NotAsAsked = 3, // nothing happened, or a part of what was asked, or something else
+    Lost       = 4, // done, but the answer could not be written
 };
 
 // What cannot be meant, and what to write instead; thrown before anything is sent. Of a record it may be several lines.
@@ -26,39 +27,52 @@ struct Refusal : std::runtime_error {
     Status status;
 };
 
-// The library's calls return 0 or -1. What the kernel said is in their log, which linking the scripted kernel keeps.
+// The library's calls return 0, or -1 with errno set. Its log is kept by the scripted kernel that is linked.
 struct Answer {
     int result    = 0; // the library's
     Status status = Done;
     Json findings = Json::object();
     std::string text; // the findings in words, where they are no lines of "name value"
     std::string note; // why nothing happened, or what to do next
-    int error = 0;    // the kernel's errno
+    int error = 0;    // the reason of a failure, an errno
+    std::vector<std::string> warnings;
     std::vector<Vesk::Testing::LogLine> log;
 
-    // The library said 0, and yet.
+    // Nobody refused it, and yet.
     void notAsAsked(const std::string& why)
     {
         status = NotAsAsked;
         note   = why;
+        error  = 0;
     }
-    // Whether a line was logged whose format has this piece.
-    [[nodiscard]] bool logged(const char* piece) const;
+    // The reason, if there is one, is that of the part that was not done.
+    void inPart(const std::string& which)
+    {
+        status = NotAsAsked;
+        note   = "done in part: " + which;
+    }
+    // What to do next, unless it is known already.
+    void advise(int about, const std::string& what)
+    {
+        if (status == Refused && error == about && note.empty())
+            note = what;
+    }
+    // Whether a line of this format was logged.
+    [[nodiscard]] bool heard(const char* format) const;
 };
 
 // An operation, its arguments checked.
 struct Operation {
-    std::function<int(Answer&)> call;        // the library's function; findings count when it returns 0
-    std::function<void()> look         = {}; // at the kernel, before the call
-    std::function<void(Answer&)> judge = {}; // what came of it, success or not
+    std::function<int(Answer&)> call; // the library's function; findings count when it returns 0
+
+    // Makes the call, looks at the kernel before and after, and judges what came of it. Just the call, when empty.
+    std::function<void(Answer&, const std::function<void()>& makeCall)> around = {};
 };
 
 Answer perform(const Operation& operation);
 
-// Adds to a list of the findings: to the JSON all fields, to the text a headline that has the first of them, then the
-// rest.
-void addEntry(Answer& answer, const char* list, const std::string& headline, const Json& fields,
-              std::size_t inHeadline);
+// Writes all of a text to standard output. Returns `status`, or Lost when what is done is not what can be read.
+int put(const std::string& text, int status = Done);
 
 // Prints the answer and returns the exit status. Log lines from a level on go to standard error.
 int print(const Answer& answer, bool json, int logLevel);

@@ -3,7 +3,9 @@
 #include "Answer.h"
 #include "Text.h"
 
+#include <algorithm>
 #include <charconv>
+#include <cstring>
 
 #include <arpa/inet.h>
 #include <net/if.h>
@@ -36,6 +38,22 @@ Prefix prefixOf(const std::string& text)
     return prefix;
 }
 
+namespace {
+
+bool hasHostBits(const Prefix& prefix)
+{
+    const bool v4 = prefix.address.ss_family == AF_INET;
+    const auto* const bytes =
+        v4 ? reinterpret_cast<const unsigned char*>(&reinterpret_cast<const sockaddr_in&>(prefix.address).sin_addr)
+           : reinterpret_cast<const sockaddr_in6&>(prefix.address).sin6_addr.s6_addr;
+    for (unsigned int bit = prefix.length; bit < (v4 ? 32U : 128U); ++bit)
+        if ((bytes[bit / 8] & 0x80U >> bit % 8) != 0)
+            return true;
+    return false;
+}
+
+} // namespace
+
 unsigned char familyOf(const std::string& text)
 {
     if (text.find('/') != std::string::npos)
@@ -43,31 +61,66 @@ unsigned char familyOf(const std::string& text)
     return static_cast<unsigned char>(prefixOf(text).address.ss_family);
 }
 
-void checkSelectors(const std::string& source, const std::string& destination)
+std::vector<std::string> checkSelectors(const std::string& source, const std::string& destination)
 {
     if (source.empty() && destination.empty())
         throw Refusal("two empty selectors; write a prefix for at least one");
-    if (source.empty() || destination.empty())
-        static_cast<void>(prefixOf(source + destination));
-    else if (prefixOf(source).address.ss_family != prefixOf(destination).address.ss_family)
+    if (!source.empty() && !destination.empty() &&
+        prefixOf(source).address.ss_family != prefixOf(destination).address.ss_family)
         throw Refusal(source + " and " + destination +
                       " are of different families; write two IPv4 or two IPv6 prefixes");
+    std::vector<std::string> warnings;
+    for (const std::string& each : {source, destination})
+        if (!each.empty() && hasHostBits(prefixOf(each)))
+            warnings.push_back(each + ": bits are set behind the prefix; the policy keeps them, and is found with them "
+                                      "alone");
+    return warnings;
 }
 
 unsigned int indexOf(const std::string& device)
 {
     const unsigned int index = device.empty() ? 0 : if_nametoindex(device.c_str());
     if (index == 0 && !device.empty())
-        throw Refusal("no such device: " + device + "; one of " + joined(devices()), Refused);
+        throw Refusal("no such device: " + device + "; one of " + devices(), Refused);
     return index;
 }
 
-std::vector<std::string> devices()
+unsigned int indexOrNumberOf(const std::string& device)
 {
+    const auto number = numberOf(device);
+    const bool gone   = number && *number > 0 && *number <= INT32_MAX && if_nametoindex(device.c_str()) == 0;
+    return gone ? static_cast<unsigned int>(*number) : indexOf(device);
+}
+
+std::string devices()
+{
+    constexpr std::size_t most = 10;
     std::vector<std::string> names;
     struct if_nameindex* const all = if_nameindex();
     for (struct if_nameindex* each = all; each != nullptr && each->if_index != 0; ++each)
         names.emplace_back(each->if_name);
     if_freenameindex(all);
-    return names;
+    const std::size_t more = names.size() - std::min(names.size(), most);
+    names.resize(names.size() - more);
+    return joined(names) + (more != 0 ? " and " + std::to_string(more) + " more" : "");
+}
+
+xfrm_selector selectorOf(const std::string& source, const std::string& destination, unsigned char protocol)
+{
+    xfrm_selector sel = {};
+    sel.proto         = protocol;
+    const auto set    = [&sel](const std::string& text, xfrm_address_t& address, __u8& length) {
+        if (text.empty())
+            return;
+        const Prefix prefix = prefixOf(text);
+        sel.family          = prefix.address.ss_family;
+        length              = static_cast<__u8>(prefix.length);
+        if (sel.family == AF_INET)
+            address.a4 = reinterpret_cast<const sockaddr_in&>(prefix.address).sin_addr.s_addr;
+        else
+            std::memcpy(&address, &reinterpret_cast<const sockaddr_in6&>(prefix.address).sin6_addr, sizeof address);
+    };
+    set(source, sel.saddr, sel.prefixlen_s);
+    set(destination, sel.daddr, sel.prefixlen_d);
+    return sel;
 }

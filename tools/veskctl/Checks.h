@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include <linux/xfrm.h>
 #include <sys/socket.h>
 
 struct Prefix {
@@ -20,12 +21,19 @@ Prefix prefixOf(const std::string& text);
 // An address without a prefix; AF_INET or AF_INET6.
 unsigned char familyOf(const std::string& text);
 
-// Two selectors of one policy, of which one may be empty.
-void checkSelectors(const std::string& source, const std::string& destination);
+// Two selectors of one policy, of which one may be empty. Returns what may not be meant.
+std::vector<std::string> checkSelectors(const std::string& source, const std::string& destination);
+
+// The same, as the kernel has them.
+xfrm_selector selectorOf(const std::string& source, const std::string& destination, unsigned char protocol);
 
 // 0 for no device. A device that is not there is what the library, too, would refuse.
 unsigned int indexOf(const std::string& device);
 
-std::vector<std::string> devices();
+// The same, or the number of one that may be gone.
+unsigned int indexOrNumberOf(const std::string& device);
+
+// The names of up to ten devices, for messages.
+std::string devices();
 
 #endif

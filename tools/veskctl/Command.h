@@ -4,7 +4,6 @@
 
 #include "Answer.h"
 #include "Checks.h"
-#include "Kernel.h"
 #include "RecordFile.h"
 
 #include <string>
@@ -13,8 +12,11 @@
 
 // Arguments of any of the commands, and what is made of them. One is run a process, so they share them.
 struct Arguments {
+    bool help = false, version = false, json = false, dry = false, showKeys = false;
+    unsigned char logLevel = 0; // not given
+
     std::string name, device, address, kind, file, otherFile, source, destination, direction;
-    unsigned int mark = 0, mask = 0xffffffff, table = 254, parent = 0, handle = 0, label = 0, valid = 0;
+    unsigned int mark = 0, mask = 0xffffffff, table = 254, parent = 0, handle = 0, label = 0, valid = 0, spi = 0;
     unsigned short size    = 0;
     unsigned char protocol = 0;
     int technology         = 0;
@@ -24,9 +26,7 @@ struct Arguments {
     unsigned char family = 0;
     unsigned int index   = 0;
     FileRecord record, otherRecord;
-    int routesBefore = 0;
-    std::vector<Label> labelsBefore;
-    InstalledStates statesBefore;
+    std::vector<std::string> warnings;
 };
 
 // A name alone is a positional argument, one with dashes an option, or a flag when its field is a bool.
@@ -54,17 +54,21 @@ struct Command {
     Operation (*prepare)(Arguments&); // checks arguments, and throws a Refusal when they cannot be meant
     std::string notes          = {};  // more for the help
     std::vector<Advice> advice = {};
-    int mainlineRefusal        = 0;  // the errno with which mainline kernels always refuse it
+    int mainlineRefusal        = 0;  // the errno with which mainline kernels refuse it, if not with another before
     std::string unanswered     = {}; // what a dry run lacks of the kernel's answer
 };
 
 // Arguments of several commands
-inline const Argument kDevice = {"device", "DEVICE", "Interface", &Arguments::device};
+inline const Argument kDevice = {"device", "DEVICE", "Name of the interface", &Arguments::device};
 inline const Argument kPrefix = {"prefix", "PREFIX", "Address, with its prefix length after a slash",
                                  &Arguments::address};
 
 std::vector<Command> linkCommands();
 std::vector<Command> labelCommands();
 std::vector<Command> ipsecCommands();
+std::vector<Command> listCommands();
+
+// What the lists may show, for the manual page.
+std::string explainedLists();
 
 #endif

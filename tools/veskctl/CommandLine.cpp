@@ -1,20 +1,16 @@
 #include "CommandLine.h"
 
-#include "DryRun.h"
-#include "Manual.h"
 #include "Text.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
+#include <cstdlib>
 #include <limits>
 #include <map>
 #include <set>
 
 namespace {
 
-constexpr std::ptrdiff_t kScreen = 23; // lines, and one for the prompt
-constexpr int kNoLog             = 5;
+const std::string kProgram = "veskctl";
 
 // What the names of groups stand for.
 const std::map<std::string, const char*> kGroups = {
@@ -31,210 +27,239 @@ const std::map<std::string, const char*> kGroups = {
     {"record", "Files with records"},
 };
 
-// Narrow, and where it would not fit a screen, without empty lines.
-class Help : public CLI::Formatter {
-public:
-    Help()
-    {
-        column_width(26);
-        label("Positionals", "Arguments");
-        label("SUBCOMMAND", "COMMAND");
-    }
-    std::string make_help(const CLI::App* app, std::string name, CLI::AppFormatMode mode) const override
-    {
-        std::string text = Formatter::make_help(app, std::move(name), mode);
-        const auto thin  = [&text](const std::string& much, const std::string& little) {
-            for (std::size_t at = 0; (at = text.find(much, at)) != std::string::npos;)
-                text.replace(at, much.size(), little);
-        };
-        thin("\n\n\n", "\n\n");
-        if (std::count(text.begin(), text.end(), '\n') > kScreen)
-            thin("\n\n", "\n");
-        return text;
-    }
+// What may be written instead of a number, by the type of the argument.
+struct Kind {
+    std::string advice;
+    std::map<std::string, std::int64_t> words;
+};
+const std::map<std::string, Kind> kKinds = {
+    {"HANDLE", {"a handle as tc shows it, such as 1: or 1:1, or ", {{"root", 0}}}},
+    {"PROTOCOL",
+     {"a name such as tcp, or ",
+      {{"icmp", 1}, {"tcp", 6}, {"udp", 17}, {"gre", 47}, {"esp", 50}, {"ah", 51}, {"icmpv6", 58}, {"sctp", 132}}}},
+    {"TECHNOLOGY", {"marked-rx, or ", {{"marked-rx", TRO_TECHNOLOGY_NAME_MARKED_RX_V01}}}},
 };
 
-const CLI::App* deepest(const CLI::App& app)
+// "1:" and "1:1": two hexadecimal halves, the second of which may be missing.
+std::optional<std::int64_t> handleOf(const std::string& text)
 {
-    const CLI::App* at = &app;
-    while (!at->get_subcommands().empty())
-        at = at->get_subcommands().back();
-    return at;
+    const std::size_t colon = text.find(':');
+    if (colon == std::string::npos)
+        return std::nullopt;
+    const auto half = [](const std::string& figures) { // std::nullopt also where it has a 0x of its own
+        return figures.size() > 4 ? std::nullopt : numberOf("0x" + figures);
+    };
+    const auto major = half(text.substr(0, colon)),
+               minor = half(colon + 1 < text.size() ? text.substr(colon + 1) : "0");
+    return major && minor ? std::optional(*major << 16 | *minor) : std::nullopt;
 }
 
-std::string commandName(const CLI::App* app)
-{
-    return app->get_name();
-}
-
-// What to write instead of a text that is no such number, or nothing.
 template <typename Number>
-std::string noNumber(const std::string& text)
+Number numberFor(const Argument& argument, const std::string& name, const std::string& text)
 {
     constexpr std::int64_t lowest = std::numeric_limits<Number>::min(), highest = std::numeric_limits<Number>::max();
-    const auto number = numberOf(text);
-    return number && *number >= lowest && *number <= highest
-               ? ""
-               : "write a number from " + std::to_string(lowest) + " to " + std::to_string(highest) +
-                     ", decimal or with 0x";
+    const auto kind = kKinds.find(argument.type);
+    auto number = argument.type == "HANDLE" && text.find(':') != std::string::npos ? handleOf(text) : numberOf(text);
+    if (kind != kKinds.end() && kind->second.words.contains(text))
+        number = kind->second.words.at(text);
+    if (!number || *number < lowest || *number > highest)
+        throw Refusal(name + ": write " + (kind != kKinds.end() ? kind->second.advice : "") + "a number from " +
+                      std::to_string(lowest) + " to " + std::to_string(highest) + ", decimal or with 0x");
+    return static_cast<Number>(*number);
 }
 
-std::string noDevice(const std::string& text)
+void set(Arguments& arguments, const Argument& argument, const std::string& name, const std::string& text)
 {
-    return text.empty() ? "write one of " + joined(devices()) : "";
+    const std::string& type = argument.type;
+    if (type.starts_with('{') &&
+        (',' + type.substr(1, type.size() - 2) + ',').find(',' + text + ',') == std::string::npos)
+        throw Refusal(name + ": write one of " + replaced(type.substr(1, type.size() - 2), ",", ", "));
+    if (type == "DEVICE" && text.empty())
+        throw Refusal(name + ": write one of " + devices());
+    const auto setField = [&](auto field) {
+        auto& value = arguments.*field;
+        using Value = std::remove_reference_t<decltype(value)>;
+        if constexpr (std::is_same_v<Value, bool>)
+            value = true;
+        else if constexpr (std::is_same_v<Value, std::string>)
+            value = text;
+        else
+            value = numberFor<Value>(argument, name, text);
+    };
+    std::visit(setField, argument.field);
+}
+
+const Argument* named(const std::vector<Argument>& arguments, const std::string& name)
+{
+    const auto found = std::find_if(arguments.begin(), arguments.end(), [&](const Argument& each) {
+        return each.name == name || (name == "-h" && each.name == "--help");
+    });
+    return found != arguments.end() ? &*found : nullptr;
+}
+
+const Command* commandAt(const std::string& path)
+{
+    const auto& all  = allCommands();
+    const auto found = std::find_if(all.begin(), all.end(), [&](const Command& each) { return each.path == path; });
+    return found != all.end() ? &*found : nullptr;
+}
+
+std::string behind(const std::string& path, const std::string& word)
+{
+    return path + (path.empty() || word.empty() ? "" : " ") + word;
+}
+
+std::string choices(const std::string& path)
+{
+    return "one of " + joined(nextWords(path), ", ", [](const auto& each) { return each.first; });
+}
+
+std::string helpFor(const std::string& path)
+{
+    return behind(kProgram, path) + " --help shows what it takes";
 }
 
 } // namespace
 
-CommandLine::CommandLine()
-    : root("Changes the kernel's networking state over netlink, one operation a call.", "veskctl")
+const std::vector<Argument>& commonOptions()
 {
-    root.formatter(std::make_shared<Help>());
-    root.require_subcommand(1);
-    root.fallthrough(); // the options of all commands may stand anywhere
-    root.get_help_ptr()->description("This help");
-    root.set_version_flag("--version", "veskctl " VESK_VERSION, "The version");
-    root.add_flag("--json", json, "Answer in JSON");
-    chosenLevel = root.add_option("--log", logLevel, "Log lines from 1 (all) to 4 (failures) on, or 5: none")
-                      ->envname("VESK_LOG_LEVEL")
-                      ->check(CLI::Range(1, kNoLog))
-                      ->option_text("LEVEL");
-    root.add_flag("--dry-run", dry, "Show the requests by name, and send none");
-    root.add_flag("--show-keys", showKeys, "With the keys");
-    root.footer("Status: 0 done, 1 refused, 2 wrong usage, 3 done, but not (all) that was asked.");
-    for (auto table : {linkCommands, labelCommands, ipsecCommands})
-        for (Command& each : table())
-            commands.push_back(std::move(each));
-    for (const Command& each : commands)
-        add(each);
-}
-
-// The group that a command is in, made where it is not there yet.
-CLI::App* CommandLine::parentOf(const std::string& path)
-{
-    const std::size_t last = path.rfind(' ');
-    if (last == std::string::npos)
-        return &root;
-    const std::string group = path.substr(0, last);
-    CLI::App* const parent  = parentOf(group);
-    const std::string name  = group.substr(group.rfind(' ') + 1);
-    const auto existing = parent->get_subcommands([&name](const CLI::App* each) { return each->get_name() == name; });
-    return existing.empty() ? parent->add_subcommand(name, kGroups.at(group))->group("Commands")->require_subcommand(1)
-                            : existing[0];
-}
-
-void CommandLine::add(const Command& command)
-{
-    CLI::App* const app = parentOf(command.path)
-                              ->add_subcommand(command.path.substr(command.path.rfind(' ') + 1), command.what)
-                              ->group("Commands");
-    for (const Argument& each : command.arguments)
-        add(*app, each);
-    std::string footer = command.notes.empty() ? "" : command.notes + "\n";
-    if (command.mainlineRefusal != 0)
-        footer += "Mainline kernels always refuse this (" + errorName(command.mainlineRefusal) + ").\n";
-    app->footer(footer + "Example:\n  veskctl " + command.path +
-                (command.example.empty() ? "" : ' ' + command.example));
-    app->callback([this, &command] { chosen = &command; });
-}
-
-void CommandLine::add(CLI::App& app, const Argument& argument)
-{
-    const auto added = [&](auto field) {
-        auto& value = arguments.*field;
-        using Value = std::remove_reference_t<decltype(value)>;
-        if constexpr (std::is_same_v<Value, bool>)
-            return app.add_flag(argument.name, value, argument.what);
-        else if constexpr (std::is_integral_v<Value>)
-            return app.add_option(argument.name, value, argument.what)
-                ->option_text(argument.type)
-                ->type_name(argument.type) // in messages
-                ->check(noNumber<Value>);
-        else
-            return app.add_option(argument.name, value, argument.what)->option_text(argument.type);
+    static const std::vector<Argument> all = {
+        {"--help", "", "Show this help; behind a command, the command's", &Arguments::help},
+        {"--version", "", "Show the version", &Arguments::version},
+        {"--json", "", "Answer in JSON, on one line", &Arguments::json},
+        {"--log", "{1,2,3,4,5}", "Log from 1, all, to 4, failures; 5 is none", &Arguments::logLevel},
+        {"--dry-run", "", "Show the requests by name, and send none", &Arguments::dry},
+        {"--show-keys", "", "Show keys, which a dry run hides otherwise", &Arguments::showKeys},
     };
-    CLI::Option* const option = std::visit(added, argument.field);
-    option->required(argument.required);
-    if (argument.type == "DEVICE")
-        option->check(noDevice);
-    if (argument.type.starts_with('{'))
-        option->check(CLI::IsMember(CLI::detail::split(argument.type.substr(1, argument.type.size() - 2), ',')));
+    return all;
 }
 
-// A parse error in words that name what there is.
-std::string CommandLine::mistake(const CLI::ParseError& error) const
+const std::vector<Command>& allCommands()
 {
-    const CLI::App* const app = deepest(root);
-    const auto known          = app->get_subcommands(std::function<bool(const CLI::App*)>());
-    const auto left           = root.remaining(true);
-    std::string path          = "veskctl";
-    for (const CLI::App* at = &root; at != app; path += ' ' + at->get_name())
-        at = at->get_subcommands().back();
-
-    if (left.empty() && !known.empty())
-        return path + " which? One of " + joined(known, ", ", commandName);
-    if (left.empty())
-        return std::string(error.what()) + "; " + path + " --help says more";
-    if (!left[0].starts_with('-'))
-        return known.empty() ? "one word too many: " + left[0] + "; " + path + " --help shows what it takes"
-                             : "unknown command: " + left[0] + "; one of " + joined(known, ", ", commandName);
-    std::set<std::string> options;
-    for (const CLI::App* at : {app, &root})
-        for (const CLI::Option* each : at->get_options([](const CLI::Option* o) { return o->nonpositional(); }))
-            options.insert("--" + each->get_lnames()[0]);
-    if (options.contains(left[0].substr(0, left[0].find('='))))
-        return left[0] + ": in the wrong place; write it behind " + path;
-    return "unknown option: " + left[0] + "; one of " + joined(options);
+    static const std::vector<Command> all = [] {
+        std::vector<Command> commands;
+        for (const auto table : {linkCommands, labelCommands, ipsecCommands, listCommands})
+            for (Command& each : table()) { // behind the last one of its group
+                const std::string group = each.path.substr(0, each.path.find(' ') + 1);
+                const auto last         = std::find_if(commands.rbegin(), commands.rend(), [&](const Command& other) {
+                    return !group.empty() && other.path.starts_with(group);
+                });
+                commands.insert(last != commands.rend() ? last.base() : commands.end(), std::move(each));
+            }
+        return commands;
+    }();
+    return all;
 }
 
-int CommandLine::run(int argc, char** argv)
+std::vector<std::pair<std::string, std::string>> nextWords(const std::string& path)
 {
-    if (argc == 2 && std::strcmp(argv[1], "--manual") == 0) // for the build, which makes the manual page of it
-        return printManual(root);
-    json = std::any_of(argv, argv + argc, [](const char* word) { return std::strcmp(word, "--json") == 0; });
-    try {
-        root.parse(argc, argv);
-    } catch (const CLI::Success& wanted) { // the help or the version
-        return root.exit(wanted);
-    } catch (const CLI::ParseError& error) {
-        return print(Refusal(mistake(error)), json);
+    std::vector<std::pair<std::string, std::string>> words;
+    const std::string begin = path.empty() ? "" : path + ' ';
+    for (const Command& each : allCommands()) {
+        if (!each.path.starts_with(begin))
+            continue;
+        const std::string next = each.path.substr(0, each.path.find(' ', begin.size()));
+        const std::string word = next.substr(begin.size());
+        if (words.empty() || words.back().first != word)
+            words.emplace_back(word, next == each.path ? each.what : kGroups.at(next));
     }
-    try {
-        const Answer what = answer();
-        return print(what, json, logFrom(what));
-    } catch (const Refusal& refusal) {
-        return print(refusal, json);
-    }
+    return words;
 }
 
-Answer CommandLine::answer()
+std::string CommandLine::path() const
 {
-    if (showKeys && !dry)
-        throw Refusal("--show-keys goes with --dry-run; keys are hidden everywhere else");
-    const Operation operation = chosen->prepare(arguments);
-    if (!showKeys && dry) { // what is not shown need not be copied into requests either
-        arguments.record.forgetKeys();
-        arguments.otherRecord.forgetKeys();
-    }
-    if (dry)
-        return dryRun(operation, chosen->unanswered, showKeys);
-    Answer answer = perform(operation);
-    if (answer.status != Refused || answer.error == 0 || !answer.note.empty())
-        return answer;
-    for (const Advice& each : chosen->advice)
-        if (each.error == answer.error)
-            answer.note = each.text;
-    if (answer.error == chosen->mainlineRefusal)
-        answer.note = "mainline kernels always refuse this";
-    if (answer.error == EPERM)
-        answer.note = "this process has no CAP_NET_ADMIN; run it as root";
-    if (answer.note.empty() && answer.error == EPROTONOSUPPORT)
-        answer.note = "this kernel lacks the protocol; for IPsec, its module xfrm_user may have to be loaded";
-    return answer;
+    std::string path;
+    for (const std::string& word : given)
+        for (const auto& [next, what] : nextWords(path))
+            if (next == word) {
+                path = behind(path, word);
+                break;
+            }
+    return path;
 }
 
-// Unless it is said, JSON has the failures already, and those of a dry run mean nothing where requests are shown.
-int CommandLine::logFrom(const Answer& answer) const
+bool CommandLine::has(const std::string& option) const
 {
-    return chosenLevel->count() == 0 && (json || (dry && answer.status == Done)) ? kNoLog : logLevel;
+    const auto end = std::find(given.begin(), given.end(), "--");
+    return std::any_of(given.begin(), end,
+                       [&](const std::string& word) { return word == option || (option == "--help" && word == "-h"); });
+}
+
+const Command& CommandLine::parse(Arguments& arguments) const
+{
+    const Command* command = nullptr;
+    std::string path;
+    std::size_t place = 0; // among the positional arguments
+    std::set<std::string> seen;
+    bool optionsEnded = false;
+
+    const auto takeOption = [&](std::size_t& i) {
+        const std::size_t sign = given[i].find('=');
+        const std::string name = given[i].substr(0, sign);
+        const Argument* option = named(commonOptions(), name);
+        if (option == nullptr && command != nullptr)
+            option = named(command->arguments, name);
+        if (option == nullptr) {
+            const Command* const meant = commandAt(this->path());
+            if (command == nullptr && meant != nullptr && named(meant->arguments, name) != nullptr)
+                throw Refusal(name + ": in the wrong place; write it behind " + behind(kProgram, meant->path));
+            std::set<std::string> known;
+            for (const auto* list : {&commonOptions(), command != nullptr ? &command->arguments : &commonOptions()})
+                for (const Argument& each : *list)
+                    if (each.name.starts_with('-'))
+                        known.insert(each.name);
+            throw Refusal("unknown option: " + name + "; one of " + joined(known));
+        }
+        if (std::holds_alternative<bool Arguments::*>(option->field)) {
+            if (sign != std::string::npos)
+                throw Refusal(name + ": takes no value");
+            return set(arguments, *option, name, "");
+        }
+        if (!seen.insert(name).second)
+            throw Refusal(name + ": given twice; write it once");
+        if (sign == std::string::npos && i + 1 == given.size())
+            throw Refusal(name + ": write its value behind it; " + helpFor(path));
+        set(arguments, *option, name, sign != std::string::npos ? given[i].substr(sign + 1) : given[++i]);
+    };
+    const auto takePositional = [&](const std::string& word) {
+        for (std::size_t i = 0; i < command->arguments.size(); ++i)
+            if (!command->arguments[i].name.starts_with('-') && i >= place) {
+                place = i + 1;
+                return set(arguments, command->arguments[i], command->arguments[i].name, word);
+            }
+        throw Refusal("one word too many: " + word + "; " + helpFor(path));
+    };
+
+    for (std::size_t i = 0; i < given.size(); ++i) {
+        const std::string& word = given[i];
+        if (!optionsEnded && word == "--") {
+            optionsEnded = true;
+        } else if (!optionsEnded && word.size() > 1 && word[0] == '-') {
+            takeOption(i);
+        } else if (command != nullptr) {
+            takePositional(word);
+        } else {
+            path    = behind(path, word);
+            command = commandAt(path);
+            if (nextWords(path).empty() && command == nullptr) {
+                const std::string group = path.substr(0, path.size() - word.size());
+                throw Refusal("unknown command: " + word + "; " +
+                              choices(group.substr(0, group.find_last_not_of(' ') + 1)));
+            }
+        }
+    }
+    if (command == nullptr)
+        throw Refusal(behind(kProgram, path) + " which? One" + choices(path).substr(3));
+    std::vector<std::string> missing;
+    for (std::size_t i = 0; i < command->arguments.size(); ++i) {
+        const Argument& each = command->arguments[i];
+        if (each.required && (each.name.starts_with('-') ? !seen.contains(each.name) : i >= place))
+            missing.push_back(each.name);
+    }
+    if (!missing.empty())
+        throw Refusal("missing: " + joined(missing) + "; " + helpFor(path));
+    const char* const level = std::getenv("VESK_LOG_LEVEL");
+    if (level != nullptr && arguments.logLevel == 0)
+        set(arguments, *named(commonOptions(), "--log"), std::string("VESK_LOG_LEVEL=") + level, level);
+    return *command;
 }

@@ -1,32 +1,29 @@
-// The command line: a tree of subcommands made from the tables of commands.
+// The command line: which command it names, and its arguments.
 #ifndef VESKCTL_COMMAND_LINE_H
 #define VESKCTL_COMMAND_LINE_H
 
 #include "Command.h"
 
-#include <CLI/CLI.hpp>
+// Options of all commands, which may stand anywhere.
+const std::vector<Argument>& commonOptions();
 
-class CommandLine {
-public:
-    CommandLine();
+const std::vector<Command>& allCommands();
 
-    int run(int argc, char** argv);
+// Commands and groups behind a path ("", "policy"): the next words of the paths that begin with it, and what they mean.
+std::vector<std::pair<std::string, std::string>> nextWords(const std::string& path);
+
+struct CommandLine {
+    explicit CommandLine(const std::vector<std::string>& words) : given(words) {}
+
+    // As far as the words lead, whatever else is wrong: to a command, a group, or nowhere.
+    [[nodiscard]] std::string path() const;
+    // The command, whose arguments go to `arguments`. Throws a Refusal in words that name what there is.
+    const Command& parse(Arguments& arguments) const;
+    // Whether this option, which may have a short name, is among the words.
+    [[nodiscard]] bool has(const std::string& option) const;
 
 private:
-    CLI::App* parentOf(const std::string& path);
-    void add(const Command& command);
-    void add(CLI::App& app, const Argument& argument);
-    [[nodiscard]] std::string mistake(const CLI::ParseError& error) const;
-    [[nodiscard]] Answer answer();
-    [[nodiscard]] int logFrom(const Answer& answer) const;
-
-    CLI::App root;
-    std::vector<Command> commands;
-    Arguments arguments;
-    const Command* chosen    = nullptr;
-    CLI::Option* chosenLevel = nullptr;
-    int logLevel             = log_level_failure;
-    bool json = false, dry = false, showKeys = false;
+    std::vector<std::string> given;
 };
 
 #endif

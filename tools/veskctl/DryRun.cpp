@@ -1,14 +1,16 @@
 #include "DryRun.h"
 
-#include "Decoder.h"
 #include "Text.h"
 
+#include <Decode.h>
 #include <ScriptedKernel.h>
 
 #include <algorithm>
 
 #include <net/if.h>
 
+using namespace Vesk::Messages;
+using Vesk::Testing::Bytes;
 using Vesk::Testing::Request;
 using Vesk::Testing::ScriptedKernel;
 
@@ -17,20 +19,29 @@ namespace {
 constexpr std::size_t kValueColumn = 28, kBytesColumn = 45, kBytesInLine = 16;
 
 // "    id.spi                  0x1001           00001001". What is too long for its column moves the next one.
-std::string lineOf(const DecodedField& field)
+std::string lineOf(const Field& field, const Bytes& bytes)
 {
     std::string line = field.name.empty() ? "  " + field.part : "    " + field.name;
     line.resize(std::max(line.size() + 1, kValueColumn), ' ');
     line += field.text;
     std::string lines;
-    if (line.size() >= kBytesColumn && !field.bytes.empty())
+    if (line.size() >= kBytesColumn && !bytes.empty())
         lines = std::exchange(line, "") + '\n';
-    for (std::size_t at = 0; at < field.bytes.size(); at += kBytesInLine) {
+    for (std::size_t at = 0; at < bytes.size(); at += kBytesInLine) {
         line.resize(kBytesColumn, ' ');
-        const std::size_t size = std::min(kBytesInLine, field.bytes.size() - at);
-        lines += std::exchange(line, "") + faint(digits(field.bytes.data() + at, size)) + '\n';
+        const std::size_t size = std::min(kBytesInLine, bytes.size() - at);
+        lines += std::exchange(line, "") + faint(digits(bytes.data() + at, size)) + '\n';
     }
     return line.empty() ? lines : lines + line + '\n';
+}
+
+Json valueOf(const Field& field)
+{
+    if (const auto* const number = std::get_if<std::uint64_t>(&field.value))
+        return *number;
+    if (const auto* const text = std::get_if<std::string>(&field.value))
+        return *text;
+    return nullptr;
 }
 
 void addRequest(Answer& answer, const Request& request, bool showKeys)
@@ -39,16 +50,22 @@ void addRequest(Answer& answer, const Request& request, bool showKeys)
     std::string part;
     const std::string size = std::to_string(request.datagram.size()) + " bytes";
     answer.text += bold(protocolName(request.protocol) + ", " + size) + '\n';
-    for (const DecodedField& field : decoded(request.protocol, request.datagram, showKeys)) {
+    for (Field& field : decode(request.protocol, request.datagram)) {
         if (part != field.part && !field.name.empty())
             answer.text += "  " + field.part + '\n';
-        part = field.part;
-        answer.text += lineOf(field);
+        part             = field.part;
+        const auto first = request.datagram.begin() + static_cast<std::ptrdiff_t>(field.at);
+        Bytes bytes      = {first, first + static_cast<std::ptrdiff_t>(field.size)};
+        if (field.kind == Kind::Key) {
+            field.text = std::to_string(field.size) + (showKeys ? " bytes" : " bytes, hidden");
+            bytes.resize(showKeys ? field.size : 0);
+        }
+        answer.text += lineOf(field, bytes);
         fields.push_back({{"part", field.part},
                           {"field", field.name},
-                          {"value", field.value},
+                          {"value", valueOf(field)},
                           {"text", field.text},
-                          {"bytes", digits(field.bytes.data(), field.bytes.size())}});
+                          {"bytes", digits(bytes.data(), bytes.size())}});
     }
     answer.findings["requests"].push_back({{"protocol", protocolName(request.protocol)}, {"fields", fields}});
 }

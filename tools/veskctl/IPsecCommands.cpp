@@ -1,9 +1,14 @@
 // Commands for security associations and policies, made from a record.
 
 #include "Command.h"
+#include "Heard.h"
+#include "Looks.h"
+#include "Text.h"
 
 #include <vesk/netlink.h>
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 
 #include <linux/xfrm.h>
@@ -12,18 +17,40 @@ namespace {
 
 const std::string kSeePolicies = "; veskctl policy list shows what is there";
 
-// What to do next, unless it is known already.
-void advise(Answer& answer, int error, const std::string& what)
+const char* nameOf(bool tx)
 {
-    if (answer.result != 0 && answer.error == error && answer.note.empty())
-        answer.note = what;
+    return tx ? "TX" : "RX";
 }
 
 // Security associations
 
+// The first of these SAs that is of a direction and fulfils a condition; null when there is none.
+template <typename Condition>
+const InstalledState* oneOf(const std::vector<InstalledState>& states, bool tx, const Condition& condition)
+{
+    const auto found = std::find_if(states.begin(), states.end(),
+                                    [&](const InstalledState& each) { return each.tx == tx && condition(each); });
+    return found != states.end() ? &*found : nullptr;
+}
+
+bool isOwn(const InstalledState& state)
+{
+    return state.own;
+}
+
+bool isReached(const InstalledState& state)
+{
+    return !state.marked;
+}
+
+bool isOwnAndReached(const InstalledState& state)
+{
+    return state.own && !state.marked;
+}
+
 auto changeStates(Arguments& a, decltype(Vesk::addXFRMStates)* operation)
 {
-    a.record.read(a.file, ForStates);
+    a.record.read(a.file, ForStates, a.warnings);
     return [&a, operation](Answer&) {
         return operation(a.record, static_cast<tro_technology_name_enum_v01>(a.technology), a.mark, a.mask);
     };
@@ -31,88 +58,163 @@ auto changeStates(Arguments& a, decltype(Vesk::addXFRMStates)* operation)
 
 Operation addStates(Arguments& a)
 {
-    const auto judge = [&a](Answer& answer) {
-        const std::string remove = "veskctl sa remove " + a.file;
-        if (answer.logged("setting RX XFRM state failed"))
-            answer.note = "TX was installed and stays, RX was refused; before another try, remove both: " + remove;
+    const auto around = [&a](Answer& answer, const auto& makeCall) {
+        const bool before = oneOf(installedStates(a.record), true, isOwnAndReached) != nullptr;
+        makeCall();
+        if (answer.result == 0)
+            return;
+        const auto after         = installedStates(a.record);
+        const std::string remove = "veskctl sa remove " + forShell(a.file);
+        if (!before && oneOf(after, true, isOwnAndReached) != nullptr)
+            answer.inPart("TX was installed and stays, RX was refused; before another try, remove both: " + remove);
         if (a.record.ipsec_protocol == kAH)
-            advise(answer, EINVAL, "mainline kernels always refuse this: SAs of AH take no cipher there");
-        advise(answer, EEXIST, "TX is installed already; remove the SAs first: " + remove);
+            answer.advise(EINVAL, "mainline kernels refuse this always: SAs of AH take no cipher there");
+        if (before)
+            answer.advise(EEXIST, "TX is installed already; remove the SAs first: " + remove);
+        else if (const auto* const other = oneOf(after, true, isReached))
+            answer.advise(EEXIST, "an SA with the SPI and destination of TX is there, from " + other->source +
+                                      "; veskctl sa list shows it");
     };
-    return {.call = changeStates(a, Vesk::addXFRMStates), .judge = judge};
+    return {.call = changeStates(a, Vesk::addXFRMStates), .around = around};
 }
 
 Operation updateStates(Arguments& a)
 {
-    const auto judge = [&a](Answer& answer) {
-        if (answer.result != 0)
+    const auto call   = changeStates(a, Vesk::updateXFRMStates);
+    const auto wanted = requestsOf([&] {
+        Answer ignored;
+        return call(ignored);
+    });
+    const auto around = [&a, wanted](Answer& answer, const auto& makeCall) {
+        makeCall();
+        const auto after = installedStates(a.record, wanted);
+        if (answer.result != 0) {
+            answer.advise(ESRCH, oneOf(after, true, isOwn) == nullptr
+                                     ? "TX is not installed; veskctl sa add installs both"
+                                     : "TX is installed with a mark, which requests of a record do not name");
             return;
-        if (answer.logged("updating RX XFRM state failed"))
-            answer.notAsAsked("TX was updated, RX was refused; veskctl sa list shows what is there");
-        else if (answer.logged("updating sequence TX failed"))
-            answer.notAsAsked("both were updated, but the counters of TX were refused");
-        else if (installedStates(a.record).otherKeys)
-            answer.notAsAsked("the kernel took the marks and kept the old keys, as mainline kernels do; for new keys, "
-                              "veskctl sa remove and veskctl sa add");
+        }
+        std::vector<std::string> kept;
+        for (const InstalledState& each : after)
+            if (!each.marked && !each.kept.empty())
+                kept.push_back(std::string(nameOf(each.tx)) + " kept its " + each.kept);
+        if (answer.heard(kRxNotUpdated))
+            answer.inPart("TX was updated" + (kept.empty() ? "" : " but " + joined(kept)) + ", RX was not" +
+                          (oneOf(after, false, isReached) != nullptr ? "" : ": it is not installed"));
+        else if (!kept.empty())
+            answer.notAsAsked(joined(kept, "; ") + "; to change that, veskctl sa remove and veskctl sa add");
+        else if (answer.heard(kTxCountersStay))
+            answer.inPart("both were updated, but the counters of TX were refused");
     };
-    return {.call = changeStates(a, Vesk::updateXFRMStates), .judge = judge};
+    return {.call = call, .around = around};
+}
+
+// The kernel removes what has the SPI and destination, wherever it comes from, and under no mark.
+void refuseOthers(const std::vector<InstalledState>& states)
+{
+    for (const bool tx : {true, false}) {
+        const auto* const other =
+            oneOf(states, tx, [](const InstalledState& each) { return !each.own && !each.marked; });
+        if (other != nullptr && oneOf(states, tx, isOwn) != nullptr)
+            throw Refusal(std::string("in the way: an SA from ") + other->source + " has the SPI and destination of " +
+                              nameOf(tx) + ", and would be removed instead; remove it first, if it is not needed: " +
+                              "ip xfrm state shows both",
+                          Refused);
+    }
 }
 
 Operation removeStates(Arguments& a)
 {
-    a.record.read(a.file, ForRemoval);
-    const auto judge = [&a](Answer& answer) {
+    a.record.read(a.file, ForRemoval, a.warnings);
+    const auto around = [&a](Answer& answer, const auto& makeCall) {
+        const auto before = installedStates(a.record);
+        refuseOthers(before);
+        makeCall();
         if (answer.result != 0)
             return;
-        const InstalledStates before = a.statesBefore, after = installedStates(a.record);
-        const auto fate = [](bool was, bool is) { return is ? "still there" : was ? "removed" : "not installed"; };
-        answer.findings = {{"tx", fate(before.tx, after.tx)}, {"rx", fate(before.rx, after.rx)}};
-        if (after.tx || after.rx)
-            answer.notAsAsked("an SA of the record is left; veskctl sa list shows it");
-        else if (!before.tx && !before.rx)
+        const auto after = installedStates(a.record);
+        int removed = 0, left = 0, marked = 0;
+        for (const bool tx : {true, false}) {
+            const auto* const is              = oneOf(after, tx, isOwn);
+            const bool was                    = oneOf(before, tx, isOwn) != nullptr;
+            answer.findings[tx ? "tx" : "rx"] = is != nullptr ? "still there" : was ? "removed" : "not installed";
+            removed += was && is == nullptr ? 1 : 0;
+            left += is != nullptr ? 1 : 0;
+            marked += is != nullptr && is->marked ? 1 : 0;
+        }
+        if (left != 0)
+            answer.notAsAsked(std::string("an SA of the record is left") +
+                              (marked != 0 ? ": it has a mark, which requests of a record do not name" : "") +
+                              "; veskctl sa list shows it");
+        else if (removed == 0)
             answer.notAsAsked("nothing was removed: no SA has the record's protocol, SPIs and addresses; "
                               "veskctl sa list shows what is there");
-        else if (!before.tx || !before.rx)
+        else if (removed == 1)
             answer.notAsAsked("only one of the two was installed; if the other should have been, compare its SPI and "
                               "addresses with veskctl sa list");
     };
-    return {.call  = [&a](Answer&) { return Vesk::removeXFRMStates(a.record); },
-            .look  = [&a] { a.statesBefore = installedStates(a.record); },
-            .judge = judge};
-}
-
-Operation stateList(Arguments&)
-{
-    return {listStates};
+    return {.call = [&a](Answer&) { return Vesk::removeXFRMStates(a.record); }, .around = around};
 }
 
 // Policies
 
+// Why there is no such policy for the library.
+std::string noPolicy(const std::vector<std::string>& otherwise)
+{
+    return otherwise.empty() ? "no policy has this selector, protocol and direction" + kSeePolicies
+                             : "the policy with this selector has " + otherwise[0] +
+                                   ", which this command cannot name; ip xfrm policy delete can";
+}
+
+bool isThere(const Arguments& a, unsigned char direction)
+{
+    const auto found = otherwiseOf(selectorOf(a.source, a.destination, a.protocol), direction);
+    return std::count(found.begin(), found.end(), "") != 0;
+}
+
 Operation addPolicies(Arguments& a)
 {
-    checkSelectors(a.source, a.destination);
-    a.record.read(a.file, ForPolicies);
+    a.warnings = checkSelectors(a.source, a.destination);
+    a.record.read(a.file, ForPolicies, a.warnings);
     const auto call = [&a](Answer&) {
         return Vesk::addXFRMPolicies(a.record, a.source, a.destination, a.protocol, !a.inbound);
     };
-    const auto judge = [](Answer& answer) {
-        if (answer.logged("inserting forwarding XFRM policy failed"))
-            answer.note = "the in policy was installed and stays, the fwd policy was refused" + kSeePolicies;
+    const auto around = [&a](Answer& answer, const auto& makeCall) {
+        const bool before = a.inbound && isThere(a, XFRM_POLICY_IN);
+        makeCall();
+        const std::string remove = "veskctl policy remove" + std::string(a.inbound ? " --in " : " ") +
+                                   (a.protocol != 0 ? "--protocol " + std::to_string(a.protocol) + ' ' : "") +
+                                   forShell(a.source) + ' ' + forShell(a.destination);
+        if (answer.result != 0 && a.inbound && !before && isThere(a, XFRM_POLICY_IN))
+            answer.inPart("the in policy was installed and stays, the fwd policy was refused" + kSeePolicies);
+        answer.advise(EEXIST, "there is such a policy; remove it first: " + remove);
     };
-    return {.call = call, .judge = judge};
+    return {.call = call, .around = around};
 }
 
 Operation removePolicies(Arguments& a)
 {
-    checkSelectors(a.source, a.destination);
+    a.warnings      = checkSelectors(a.source, a.destination);
     const auto call = [&a](Answer&) {
         return Vesk::removeXFRMPolicies(a.source, a.destination, a.protocol, !a.inbound);
     };
-    const auto judge = [](Answer& answer) {
-        if (answer.logged("removing forwarding XFRM policy failed"))
-            answer.note = "the in policy was removed, the fwd policy was not" + kSeePolicies;
+    const auto around = [&a](Answer& answer, const auto& makeCall) {
+        const bool in = isThere(a, XFRM_POLICY_IN), fwd = isThere(a, XFRM_POLICY_FWD);
+        makeCall();
+        if (answer.result == 0)
+            return;
+        if (a.inbound && in && !isThere(a, XFRM_POLICY_IN)) {
+            answer.inPart(fwd ? "the in policy was removed, the fwd policy was not" + kSeePolicies
+                              : "the in policy was removed; there was no fwd policy");
+        } else if (a.inbound && !in && fwd && answer.error == ENOENT) { // which the library does not come to
+            answer.error = removePolicy(selectorOf(a.source, a.destination, a.protocol), XFRM_POLICY_FWD);
+            if (answer.error == 0)
+                answer.notAsAsked("the fwd policy was removed; there was no in policy");
+        }
+        answer.advise(ENOENT, noPolicy(otherwiseOf(selectorOf(a.source, a.destination, a.protocol),
+                                                   a.inbound ? XFRM_POLICY_IN : XFRM_POLICY_OUT)));
     };
-    return {.call = call, .judge = judge};
+    return {.call = call, .around = around};
 }
 
 Operation bypass(Arguments& a, decltype(Vesk::addXFRMPolicyEx)* operation)
@@ -120,7 +222,12 @@ Operation bypass(Arguments& a, decltype(Vesk::addXFRMPolicyEx)* operation)
     const unsigned char direction = a.direction == "in"    ? XFRM_POLICY_IN
                                     : a.direction == "out" ? XFRM_POLICY_OUT
                                                            : XFRM_POLICY_FWD;
-    return {[direction, operation](Answer&) { return operation(direction); }};
+    const auto around             = [direction, &a](Answer& answer, const auto& makeCall) {
+        makeCall();
+        answer.advise(EEXIST, "there is such a policy; remove it first: veskctl policy bypass remove " + a.direction);
+        answer.advise(ENOENT, noPolicy(otherwiseOf(selectorOf("", "fe80::/64", IPPROTO_ICMPV6), direction)));
+    };
+    return {.call = [direction, operation](Answer&) { return operation(direction); }, .around = around};
 }
 
 Operation addBypass(Arguments& a)
@@ -133,35 +240,58 @@ Operation removeBypass(Arguments& a)
     return bypass(a, Vesk::removeXFRMPolicyEx);
 }
 
-Operation policyList(Arguments&)
+// What became of the SAs, when the kernel said that it moved what there was.
+void judgeMigration(Answer& answer, const Arguments& a, const std::array<int, 2>& before)
 {
-    return {listPolicies};
+    std::vector<std::string> none;
+    bool left = false;
+    for (const bool tx : {true, false}) {
+        answer.findings[tx ? "tx" : "rx"] = before[tx] != 0 ? "moved" : "not installed";
+        left                              = left || statesBetween(a.record, tx) != 0;
+        if (before[tx] == 0)
+            none.emplace_back(nameOf(tx));
+    }
+    if (left)
+        answer.notAsAsked("an SA is still between the old addresses; veskctl sa list shows it");
+    else if (!none.empty())
+        answer.notAsAsked("the policies were moved; there was no SA between the old addresses to move for " +
+                          joined(none, " and "));
 }
 
 Operation migrate(Arguments& a)
 {
-    checkSelectors(a.source, a.destination);
+    a.warnings = checkSelectors(a.source, a.destination);
     if (a.file == "-" && a.otherFile == "-")
         throw Refusal("both records from standard input; write a file's name for one of them");
-    a.record.read(a.file, ForMigration);
-    a.otherRecord.read(a.otherFile, ForMigration);
+    a.record.read(a.file, ForMigration, a.warnings);
+    a.otherRecord.read(a.otherFile, ForMigration, a.warnings);
+    if (const auto names = differences(a.record, a.otherRecord); !names.empty())
+        throw Refusal("the two records may differ in the local address and in udp_encap alone, but do so in " +
+                      joined(names));
+    if (addressText(a.record.local_addr) == addressText(a.otherRecord.local_addr))
+        throw Refusal("the two records have the same local address, so nothing would move");
     const auto call = [&a](Answer&) {
         return Vesk::migrateXFRMInfo(a.record, a.otherRecord, a.source, a.destination, a.protocol);
     };
-    const auto judge = [](Answer& answer) {
-        if (answer.logged("rolling back"))
-            answer.note = "part of it was moved and could not be moved back" + kSeePolicies;
-        else if (answer.logged("has changed"))
-            answer.note = "the two records may differ in the local address alone";
+    const auto around = [&a](Answer& answer, const auto& makeCall) {
+        const std::array<int, 2> before = {statesBetween(a.record, false), statesBetween(a.record, true)};
+        makeCall();
+        if (answer.result == 0)
+            judgeMigration(answer, a, before);
+        else if (answer.heard(kNotMovedBack[0]) || answer.heard(kNotMovedBack[1]))
+            answer.inPart("some of it was moved and could not be moved back" + kSeePolicies);
+        answer.advise(ENOENT, "a policy of one of the three directions, out, in and fwd, is missing" + kSeePolicies);
+        answer.advise(ENODATA,
+                      "a policy has no template of the records' mode, protocol and old addresses" + kSeePolicies);
     };
-    return {.call = call, .judge = judge};
+    return {.call = call, .around = around};
 }
 
 // Records
 
 Operation checkRecord(Arguments& a)
 {
-    a.record.read(a.file, ForStates);
+    a.record.read(a.file, ForStates, a.warnings);
     return {[&a](Answer& answer) {
         answer.findings = a.record.described();
         return 0;
@@ -177,35 +307,29 @@ Operation explain(Arguments&)
 }
 
 const Argument kRecord     = {"record", "FILE", "File with the record; - for standard input", &Arguments::file};
-const Argument kOutputMark = {"--mark", "NUMBER", "Output mark of TX", &Arguments::mark};
-const Argument kOutputMask = {"--mask", "NUMBER", "Its mask; all bits when not given", &Arguments::mask};
-const Argument kTechnology = {"--technology", "NUMBER", "The technology; -32640 gives RX a mark, 0x20002",
+const Argument kOutputMark = {"--mark", "NUMBER", "Mark of what TX sends", &Arguments::mark};
+const Argument kOutputMask = {"--mask", "NUMBER", "The bits of that mark to set; all when not given", &Arguments::mask};
+const Argument kTechnology = {"--technology", "TECHNOLOGY", "marked-rx: what RX receives gets mark 0x20002",
                               &Arguments::technology};
-const Argument kFrom       = {"source", "PREFIX", "Selector, or \"\"", &Arguments::source};
-const Argument kTo         = {"destination", "PREFIX", "Selector, or \"\"", &Arguments::destination};
-const Argument kProtocol   = {"--protocol", "NUMBER", "IP protocol; any when not given", &Arguments::protocol};
+const Argument kFrom       = {"source", "PREFIX", "Source of the traffic; \"\" for any", &Arguments::source};
+const Argument kTo         = {"destination", "PREFIX", "Its destination; \"\" for any", &Arguments::destination};
+const Argument kProtocol   = {"--protocol", "PROTOCOL", "Of this IP protocol alone, such as tcp", &Arguments::protocol};
 const Argument kInbound    = {"--in", "", "The in and fwd policies, instead of the out policy", &Arguments::inbound};
-const Argument kDirection  = {"direction", "{in,out,fwd}", "Direction", &Arguments::direction};
-
-const Advice kNoPolicy = {ENOENT, "no policy has this selector, protocol and direction" + kSeePolicies};
+const Argument kDirection  = {"direction", "{in,out,fwd}", "Direction of the policy", &Arguments::direction};
 
 } // namespace
 
 std::vector<Command> ipsecCommands()
 {
-    const auto exists = [](const char* remove) {
-        return Advice{EEXIST, std::string("there is such a policy; remove it first: veskctl policy ") + remove};
-    };
-    const std::string algorithm   = "this kernel lacks the cipher or the hash; its module may have to be loaded";
-    const std::string marks       = "The bit 0x20000 is added to mark and mask.\n";
-    const std::string listIsThere = "the list is in it";
+    const std::string algorithm = "this kernel lacks the cipher or the hash; its module may have to be loaded";
+    const std::string marks     = "The bit 0x20000 is set in mark and mask, always.\n";
     return {
         {.path      = "sa add",
          .what      = "Install the two SAs of a record, TX then RX",
          .example   = "handset.ini --mark 1 --mask 0xff",
          .arguments = {kRecord, kOutputMark, kOutputMask, kTechnology},
          .prepare   = addStates,
-         .notes     = marks + "When RX is refused, TX stays. Mainline kernels refuse SAs of AH (EINVAL).",
+         .notes     = marks + "When RX is refused, TX stays: status 3. Mainline kernels refuse SAs of AH.",
          .advice    = {{ENOSYS, algorithm},
                        {ENOENT, algorithm},
                        {EPROTONOSUPPORT, "this kernel lacks ESP or AH, or IPsec; a module may have to be loaded"}}},
@@ -214,45 +338,41 @@ std::vector<Command> ipsecCommands()
          .example    = "handset.ini --mark 1 --mask 0xff",
          .arguments  = {kRecord, kOutputMark, kOutputMask, kTechnology},
          .prepare    = updateStates,
-         .notes      = marks + "Mainline kernels keep the keys of an installed SA: remove it, then add it.\n"
-                               "Status 3 when they did, or when RX was refused.",
-         .advice     = {{ESRCH, "TX is not installed; veskctl sa add installs both"}},
+         .notes      = marks + "Mainline kernels keep mode, source, algorithms and keys: remove the SAs and add\n"
+                               "them to change those. Status 3 when they differ, or RX was refused.",
          .unanswered = "ids and counters in the last two requests are those of the installed SAs"},
         {.path       = "sa remove",
          .what       = "Remove the two SAs of a record",
          .example    = "handset.ini",
          .arguments  = {kRecord},
          .prepare    = removeStates,
-         .notes      = "Status 3 when one of the two was not there, or still is.",
+         .notes      = "Status 3 when one of the two was not there, or still is. Refused when another\n"
+                       "SA would be removed, of the same SPI and destination from another source.",
          .unanswered = "XFRM_MSG_DELSA would follow for each SA that the record names"},
-        {.path = "sa list", .what = "All SAs, without keys", .prepare = stateList, .unanswered = listIsThere},
 
         {.path      = "policy add",
          .what      = "Install the policies of one side",
          .example   = "handset.ini 10.0.0.0/16 10.1.0.0/16",
          .arguments = {kRecord, kFrom, kTo, kInbound, kProtocol},
          .prepare   = addPolicies,
-         .notes     = "With --in, the peer's prefix is the source.",
-         .advice    = {exists("remove")}},
+         .notes     = "With --in, the peer's prefix is the source. Status 3 when in was installed, but\n"
+                      "not fwd."},
         {.path      = "policy remove",
          .what      = "Remove the policies of one side",
          .example   = "10.0.0.0/16 10.1.0.0/16",
          .arguments = {kFrom, kTo, kInbound, kProtocol},
          .prepare   = removePolicies,
-         .advice    = {kNoPolicy}},
-        {.path = "policy list", .what = "All policies", .prepare = policyList, .unanswered = listIsThere},
+         .notes     = "With --in, status 3 when one of the two was not there."},
         {.path      = "policy bypass add",
          .what      = "Let ICMPv6 to fe80::/64 past IPsec",
          .example   = "out",
          .arguments = {kDirection},
-         .prepare   = addBypass,
-         .advice    = {exists("bypass remove")}},
+         .prepare   = addBypass},
         {.path      = "policy bypass remove",
-         .what      = "No longer let it",
+         .what      = "Remove that policy again",
          .example   = "out",
          .arguments = {kDirection},
-         .prepare   = removeBypass,
-         .advice    = {kNoPolicy}},
+         .prepare   = removeBypass},
 
         {.path      = "migrate",
          .what      = "Move SAs and policies to a new local address",
@@ -263,9 +383,9 @@ std::vector<Command> ipsecCommands()
                        {"remote", "PREFIX", "The peer's selector", &Arguments::destination},
                        kProtocol},
          .prepare   = migrate,
-         .notes     = "All three directions have to have policies. What was moved is moved back when\n"
-                      "one is refused.",
-         .advice    = {kNoPolicy, {ENOPROTOOPT, "this kernel was built without CONFIG_XFRM_MIGRATE"}}},
+         .notes     = "There have to be policies out, in and fwd. When one is refused, what was moved\n"
+                      "is moved back. Status 3 when there was no SA to move, or one is left.",
+         .advice    = {{ENOPROTOOPT, "this kernel was built without CONFIG_XFRM_MIGRATE"}}},
 
         {.path      = "record check",
          .what      = "Look at a record, and send nothing",

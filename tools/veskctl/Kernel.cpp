@@ -1,401 +1,108 @@
 #include "Kernel.h"
 
-#include "Text.h"
-
 #include <vesk/netlink.h>
 
 #include <algorithm>
-#include <cstring>
+#include <cerrno>
 #include <map>
-#include <unordered_map>
 
-#include <arpa/inet.h>
-#include <linux/capability.h>
 #include <linux/fib_rules.h>
 #include <linux/if_addrlabel.h>
 #include <linux/rtnetlink.h>
 #include <linux/xfrm.h>
 #include <net/if.h>
-#include <sys/syscall.h>
-#include <unistd.h>
+
+using namespace Vesk::Messages;
+
+const Dump kStates   = {NETLINK_XFRM, XFRM_MSG_GETSA, XFRM_MSG_NEWSA};
+const Dump kPolicies = {NETLINK_XFRM, XFRM_MSG_GETPOLICY, XFRM_MSG_NEWPOLICY};
+const Dump kRules    = {NETLINK_ROUTE, RTM_GETRULE, RTM_NEWRULE, AF_UNSPEC, sizeof(fib_rule_hdr)};
+const Dump kLabels   = {NETLINK_ROUTE, RTM_GETADDRLABEL, RTM_NEWADDRLABEL, AF_INET6, sizeof(ifaddrlblmsg)};
+const Dump kRoutes   = {NETLINK_ROUTE, RTM_GETROUTE, RTM_NEWROUTE, AF_INET, sizeof(rtmsg)};
+const Dump kQdiscs   = {NETLINK_ROUTE, RTM_GETQDISC, RTM_NEWQDISC, AF_UNSPEC, sizeof(tcmsg)};
 
 namespace {
 
-constexpr unsigned int kRoutePriority = 100;  // of the routes that the library installs
-constexpr unsigned int kFirstTable    = 1000; // a device's own table is this and its index
+constexpr unsigned int kFirstTable = 1000; // a device's own table is this and its index
+constexpr int kAttempts            = 4;
 
-// Reading answers
-
-class Attributes {
-public:
-    Attributes(nlmsghdr* message, std::size_t payload)
-    {
-        const std::size_t start = NLMSG_SPACE(payload);
-        if (message->nlmsg_len > start)
-            Vesk::NetlinkMessage::parseAttributes(
-                reinterpret_cast<nlattr*>(reinterpret_cast<unsigned char*>(message) + start), all,
-                static_cast<unsigned int>(message->nlmsg_len - start), static_cast<unsigned short>(NLA_TYPE_MASK));
-    }
-
-    [[nodiscard]] const unsigned char* value(int type) const
-    {
-        const auto found = all.find(type);
-        return found == all.end() ? nullptr : reinterpret_cast<const unsigned char*>(found->second) + NLA_HDRLEN;
-    }
-    [[nodiscard]] std::size_t size(int type) const
-    {
-        const auto found = all.find(type);
-        return found == all.end() ? 0 : found->second->nla_len - static_cast<std::size_t>(NLA_HDRLEN);
-    }
-    // Null where the attribute is missing or shorter. Attributes lie at multiples of 4, and no value is read by eights.
-    template <typename Value>
-    [[nodiscard]] const Value* as(int type) const
-    {
-        static_assert(alignof(Value) <= NLA_ALIGNTO);
-        return size(type) < sizeof(Value) ? nullptr : reinterpret_cast<const Value*>(value(type));
-    }
-    [[nodiscard]] std::optional<unsigned int> number(int type) const
-    {
-        const auto* const found = as<unsigned int>(type);
-        return found != nullptr ? std::optional(*found) : std::nullopt;
-    }
-    [[nodiscard]] std::string text(int type) const
-    {
-        const auto* const first = reinterpret_cast<const char*>(value(type));
-        return {first, strnlen(first, size(type))};
-    }
-    [[nodiscard]] bool has(int type) const { return all.contains(type); }
-
-private:
-    std::unordered_map<int, nlattr*> all;
-};
-
-// A message of the type that is asked for.
-template <typename Payload>
-using Show = std::function<void(const Payload&, const Attributes&)>;
-
-template <typename Payload>
-struct Shown {
-    unsigned short type;
-    const Show<Payload>& show;
-
-    bool take(nlmsghdr* message) const
-    {
-        if (message->nlmsg_type != type || message->nlmsg_len < NLMSG_LENGTH(sizeof(Payload)))
-            return false;
-        Payload payload;
-        std::memcpy(&payload, NLMSG_DATA(message), sizeof payload);
-        show(payload, Attributes(message, sizeof payload));
-        return true;
-    }
-};
-
-template <typename Payload>
-int dump(int protocol, unsigned short request, unsigned short type, Payload* about, const Show<Payload>& show)
+// Empty where there is none.
+const std::string& deviceName(std::uint64_t index)
 {
-    Shown<Payload> shown = {type, show};
-    Vesk::NetlinkMessage msg;
-    msg.setNLMsgHeader(protocol, request, NLM_F_REQUEST | NLM_F_DUMP);
-    if (about != nullptr)
-        msg.addMsgPayload(sizeof *about, about);
-    return msg.messageDump(
-        [](nlmsghdr* message, void* context) { static_cast<Shown<Payload>*>(context)->take(message); }, &shown);
+    static std::map<std::uint64_t, std::string> known;
+    const auto [found, isNew] = known.try_emplace(index);
+    char name[IF_NAMESIZE]    = {};
+    if (isNew && if_indextoname(static_cast<unsigned int>(index), name) != nullptr)
+        found->second = name;
+    return found->second;
 }
 
-int dumpStates(const Show<xfrm_usersa_info>& show)
+Field& addWord(Fields& fields, const char* listed, const std::string& word)
 {
-    return dump<xfrm_usersa_info>(NETLINK_XFRM, XFRM_MSG_GETSA, XFRM_MSG_NEWSA, nullptr, show);
+    Field field;
+    field.kind   = Kind::Word;
+    field.listed = listed;
+    field.words  = {word};
+    return fields.emplace_back(field);
 }
 
-// Words
-
-std::string named(const std::map<unsigned int, const char*>& names, unsigned int number)
+// What is not in fields of its own.
+void complete(const Dump& what, Fields& fields)
 {
-    const auto found = names.find(number);
-    return found != names.end() ? found->second : std::to_string(number);
-}
-
-std::string protocolName(unsigned int protocol)
-{
-    return named({{IPPROTO_ESP, "esp"}, {IPPROTO_AH, "ah"}, {IPPROTO_COMP, "comp"}}, protocol);
-}
-
-std::string modeName(unsigned int mode)
-{
-    return named({{XFRM_MODE_TRANSPORT, "transport"}, {XFRM_MODE_TUNNEL, "tunnel"}, {XFRM_MODE_BEET, "beet"}}, mode);
-}
-
-std::string deviceName(unsigned int index)
-{
-    char name[IF_NAMESIZE] = {};
-    return if_indextoname(index, name) != nullptr ? name : std::to_string(index);
-}
-
-std::string textOf(const xfrm_address_t& address, unsigned int family)
-{
-    return addressText(&address, family == AF_INET ? 4 : 16);
-}
-
-std::string selected(const xfrm_address_t& address, unsigned int length, unsigned int family)
-{
-    return family == AF_UNSPEC ? "any" : textOf(address, family) + '/' + std::to_string(length);
-}
-
-void addMark(Json& entry, const Attributes& attributes)
-{
-    if (const auto* const mark = attributes.as<xfrm_mark>(XFRMA_MARK))
-        entry.update({{"mark", mark->v}, {"mask", mark->m}});
-    if (const auto id = attributes.number(XFRMA_IF_ID))
-        entry["if_id"] = *id;
-}
-
-// What a selector asks for beside its two prefixes.
-void addSelected(Json& entry, const xfrm_selector& sel)
-{
-    if (sel.proto != 0)
-        entry["ip_protocol"] = sel.proto;
-    if (sel.sport_mask != 0)
-        entry["source_port"] = ntohs(sel.sport);
-    if (sel.dport_mask != 0)
-        entry["destination_port"] = ntohs(sel.dport);
-    if (sel.ifindex != 0)
-        entry["device"] = deviceName(static_cast<unsigned int>(sel.ifindex));
-}
-
-// When it was added and, if ever, used.
-void addTimes(Json& entry, const xfrm_lifetime_cur& times)
-{
-    entry["added"] = times.add_time;
-    if (times.use_time != 0)
-        entry["used"] = times.use_time;
-}
-
-Json entryOf(const xfrm_usersa_info& state, const Attributes& attributes)
-{
-    Json entry = {{"protocol", protocolName(state.id.proto)},
-                  {"mode", modeName(state.mode)},
-                  {"source", textOf(state.saddr, state.family)},
-                  {"destination", textOf(state.id.daddr, state.family)},
-                  {"spi", ntohl(state.id.spi)}};
-    if (state.reqid != 0)
-        entry["reqid"] = state.reqid;
-    if (state.sel.prefixlen_s != 0 || state.sel.prefixlen_d != 0)
-        entry.update({{"selected_source", selected(state.sel.saddr, state.sel.prefixlen_s, state.family)},
-                      {"selected_destination", selected(state.sel.daddr, state.sel.prefixlen_d, state.family)}});
-    addSelected(entry, state.sel);
-    if (const auto* const cipher = attributes.as<xfrm_algo>(XFRMA_ALG_CRYPT))
-        entry.update({{"cipher", attributes.text(XFRMA_ALG_CRYPT)}, {"cipher_key_bits", cipher->alg_key_len}});
-    if (const auto* const aead = attributes.as<xfrm_algo_aead>(XFRMA_ALG_AEAD))
-        entry.update({{"cipher", attributes.text(XFRMA_ALG_AEAD)}, {"cipher_key_bits", aead->alg_key_len}});
-    if (const auto* const hash = attributes.as<xfrm_algo_auth>(XFRMA_ALG_AUTH_TRUNC))
-        entry.update({{"hash", attributes.text(XFRMA_ALG_AUTH_TRUNC)},
-                      {"hash_key_bits", hash->alg_key_len},
-                      {"hash_cut_to_bits", hash->alg_trunc_len}});
-    if (attributes.has(XFRMA_ALG_COMP))
-        entry["compression"] = attributes.text(XFRMA_ALG_COMP);
-    if (const auto* const udp = attributes.as<xfrm_encap_tmpl>(XFRMA_ENCAP))
-        entry.update({{"udp_source", ntohs(udp->encap_sport)}, {"udp_destination", ntohs(udp->encap_dport)}});
-    addMark(entry, attributes);
-    if (const auto mark = attributes.number(XFRMA_SET_MARK))
-        entry["output_mark"] = *mark;
-    if (const auto mask = attributes.number(XFRMA_SET_MARK_MASK))
-        entry["output_mask"] = *mask;
-    entry.update({{"packets", state.curlft.packets}, {"bytes", state.curlft.bytes}});
-    if (const auto* const extended = attributes.as<xfrm_replay_state_esn>(XFRMA_REPLAY_ESN_VAL))
-        entry.update({{"sequence_out", std::uint64_t{extended->oseq_hi} << 32 | extended->oseq},
-                      {"sequence_in", std::uint64_t{extended->seq_hi} << 32 | extended->seq},
-                      {"replay_window", extended->replay_window}});
-    else if (const auto* const replay = attributes.as<xfrm_replay_state>(XFRMA_REPLAY_VAL))
-        entry.update(
-            {{"sequence_out", replay->oseq}, {"sequence_in", replay->seq}, {"replay_window", state.replay_window}});
-    entry.update({{"replayed", state.stats.replay}, {"integrity_failed", state.stats.integrity_failed}});
-    addTimes(entry, state.curlft);
-    return entry;
-}
-
-Json entryOf(const xfrm_userpolicy_info& policy, const Attributes& attributes)
-{
-    static const std::map<unsigned int, const char*> directions = {
-        {XFRM_POLICY_IN, "in"},
-        {XFRM_POLICY_OUT, "out"},
-        {XFRM_POLICY_FWD, "fwd"},
-        {XFRM_POLICY_MAX + XFRM_POLICY_IN, "socket-in"}, // of one socket alone
-        {XFRM_POLICY_MAX + XFRM_POLICY_OUT, "socket-out"},
+    for (Field& each : fields)
+        if (each.kind == Kind::Device && !each.listed.empty() && each.number() != 0) {
+            if (const std::string& name = deviceName(each.number()); !name.empty())
+                each.words = {name};
+            else
+                each.listed += "_index";
+        }
+    const auto word = [&fields](const char* name) {
+        const Field* const field = fieldOf(fields, name);
+        return field != nullptr ? field->inWords() : "";
     };
-    const auto& sel = policy.sel;
-    Json entry      = {{"direction", named(directions, policy.dir)},
-                       {"source", selected(sel.saddr, sel.prefixlen_s, sel.family)},
-                       {"destination", selected(sel.daddr, sel.prefixlen_d, sel.family)},
-                       {"priority", policy.priority},
-                       {"action", policy.action == XFRM_POLICY_ALLOW ? "allow" : "block"},
-                       {"index", policy.index}};
-    addSelected(entry, sel);
-    addMark(entry, attributes);
-    addTimes(entry, policy.curlft);
-    entry["templates"]     = Json::array();
-    const std::size_t size = attributes.size(XFRMA_TMPL);
-    for (std::size_t at = 0; at + sizeof(xfrm_user_tmpl) <= size; at += sizeof(xfrm_user_tmpl)) {
-        xfrm_user_tmpl each;
-        std::memcpy(&each, attributes.value(XFRMA_TMPL) + at, sizeof each);
-        entry["templates"].push_back({{"protocol", protocolName(each.id.proto)},
-                                      {"mode", modeName(each.mode)},
-                                      {"source", textOf(each.saddr, each.family)},
-                                      {"destination", textOf(each.id.daddr, each.family)},
-                                      {"spi", ntohl(each.id.spi)}});
-        if (each.reqid != 0)
-            entry["templates"].back()["reqid"] = each.reqid;
-        if (each.optional != 0)
-            entry["templates"].back()["optional"] = true;
-    }
-    return entry;
-}
-
-Json entryOf(const fib_rule_hdr& rule, const Attributes& attributes)
-{
-    static const std::map<unsigned int, const char*> actions = {
-        {FR_ACT_TO_TBL, "lookup"},
-        {FR_ACT_GOTO, "goto"},
-        {FR_ACT_NOP, "nop"},
-        {FR_ACT_BLACKHOLE, "blackhole"},
-        {FR_ACT_UNREACHABLE, "unreachable"},
-        {FR_ACT_PROHIBIT, "prohibit"},
-    };
-    Json entry = {{"family", rule.family == AF_INET ? "ipv4" : "ipv6"},
-                  {"priority", attributes.number(FRA_PRIORITY).value_or(0)}};
-    if ((rule.flags & FIB_RULE_INVERT) != 0)
-        entry["not"] = true;
-    const std::tuple<const char*, int, unsigned int> prefixes[] = {{"from", FRA_SRC, rule.src_len},
-                                                                   {"to", FRA_DST, rule.dst_len}};
-    for (const auto& [name, type, length] : prefixes)
-        if (attributes.has(type))
-            entry[name] = addressText(attributes.value(type), attributes.size(type)) + '/' + std::to_string(length);
-    for (const auto& [name, type] : {std::pair("in", FRA_IIFNAME), std::pair("out", FRA_OIFNAME)})
-        if (attributes.has(type))
-            entry[name] = attributes.text(type);
-    if (const auto mask = attributes.number(FRA_FWMASK)) // without a mark, which is 0 then
-        entry.update({{"mark", attributes.number(FRA_FWMARK).value_or(0)}, {"mask", *mask}});
-    if (rule.tos != 0)
-        entry["tos"] = rule.tos;
-    if (const auto* const protocol = attributes.as<unsigned char>(FRA_IP_PROTO))
-        entry["ip_protocol"] = *protocol;
-    for (const auto& [name, type] :
-         {std::pair("source_ports", FRA_SPORT_RANGE), std::pair("destination_ports", FRA_DPORT_RANGE)})
-        if (const auto* const ports = attributes.as<fib_rule_port_range>(type))
-            entry[name] = std::to_string(ports->start) + '-' + std::to_string(ports->end);
-    if (const auto* const users = attributes.as<fib_rule_uid_range>(FRA_UID_RANGE))
-        entry["users"] = std::to_string(users->start) + '-' + std::to_string(users->end);
-    const unsigned int table = attributes.number(FRA_TABLE).value_or(rule.table);
-    entry["action"]          = named(actions, rule.action);
-    if (const auto target = attributes.number(FRA_GOTO))
-        entry["target"] = *target;
-    else if (attributes.has(FRA_L3MDEV))
-        entry["table"] = "that of the packet's l3mdev";
-    else
-        entry["table"] = table;
-    for (const auto& [name, type] : {std::pair("suppress_prefix_length", FRA_SUPPRESS_PREFIXLEN),
-                                     std::pair("suppress_group", FRA_SUPPRESS_IFGROUP)})
-        if (const auto value = attributes.number(type); value && *value != UINT32_MAX)
-            entry[name] = *value;
-    char device[IF_NAMESIZE] = {};
-    if (table > kFirstTable && if_indextoname(table - kFirstTable, device) != nullptr)
-        entry["device"] = device;
-    return entry;
-}
-
-// The values of these fields, as an entry begins.
-std::string headline(const Json& entry, std::initializer_list<const char*> fields, const char* between)
-{
-    return joined(fields, between, [&entry](const char* field) {
-        return entry[field].is_string() ? entry[field].get<std::string>() : entry[field].dump();
-    });
-}
-
-// Whether an SA has another key than this one. What a kernel keeps to itself it shows as zeros.
-bool isOther(const Attributes& attributes, int type, std::size_t head, const std::uint8_t* key, std::size_t length)
-{
-    if (attributes.size(type) < head)
-        return false;
-    const unsigned char *const first = attributes.value(type) + head, *const end = attributes.value(type) +
-                                                                                   attributes.size(type);
-    return !std::equal(first, end, key, key + length) &&
-           std::any_of(first, end, [](unsigned char byte) { return byte != 0; });
+    if (what.reply == kStates.reply &&
+        (word("protocol") == "esp" || word("protocol") == "ah" || word("protocol") == "comp") &&
+        std::none_of(fields.begin(), fields.end(),
+                     [](const Field& each) { return each.part.starts_with("XFRMA_ALG_"); }))
+        addWord(fields, "state", "larval");
+    if (what.reply == kRules.reply && fieldOf(fields, "priority") == nullptr) // which is 0 then
+        addWord(fields, "priority", "0").kind = Kind::Number;
+    if (const Field* const table = what.reply == kRules.reply ? fieldOf(fields, "table") : nullptr)
+        if (table->number() > kFirstTable && !deviceName(table->number() - kFirstTable).empty())
+            addWord(fields, "device", deviceName(table->number() - kFirstTable));
 }
 
 } // namespace
 
-// Lists
-
-int listStates(Answer& answer)
+Fields decoded(const Dump& what, const nlmsghdr* message)
 {
-    answer.findings["sas"] = Json::array();
-    return dumpStates([&](const xfrm_usersa_info& state, const Attributes& attributes) {
-        const Json entry       = entryOf(state, attributes);
-        const std::string ends = headline(entry, {"source", "destination"}, " > ");
-        addEntry(answer, "sas",
-                 headline(entry, {"protocol", "mode"}, " ") + ' ' + ends + " spi " + hexadecimal(ntohl(state.id.spi)),
-                 entry, 5);
-    });
+    Fields fields = decode(what.protocol, {reinterpret_cast<const unsigned char*>(message), message->nlmsg_len});
+    complete(what, fields);
+    return fields;
 }
 
-int listPolicies(Answer& answer)
+int readAll(const Dump& what, const std::function<void()>& begin,
+            const std::function<void(const Fields& fields, Bytes message)>& each)
 {
-    answer.findings["policies"]           = Json::array();
-    const Show<xfrm_userpolicy_info> show = [&](const xfrm_userpolicy_info& policy, const Attributes& attributes) {
-        const Json entry       = entryOf(policy, attributes);
-        const std::string ends = headline(entry, {"source", "destination"}, " > ");
-        addEntry(answer, "policies", headline(entry, {"direction"}, "") + ' ' + ends, entry, 3);
+    const auto show = [&](const nlmsghdr* message) {
+        if (message->nlmsg_type == what.reply)
+            each(decoded(what, message), {reinterpret_cast<const unsigned char*>(message), message->nlmsg_len});
     };
-    return dump<xfrm_userpolicy_info>(NETLINK_XFRM, XFRM_MSG_GETPOLICY, XFRM_MSG_NEWPOLICY, nullptr, show);
-}
-
-int listLabels(Answer& answer)
-{
-    answer.findings["labels"] = Json::array();
-    std::vector<Label> labels;
-    const int result = readLabels(labels);
-    for (const Label& each : labels) {
-        Json entry = {{"prefix", each.text()}, {"label", each.label}};
-        if (each.device != 0)
-            entry["device"] = deviceName(each.device);
-        addEntry(answer, "labels", each.text(), entry, 1);
+    std::array<unsigned char, sizeof(tcmsg)> about = {what.family};
+    int result                                     = 0;
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+        Vesk::NetlinkMessage msg;
+        msg.setNLMsgHeader(what.protocol, what.request, NLM_F_REQUEST | NLM_F_DUMP);
+        if (what.payload != 0)
+            msg.addMsgPayload(what.payload, about.data());
+        begin();
+        auto context = &show;
+        result       = msg.messageDump(
+            [](nlmsghdr* message, void* with) { (**static_cast<decltype(context)*>(with))(message); }, &context);
+        if (result != 0 || errno != EINTR)
+            break;
     }
     return result;
-}
-
-int listRules(Answer& answer)
-{
-    answer.findings["rules"]      = Json::array();
-    const Show<fib_rule_hdr> show = [&](const fib_rule_hdr& rule, const Attributes& attributes) {
-        const Json entry = entryOf(rule, attributes);
-        if (rule.family == AF_INET || rule.family == AF_INET6) // multicast has rules too
-            addEntry(answer, "rules", headline(entry, {"family", "priority"}, " "), entry, 2);
-    };
-    fib_rule_hdr about = {}; // of all families
-    return dump<fib_rule_hdr>(NETLINK_ROUTE, RTM_GETRULE, RTM_NEWRULE, &about, show);
-}
-
-// Looks
-
-InstalledStates installedStates(const Record& r)
-{
-    InstalledStates found;
-    const std::string local = addressText(r.local_addr), remote = addressText(r.remote_addr);
-    const unsigned int protocol = r.ipsec_protocol == kAH ? IPPROTO_AH : IPPROTO_ESP;
-    static_cast<void>(dumpStates([&](const xfrm_usersa_info& state, const Attributes& attributes) {
-        const std::string source      = textOf(state.saddr, state.family),
-                          destination = textOf(state.id.daddr, state.family);
-        const bool tx                 = ntohl(state.id.spi) == r.spi_tx && source == local && destination == remote;
-        const bool rx                 = ntohl(state.id.spi) == r.spi_rx && source == remote && destination == local;
-        if (state.id.proto != protocol || (!tx && !rx))
-            return;
-        (tx ? found.tx : found.rx) = true;
-        if (isOther(attributes, XFRMA_ALG_CRYPT, sizeof(xfrm_algo), tx ? r.crypto_key_tx : r.crypto_key_rx,
-                    tx ? r.crypto_key_tx_len : r.crypto_key_rx_len) ||
-            isOther(attributes, XFRMA_ALG_AUTH_TRUNC, sizeof(xfrm_algo_auth), tx ? r.hash_key_tx : r.hash_key_rx,
-                    tx ? r.hash_key_tx_len : r.hash_key_rx_len))
-            found.otherKeys = true;
-    }));
-    return found;
 }
 
 std::string Label::text() const
@@ -405,70 +112,22 @@ std::string Label::text() const
 
 int readLabels(std::vector<Label>& labels)
 {
-    const Show<ifaddrlblmsg> show = [&](const ifaddrlblmsg& entry, const Attributes& attributes) {
-        const auto* const address = attributes.as<std::array<unsigned char, 16>>(IFAL_ADDRESS);
-        const auto label          = attributes.number(IFAL_LABEL);
-        if (address != nullptr && label)
-            labels.push_back({*address, entry.ifal_prefixlen, entry.ifal_index, *label});
-    };
-    ifaddrlblmsg about = {};
-    about.ifal_family  = AF_INET6;
-    return dump<ifaddrlblmsg>(NETLINK_ROUTE, RTM_GETADDRLABEL, RTM_NEWADDRLABEL, &about, show);
-}
-
-int installedRoutes(const std::string& destination, unsigned int table, unsigned int device)
-{
-    table            = table != RT_TABLE_UNSPEC ? table : RT_TABLE_MAIN; // as the kernel takes it
-    rtmsg about      = {};
-    about.rtm_family = AF_INET;
-    int routes       = 0;
-    static_cast<void>(dump<rtmsg>(
-        NETLINK_ROUTE, RTM_GETROUTE, RTM_NEWROUTE, &about, [&](const rtmsg& route, const Attributes& attributes) {
-            const bool same = route.rtm_dst_len == 32 && attributes.has(RTA_DST) &&
-                              addressText(attributes.value(RTA_DST), attributes.size(RTA_DST)) == destination &&
-                              attributes.number(RTA_TABLE) == table && attributes.number(RTA_OIF) == device &&
-                              attributes.number(RTA_PRIORITY) == kRoutePriority;
-            routes += same ? 1 : 0;
-        }));
-    return routes;
-}
-
-std::optional<NextHop> nextHop(const std::string& destination, unsigned char family, unsigned int mark)
-{
-    const int size                        = family == AF_INET ? 4 : 16;
-    std::array<unsigned char, 16> address = {};
-    inet_pton(family, destination.c_str(), address.data());
-    rtmsg about       = {};
-    about.rtm_family  = family;
-    about.rtm_dst_len = static_cast<unsigned char>(8 * size);
-
-    std::optional<NextHop> found;
-    const Show<rtmsg> show = [&](const rtmsg&, const Attributes& attributes) {
-        found = {"", deviceName(attributes.number(RTA_OIF).value_or(0))};
-        if (attributes.has(RTA_GATEWAY))
-            found->gateway = addressText(attributes.value(RTA_GATEWAY), attributes.size(RTA_GATEWAY));
-        else if (attributes.size(RTA_VIA) > sizeof(rtvia))
-            found->gateway =
-                addressText(attributes.value(RTA_VIA) + sizeof(rtvia), attributes.size(RTA_VIA) - sizeof(rtvia));
-    };
-    Shown<rtmsg> shown = {RTM_NEWROUTE, show};
-    Vesk::NetlinkMessage msg;
-    msg.setNLMsgHeader(NETLINK_ROUTE, RTM_GETROUTE, NLM_F_REQUEST);
-    msg.addMsgPayload(sizeof about, &about);
-    msg.addNLAttribute(RTA_DST, size, address.data());
-    msg.addNLAttribute(RTA_MARK, mark);
-    static_cast<void>(msg.messageQuery(
-        [](nlmsghdr* message, void* context) {
-            return static_cast<Shown<rtmsg>*>(context)->take(message) ? Vesk::NetlinkQueryDone
-                                                                      : Vesk::NetlinkQueryContinue;
-        },
-        &shown, false));
-    return found;
-}
-
-bool mayChangeNetworks()
-{
-    __user_cap_header_struct header                         = {_LINUX_CAPABILITY_VERSION_3, 0};
-    __user_cap_data_struct rights[_LINUX_CAPABILITY_U32S_3] = {};
-    return syscall(SYS_capget, &header, rights) == 0 && (rights[0].effective & (1U << CAP_NET_ADMIN)) != 0;
+    return readAll(
+        kLabels, [&labels] { labels.clear(); },
+        [&labels](const Fields& fields, Bytes message) {
+            const Field* const prefix = fieldOf(fields, "prefix");
+            const Field* const label  = fieldOf(fields, "label");
+            const Field* device       = fieldOf(fields, "device");
+            if (device == nullptr)
+                device = fieldOf(fields, "device_index");
+            Label entry = {};
+            if (prefix == nullptr || prefix->valueSize != entry.address.size() || label == nullptr || device == nullptr)
+                return;
+            std::copy_n(message.begin() + static_cast<std::ptrdiff_t>(prefix->valueAt), entry.address.size(),
+                        entry.address.begin());
+            entry.length = static_cast<unsigned int>(prefix->prefix);
+            entry.device = static_cast<unsigned int>(device->number());
+            entry.label  = static_cast<unsigned int>(label->number());
+            labels.push_back(entry);
+        });
 }

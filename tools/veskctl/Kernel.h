@@ -1,26 +1,41 @@
-// What is in the kernel: lists for people, and looks before and after an operation.
+// What is in the kernel: all of a kind.
 #ifndef VESKCTL_KERNEL_H
 #define VESKCTL_KERNEL_H
 
-#include "Answer.h"
-#include "RecordFile.h"
+#include <Decode.h>
 
 #include <array>
-#include <optional>
+#include <cstdint>
+#include <functional>
+#include <span>
 #include <string>
 #include <vector>
 
-// Lists, without keys. All return what the dump returned.
-int listStates(Answer& answer);
-int listPolicies(Answer& answer);
-int listLabels(Answer& answer);
-int listRules(Answer& answer);
+#include <linux/netlink.h>
+#include <sys/socket.h>
 
-// Which SAs of a record are installed, and whether one of them has other keys than the record.
-struct InstalledStates {
-    bool tx = false, rx = false, otherKeys = false;
+using Vesk::Messages::Field;
+using Vesk::Messages::Fields;
+using Bytes = std::span<const unsigned char>;
+
+// What can be asked for, and the messages that it is answered with.
+struct Dump {
+    int protocol;
+    unsigned short request, reply;
+    unsigned char family = AF_UNSPEC; // that the request names
+    int payload          = 0;         // of the request, in bytes
 };
-InstalledStates installedStates(const Record& r);
+extern const Dump kStates, kPolicies, kRules, kLabels, kRoutes, kQdiscs;
+
+// Hands on all that the kernel has, decoded. Devices have their names, where they are there; what the kernel shows in
+// no field of its own is added. A change on the way interrupts the kernel, and something may be missing: then it is
+// asked again, up to three times, each time after `begin`. Returns what the last dump returned; with 0, errno is EINTR
+// where that was interrupted, too.
+int readAll(const Dump& what, const std::function<void()>& begin,
+            const std::function<void(const Fields& fields, Bytes message)>& each);
+
+// One message of it.
+Fields decoded(const Dump& what, const nlmsghdr* message);
 
 struct Label {
     std::array<unsigned char, 16> address;
@@ -30,17 +45,5 @@ struct Label {
     [[nodiscard]] std::string text() const; // "2001:db8::/32"
 };
 int readLabels(std::vector<Label>& labels);
-
-// How many IPv4 routes there are of those that the library installs.
-int installedRoutes(const std::string& destination, unsigned int table, unsigned int device);
-
-// What the kernel would send packets for a destination to. Without a gateway, the destination itself is on the link.
-struct NextHop {
-    std::string gateway, device;
-};
-std::optional<NextHop> nextHop(const std::string& destination, unsigned char family, unsigned int mark);
-
-// Whether this process has CAP_NET_ADMIN.
-bool mayChangeNetworks();
 
 #endif

@@ -1,6 +1,7 @@
 // Commands for the table of IPv6 address labels.
 
 #include "Command.h"
+#include "Kernel.h"
 #include "Text.h"
 
 #include <vesk/netlink.h>
@@ -18,7 +19,7 @@ namespace {
 Operation labelChange(Arguments& a, decltype(Vesk::addrlabelAdd)* operation)
 {
     a.prefix = prefixOf(a.address);
-    a.index  = indexOf(a.device);
+    a.index  = indexOrNumberOf(a.device);
     return {[&a, operation](Answer&) { return operation(&a.prefix.address, a.prefix.length, a.label, a.index); }};
 }
 
@@ -45,14 +46,13 @@ bool hasAddress(const Label& each, const Arguments& a)
     return std::memcmp(each.address.data(), &address, a.prefix.length / 8) == 0;
 }
 
-void judgePurge(const Arguments& a, Answer& answer)
+void judgePurge(const Arguments& a, const std::vector<Label>& before, Answer& answer)
 {
     std::vector<Label> after, purged, left;
     if (answer.result != 0 || readLabels(after) != 0)
         return;
-    const auto& before = a.labelsBefore;
-    const auto own     = std::find_if(before.begin(), before.end(),
-                                      [&](const Label& each) { return isCandidate(each, a) && hasAddress(each, a); });
+    const auto own = std::find_if(before.begin(), before.end(),
+                                  [&](const Label& each) { return isCandidate(each, a) && hasAddress(each, a); });
     for (const Label& each : before)
         if (std::count(after.begin(), after.end(), each) == 0)
             purged.push_back(each);
@@ -80,11 +80,16 @@ void judgePurge(const Arguments& a, Answer& answer)
 
 Operation purge(Arguments& a)
 {
-    a.prefix = prefixOf(a.address);
-    a.index  = indexOf(a.device);
-    return {.call  = [&a](Answer&) { return Vesk::addrlabelPurge(&a.prefix.address, a.prefix.length, a.index); },
-            .look  = [&a] { static_cast<void>(readLabels(a.labelsBefore)); },
-            .judge = [&a](Answer& answer) { judgePurge(a, answer); }};
+    a.prefix          = prefixOf(a.address);
+    a.index           = indexOrNumberOf(a.device);
+    const auto around = [&a](Answer& answer, const auto& makeCall) {
+        std::vector<Label> before;
+        static_cast<void>(readLabels(before));
+        makeCall();
+        judgePurge(a, before, answer);
+    };
+    return {.call   = [&a](Answer&) { return Vesk::addrlabelPurge(&a.prefix.address, a.prefix.length, a.index); },
+            .around = around};
 }
 
 Operation generate(Arguments& a)
@@ -98,28 +103,25 @@ Operation generate(Arguments& a)
     }};
 }
 
-Operation list(Arguments&)
-{
-    return {listLabels};
-}
-
-const Argument kEntryDevice = {"--device", "DEVICE", "Interface; entries of no interface when not given",
+const Argument kEntryDevice = {"--device", "DEVICE", "Name or number; of no interface when not given",
                                &Arguments::device};
-const Argument kLabel       = {"label", "NUMBER", "Label", &Arguments::label};
+const Argument kLabel       = {"label", "NUMBER", "Label, below 0xffffffff", &Arguments::label};
 
 } // namespace
 
 std::vector<Command> labelCommands()
 {
-    const Advice ipv4 = {EOPNOTSUPP, "mainline kernels always refuse this: they have labels for IPv6 only"};
+    const Advice ipv4 = {EOPNOTSUPP, "mainline kernels refuse this always: they have labels for IPv6 only"};
     return {
         {.path      = "label add",
          .what      = "Give an IPv6 prefix a label",
          .example   = "2001:db8::/32 4711 --device wlan0",
          .arguments = {kPrefix, kLabel, kEntryDevice},
          .prepare   = labelAdd,
-         .notes     = "Mainline kernels refuse IPv4 labels (EOPNOTSUPP).",
-         .advice    = {ipv4, {EEXIST, "the prefix has a label; delete it first: veskctl label del"}}},
+         .notes     = "Mainline kernels have no labels for IPv4 (EOPNOTSUPP).",
+         .advice    = {ipv4,
+                       {EINVAL, "there is no such device, or the label is 0xffffffff, which stands for none"},
+                       {EEXIST, "the prefix has a label; delete it first: veskctl label del"}}},
         {.path      = "label del",
          .what      = "Delete the label of an IPv6 prefix",
          .example   = "2001:db8::/32 4711 --device wlan0",
@@ -144,6 +146,5 @@ std::vector<Command> labelCommands()
          .notes      = "Just below the first label above 20 that has none before it, or a random one\n"
                        "above the largest.",
          .unanswered = "the proposal depends on it"},
-        {.path = "label list", .what = "All labels", .prepare = list, .unanswered = "the list is in it"},
     };
 }

@@ -1,6 +1,8 @@
 // Commands for families, addresses, routes, rules and queueing disciplines.
 
 #include "Command.h"
+#include "Looks.h"
+#include "Text.h"
 
 #include <vesk/netlink.h>
 
@@ -34,7 +36,7 @@ Operation gso(Arguments& a)
     return {[&a](Answer&) { return Vesk::RTNetlinkSetGSOMaxSize(a.device, a.size); }};
 }
 
-// Why a look-up found no gateway that the library takes.
+// Why no gateway was found that the library takes; nothing where there is one.
 std::string withoutGateway(const Arguments& a)
 {
     const auto hop = nextHop(a.address, a.family, a.mark);
@@ -42,7 +44,19 @@ std::string withoutGateway(const Arguments& a)
         return "the kernel has no route to " + a.address + " under this mark";
     if (hop->gateway.empty())
         return "on link, no gateway: " + a.address + " is reached over " + hop->device + " itself";
-    return "the gateway is " + hop->gateway + " over " + hop->device + "; only IPv4 gateways are taken";
+    if (hop->gateway.find(':') != std::string::npos)
+        return "the gateway is " + hop->gateway + " over " + hop->device + "; only IPv4 gateways are taken";
+    return "";
+}
+
+// What is said of a route that was not even asked for, since its gateway is none; or whose gateway is elsewhere.
+void judgeGateway(const Arguments& a, Answer& answer, const char* nothing)
+{
+    if (answer.result == 0 || !nextHop(a.address, a.family, a.mark)) // the advice tells of those without a route
+        return;
+    if (const std::string why = withoutGateway(a); !why.empty())
+        answer.notAsAsked(nothing + why);
+    answer.advise(ENETUNREACH, "the gateway is not on the link of " + a.device);
 }
 
 Operation routeGet(Arguments& a)
@@ -50,27 +64,28 @@ Operation routeGet(Arguments& a)
     a.family        = familyOf(a.address);
     const auto call = [&a](Answer& answer) {
         const Vesk::RouterAddressResult router = Vesk::RTNetlinkGetRoute(a.address, a.mark, a.family);
-        if (!router.gateway.empty())
+        if (router.status == 0 && !router.gateway.empty())
             answer.findings["gateway"] = router.gateway;
         return router.status;
     };
-    const auto judge = [&a](Answer& answer) {
+    const auto around = [&a](Answer& answer, const auto& makeCall) {
+        makeCall();
         if (answer.result == 0 && answer.findings.empty())
             answer.notAsAsked(withoutGateway(a));
     };
-    return {.call = call, .judge = judge};
+    return {.call = call, .around = around};
 }
 
 Operation routeAdd(Arguments& a)
 {
-    a.family         = familyOf(a.address);
-    a.index          = indexOf(a.device);
-    const auto call  = [&a](Answer&) { return Vesk::RTNetlinkAddRoute(a.address, a.mark, a.family, a.table, a.index); };
-    const auto judge = [&a](Answer& answer) {
-        if (answer.result != 0 && answer.error == 0)
-            answer.note = withoutGateway(a);
+    a.family          = familyOf(a.address);
+    a.index           = indexOf(a.device);
+    const auto around = [&a](Answer& answer, const auto& makeCall) {
+        makeCall();
+        judgeGateway(a, answer, "nothing was added: ");
     };
-    return {.call = call, .judge = judge};
+    return {.call   = [&a](Answer&) { return Vesk::RTNetlinkAddRoute(a.address, a.mark, a.family, a.table, a.index); },
+            .around = around};
 }
 
 // Nobody waits for the kernel's answer to a removal, so that the table has to tell.
@@ -78,24 +93,27 @@ Operation routeDel(Arguments& a)
 {
     a.family        = familyOf(a.address);
     a.index         = indexOf(a.device);
-    const auto look = [&a] { return installedRoutes(a.address, a.table, a.index); };
     const auto call = [&a](Answer&) {
         return Vesk::RTNetlinkDeleteRoute(a.address, a.mark, a.family, a.table, a.index);
     };
-    const auto judge = [&a, look](Answer& answer) {
+    const auto around = [&a](Answer& answer, const auto& makeCall) {
+        const auto before = routesTo(a.address, a.table, a.index);
         const std::string route =
             "route to " + a.address + " over " + a.device + " in table " + std::to_string(a.table);
-        const int after = look();
-        if (answer.result != 0 && answer.error == 0)
-            answer.note = withoutGateway(a);
-        else if (answer.result == 0 && after == 0 && a.routesBefore == 0)
+        makeCall();
+        judgeGateway(a, answer, "nothing was removed: ");
+        if (answer.result != 0)
+            return;
+        const auto after = routesTo(a.address, a.table, a.index);
+        if (before.empty())
             answer.notAsAsked("nothing to remove: there is no " + route);
-        else if (answer.result == 0 && after >= a.routesBefore)
-            answer.notAsAsked("the " + route + " is still there: " +
-                              (mayChangeNetworks() ? "its gateway is not the one that was looked up now"
-                                                   : "this process has no CAP_NET_ADMIN; run it as root"));
+        else if (after == before && !mayChangeNetworks())
+            answer.notAsAsked("the " + route + " is still there: this process has no CAP_NET_ADMIN; run it as root");
+        else if (const auto hop = nextHop(a.address, a.family, a.mark); after == before && hop)
+            answer.notAsAsked("nothing was removed: what is there is " + joined(after) + ", asked for was via " +
+                              hop->gateway + " metric 100");
     };
-    return {.call = call, .look = [&a, look] { a.routesBefore = look(); }, .judge = judge};
+    return {.call = call, .around = around};
 }
 
 Operation ruleGet(Arguments& a)
@@ -107,61 +125,73 @@ Operation ruleGet(Arguments& a)
             answer.findings = {{"mark", rule->first}, {"mask", rule->second}};
         return rule ? 0 : -1;
     };
-    const auto judge = [&a](Answer& answer) {
-        if (answer.result != 0 && answer.error == 0)
-            answer.note = "no IPv4 rule of priority 16000 has a mark and table " + std::to_string(1000 + a.index) +
-                          ", which is that of " + a.device + "; veskctl rule list shows all";
+    const auto around = [&a](Answer& answer, const auto& makeCall) {
+        makeCall();
+        if (answer.result != 0 && answer.error == ENOENT)
+            answer.notAsAsked("found none: no IPv4 rule of priority 16000 has a mark and table " +
+                              std::to_string(1000 + a.index) + ", which is that of " + a.device +
+                              "; veskctl rule list shows all");
     };
-    return {.call = call, .judge = judge};
+    return {.call = call, .around = around};
 }
 
-Operation ruleList(Arguments&)
+// By operation codes of the library
+constexpr unsigned char kAdd = 0, kDel = 1, kChange = 2;
+
+// What the kernel's errno does not tell of queueing disciplines: whether there is one, and which.
+Operation qdiscChange(Arguments& a, unsigned char operation, std::function<int()> call)
 {
-    return {listRules};
+    a.index           = indexOf(a.device);
+    const auto around = [&a, operation](Answer& answer, const auto& makeCall) {
+        makeCall();
+        const std::string there = qdiscAt(a.index, a.parent);
+        const std::string which = there.empty() ? "; none was installed there" : "; what is there is " + there;
+        answer.advise(EEXIST, "there is one already" + which);
+        if (operation == kAdd)
+            answer.advise(ENOENT, "the kernel lacks this kind, or there is no such parent");
+        else
+            answer.advise(ENOENT, "there is none with this parent and handle" + which);
+        if (operation == kDel)
+            answer.advise(EINVAL, "there is none of this kind, parent and handle" + which);
+    };
+    return {.call = [call = std::move(call)](Answer&) { return call(); }, .around = around};
 }
 
 template <unsigned char operation>
 Operation qdisc(Arguments& a)
 {
-    indexOf(a.device);
-    return {[&a](Answer&) { return Vesk::RTNetlinkTCQdisc(a.device, a.kind, a.parent, a.handle, operation); }};
+    return qdiscChange(a, operation,
+                       [&a] { return Vesk::RTNetlinkTCQdisc(a.device, a.kind, a.parent, a.handle, operation); });
 }
 
 template <unsigned char operation>
 Operation prio(Arguments& a)
 {
-    indexOf(a.device);
-    return {[&a](Answer&) { return Vesk::RTNetlinkTCPrio(a.device, a.parent, a.handle, operation); }};
+    return qdiscChange(a, operation, [&a] { return Vesk::RTNetlinkTCPrio(a.device, a.parent, a.handle, operation); });
 }
 
 template <unsigned char operation>
 Operation flowControl(Arguments& a)
 {
-    indexOf(a.device);
-    return {[&a](Answer&) {
+    return qdiscChange(a, operation, [&a] {
         return Vesk::RTNetlinkFlowControl(a.device, a.parent, a.handle, a.enable ? 1 : 0, operation);
-    }};
+    });
 }
 
-const Argument kDestination = {"destination", "ADDRESS", "Address", &Arguments::address};
-const Argument kOutput      = {"device", "DEVICE", "Output interface", &Arguments::device};
-const Argument kLookUpMark  = {"--mark", "NUMBER", "Firewall mark of the look-up", &Arguments::mark};
-const Argument kTable       = {"--table", "NUMBER", "Routing table; 254 when not given", &Arguments::table};
-const Argument kValid       = {"--valid", "SECONDS", "Valid lifetime; must be given", &Arguments::valid, true};
-const Argument kParent      = {"--parent", "NUMBER", "Parent, as 0x20001 for 2:1; the root when not given",
-                               &Arguments::parent};
-const Argument kHandle      = {"--handle", "NUMBER", "Handle, as 0x10000 for 1:", &Arguments::handle};
-const Argument kKind        = {"kind", "KIND", "Such as fq_codel", &Arguments::kind};
-const Argument kEnable      = {"--enable", "", "Switch flow control on", &Arguments::enable};
+const Argument kDestination = {"destination", "ADDRESS", "Address of the host", &Arguments::address};
+const Argument kOutput      = {"device", "DEVICE", "Interface that packets leave by", &Arguments::device};
+const Argument kLookUpMark  = {"--mark", "NUMBER", "Mark of the packets whose gateway is looked up", &Arguments::mark};
+const Argument kTable       = {"--table", "NUMBER", "Routing table; 254, main, when not given", &Arguments::table};
+const Argument kValid       = {"--valid", "SECONDS", "How long it stays valid; required", &Arguments::valid, true};
+const Argument kParent      = {"--parent", "HANDLE", "Where, such as 2:1; the root when not given", &Arguments::parent};
+const Argument kHandle = {"--handle", "HANDLE", "Its handle, such as 1:; chosen when not given", &Arguments::handle};
+const Argument kKind   = {"kind", "KIND", "Kind of discipline, such as fq_codel", &Arguments::kind};
+const Argument kEnable = {"--enable", "", "Switch flow control on; off when not given", &Arguments::enable};
 
 const std::vector<Advice> kNoRoute = {
-    {ENETUNREACH, "no route leads there, or the gateway is not on this device's link"},
+    {ENETUNREACH, "no route leads there"},
     {EHOSTUNREACH, "no route leads there"},
-    {EEXIST, "there is such a route; remove it first: veskctl route del"},
-};
-const std::vector<Advice> kNoQdisc = {
-    {EEXIST, "there is one already; remove it first"},
-    {ENOENT, "there is none to remove, or the kernel lacks this kind; tc qdisc show lists them"},
+    {EEXIST, "there is a route to this host of the same metric; ip route show table all lists it"},
 };
 
 } // namespace
@@ -185,20 +215,20 @@ std::vector<Command> linkCommands()
         {.path       = "family",
          .what       = "Number of a generic netlink family",
          .example    = "nlctrl",
-         .arguments  = {{"name", "NAME", "Such as nlctrl", &Arguments::name}},
+         .arguments  = {{"name", "NAME", "Name of the family, such as nlctrl", &Arguments::name}},
          .prepare    = family,
          .advice     = {{ENOENT, "the kernel has no such family; its module may have to be loaded"}},
          .unanswered = "the number is in it"},
 
         address("add", "Add an address, for ever", addressChange<AddressAdd>, false),
         address("renew", "Replace an address, for ever", addressChange<AddressRenew>, false),
-        address("deprecate", "Replace an address, preferred no more", addressChange<AddressDeprecate>, true),
-        address("add-deprecated", "Add an address, preferred no more", addressChange<AddressAddDeprecated>, true),
+        address("deprecate", "Replace an address, as a deprecated one", addressChange<AddressDeprecate>, true),
+        address("add-deprecated", "Add an address, as a deprecated one", addressChange<AddressAddDeprecated>, true),
 
         {.path            = "gso",
          .what            = "Set the largest GSO size",
          .example         = "wlan0 16384",
-         .arguments       = {kDevice, {"size", "BYTES", "Up to 65535", &Arguments::size}},
+         .arguments       = {kDevice, {"size", "BYTES", "Largest size, up to 65535", &Arguments::size}},
          .prepare         = gso,
          .mainlineRefusal = ERANGE},
 
@@ -236,51 +266,46 @@ std::vector<Command> linkCommands()
          .notes      = "Looked for: an IPv4 rule of priority 16000, of the table 1000 + the device's\n"
                        "index, with a mark and a mask other than 0. The last one counts.",
          .unanswered = "mark and mask are in it"},
-        {.path = "rule list", .what = "All rules", .prepare = ruleList, .unanswered = "the list is in it"},
 
         {.path      = "qdisc add",
          .what      = "Install a queueing discipline",
-         .example   = "wlan0 --handle 0x10000 fq_codel",
+         .example   = "wlan0 --handle 1: fq_codel",
          .arguments = {kDevice, kKind, kParent, kHandle},
-         .prepare   = qdisc<0>,
-         .advice    = kNoQdisc},
+         .prepare   = qdisc<kAdd>},
         {.path      = "qdisc del",
          .what      = "Remove a queueing discipline",
-         .example   = "wlan0 --handle 0x10000 fq_codel",
+         .example   = "wlan0 --handle 1: fq_codel",
          .arguments = {kDevice, kKind, kParent, kHandle},
-         .prepare   = qdisc<1>,
-         .advice    = kNoQdisc},
+         .prepare   = qdisc<kDel>},
 
         {.path            = "prio add",
          .what            = "Install the platform's five bands",
-         .example         = "wlan0 --handle 0x10000",
+         .example         = "wlan0 --handle 1:",
          .arguments       = {kDevice, kParent, kHandle},
-         .prepare         = prio<0>,
+         .prepare         = prio<kAdd>,
          .mainlineRefusal = EINVAL},
         {.path      = "prio del",
          .what      = "Remove the platform's five bands",
-         .example   = "wlan0 --handle 0x10000",
+         .example   = "wlan0 --handle 1:",
          .arguments = {kDevice, kParent, kHandle},
-         .prepare   = prio<1>,
-         .advice    = kNoQdisc},
+         .prepare   = prio<kDel>},
 
         {.path            = "flow add",
          .what            = "Install the platform's three bands",
-         .example         = "wlan0 --handle 0x10000 --enable",
+         .example         = "wlan0 --handle 1: --enable",
          .arguments       = {kDevice, kParent, kHandle, kEnable},
-         .prepare         = flowControl<0>,
+         .prepare         = flowControl<kAdd>,
          .mainlineRefusal = EINVAL},
         {.path            = "flow change",
          .what            = "Switch their flow control",
-         .example         = "wlan0 --handle 0x10000 --enable",
+         .example         = "wlan0 --handle 1: --enable",
          .arguments       = {kDevice, kParent, kHandle, kEnable},
-         .prepare         = flowControl<2>,
+         .prepare         = flowControl<kChange>,
          .mainlineRefusal = EINVAL},
         {.path      = "flow del",
          .what      = "Remove the platform's three bands",
-         .example   = "wlan0 --handle 0x10000",
+         .example   = "wlan0 --handle 1:",
          .arguments = {kDevice, kParent, kHandle},
-         .prepare   = flowControl<1>,
-         .advice    = kNoQdisc},
+         .prepare   = flowControl<kDel>},
     };
 }

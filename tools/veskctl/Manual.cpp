@@ -1,11 +1,61 @@
 #include "Manual.h"
 
-#include "RecordFile.h"
+#include "CommandLine.h"
+#include "Text.h"
 
-#include <cstdio>
-#include <sstream>
+#include <algorithm>
 
 namespace {
+
+const std::string kPurpose = "Changes the kernel's networking state over netlink, one operation a call.";
+
+constexpr std::pair<Status, const char*> kStatuses[] = {
+    {Done, "Done."},
+    {Refused, "Refused by the kernel or the library, or failed. The message says which, and why."},
+    {WrongUsage, "Wrong usage, or a record that cannot be meant. Nothing was sent."},
+    {NotAsAsked, "Done in part, or not as asked: the message says what happened. What was asked for may also\n"
+                 "not be there."},
+    {Lost, "Done, but the answer could not be written whole."},
+};
+
+std::string padded(std::string text, std::size_t width = 26)
+{
+    text.resize(std::max(text.size() + 2, width), ' ');
+    return text;
+}
+
+std::string nameOf(const Argument& argument)
+{
+    return (argument.name == "--help" ? "-h," : "") + argument.name +
+           (argument.type.empty() ? "" : ' ' + argument.type);
+}
+
+bool isOption(const Argument& argument)
+{
+    return argument.name.starts_with('-');
+}
+
+std::string section(const std::string& title, const std::vector<Argument>& arguments, bool options)
+{
+    std::string text;
+    for (const Argument& each : arguments)
+        if (isOption(each) == options)
+            text += padded("  " + nameOf(each)) + each.what + '\n';
+    return text.empty() ? "" : title + ":\n" + text;
+}
+
+std::string notesOf(const Command& command)
+{
+    return (command.notes.empty() ? "" : command.notes + '\n') +
+           (command.mainlineRefusal == 0 ? ""
+                                         : "Mainline kernels refuse this always (" +
+                                               errorName(command.mainlineRefusal) + ", if nothing else is wrong).\n");
+}
+
+std::string exampleOf(const Command& command)
+{
+    return "  veskctl " + command.path + (command.example.empty() ? "" : ' ' + command.example) + '\n';
+}
 
 // Text as man wants it. What begins a line with a dot or a quote would be a request.
 std::string escaped(const std::string& text)
@@ -19,75 +69,84 @@ std::string escaped(const std::string& text)
     return to;
 }
 
-void put(const std::string& line)
+std::string listed(const std::vector<Argument>& arguments)
 {
-    std::printf("%s\n", line.c_str());
+    std::string text;
+    for (const Argument& each : arguments)
+        text += ".TP\n\\fB" + escaped(nameOf(each)) + "\\fR\n" + escaped(each.what) + ".\n";
+    return text;
 }
 
-void putVerbatim(const std::string& text)
+std::string verbatim(const std::string& text)
 {
-    put(".nf\n" + escaped(text) + "\n.fi");
-}
-
-void putOptions(const CLI::App& app)
-{
-    for (const CLI::Option* each : app.get_options([](const CLI::Option*) { return true; })) {
-        if (each == app.get_help_ptr() && app.get_parent() != nullptr)
-            continue;
-        put(".TP\n\\fB" + escaped(each->get_name(each->get_positional())) + "\\fR \\fI" +
-            escaped(each->get_option_text()) + "\\fR");
-        put(escaped(each->get_description()));
-    }
-}
-
-void putCommands(const CLI::App& group, const std::string& path)
-{
-    for (const CLI::App* each : group.get_subcommands(std::function<bool(const CLI::App*)>())) {
-        const std::string name = path + ' ' + each->get_name();
-        if (!each->get_subcommands(std::function<bool(const CLI::App*)>()).empty()) {
-            putCommands(*each, name);
-            continue;
-        }
-        put(".SS " + escaped(name));
-        put(escaped(each->get_description()) + '.');
-        putOptions(*each);
-        put(".PP");
-        const std::string footer  = each->get_footer();
-        const std::size_t example = footer.find("Example:");
-        put(escaped(footer.substr(0, example)) + ".PP");
-        putVerbatim(footer.substr(example));
-    }
+    return ".nf\n" + escaped(text) + ".fi\n";
 }
 
 } // namespace
 
-int printManual(const CLI::App& root)
+std::string helpOn(const std::string& path)
 {
+    const auto& all   = allCommands();
+    const auto found  = std::find_if(all.begin(), all.end(), [&](const Command& each) { return each.path == path; });
+    std::string usage = "Usage: veskctl " + path;
+    if (found == all.end()) {
+        std::string text = path.empty() ? kPurpose + '\n' : "";
+        text += usage + (path.empty() ? "" : " ") + "COMMAND [ARGUMENTS] [OPTIONS]\n";
+        if (path.empty())
+            text += section("Options", commonOptions(), true);
+        text += "Commands:\n";
+        for (const auto& [word, what] : nextWords(path))
+            text += padded("  " + word) + what + '\n';
+        return text +
+               (path.empty() ? "Status: 0 done, 1 failed, 2 wrong usage, 3 in part or otherwise, 4 answer lost\n" : "");
+    }
+    for (const Argument& each : found->arguments)
+        if (!isOption(each))
+            usage += ' ' + each.name;
+    return found->what + '\n' + usage + " [OPTIONS]\n" + section("Arguments", found->arguments, false) +
+           section("Options", found->arguments, true) + "veskctl --help shows the options of all commands.\n" +
+           notesOf(*found) + "Example:\n" + exampleOf(*found);
+}
+
+std::string manual()
+{
+    std::string page = ".TH VESKCTL 8 \"\" \"veskctl " VESK_VERSION "\" \"System administration\"\n"
+                       ".SH NAME\nveskctl \\- changes the kernel's networking state, one operation a call\n"
+                       ".SH SYNOPSIS\n.B veskctl\n\\fIcommand\\fR [\\fIarguments\\fR] [\\fIoptions\\fR]\n"
+                       ".SH DESCRIPTION\n" +
+                       escaped(kPurpose) +
+                       "\nWhat cannot be meant is refused before anything is sent. Where the kernel's answer does not\n"
+                       "tell what happened, the kernel is looked at before and after.\n.SH OPTIONS\n" +
+                       listed(commonOptions()) + ".SH COMMANDS\n";
+    for (const Command& each : allCommands())
+        page += ".SS " + escaped("veskctl " + each.path) + '\n' + escaped(each.what) + ".\n" + listed(each.arguments) +
+                ".PP\n" + escaped(notesOf(each)) + ".PP\nExample:\n" + verbatim(exampleOf(each));
     Answer record;
     explainRecord(record);
-    put(".TH VESKCTL 8 \"\" \"veskctl " VESK_VERSION "\" \"System administration\"");
-    put(".SH NAME\nveskctl \\- changes the kernel's networking state, one operation a call");
-    put(".SH SYNOPSIS\n.B veskctl\n[\\fIoptions\\fR] \\fIcommand\\fR [\\fIarguments\\fR]");
-    put(".SH DESCRIPTION\n" + escaped(root.get_description()));
-    put(".SH OPTIONS");
-    putOptions(root);
-    put(".SH COMMANDS");
-    putCommands(root, "veskctl");
-    put(".SH RECORDS\n"
-        "A record is a file with one \"name = value\" a line; behind ; or # is a comment. It holds keys, so it is\n"
-        "refused when others than its owner may read it. Words stand for codes:");
-    putVerbatim(record.text);
-    put(".SH EXIT STATUS");
-    for (const auto& [status, meaning] :
-         {std::pair(Done, "Done."),
-          std::pair(Refused, "Refused by the kernel, or by the library before anything was sent."),
-          std::pair(WrongUsage, "Wrong usage, or a record that cannot be meant. Nothing was sent."),
-          std::pair(NotAsAsked, "The call succeeded, but nothing happened, or not all that was asked.")})
-        put(".TP\n" + std::to_string(status) + '\n' + meaning);
-    put(".SH ENVIRONMENT\n"
-        ".TP\nVESK_LOG_LEVEL\nThe level of \\-\\-log where that is not given.\n"
-        ".TP\nNO_COLOR\nNo colours on a terminal either.");
-    put(".SH FILES\n/usr/share/doc/libvesk\\-netlink/examples holds records to begin with.");
-    put(".SH SEE ALSO\nip(8), ip\\-xfrm(8), ip\\-addrlabel(8), ip\\-rule(8), tc(8)");
-    return std::fflush(stdout) == 0 ? Done : Refused;
+    page +=
+        ".SH RECORDS\n"
+        "A record is a file with one \"name = value\" a line; the rest of a line from ; or # on is ignored. It\n"
+        "holds keys. So a regular file, standard input included, is refused when its mode lets its group or others\n"
+        "read or write it; other files, such as pipes, have no such mode and are not looked at. Root is told when\n"
+        "the file belongs to another user. While keys are held, the process leaves no core file.\n"
+        ".PP\nRefused are keys that are all zeros and, except when SAs are removed, ends that are equal, unspecified\n"
+        "(0.0.0.0, ::), loopback, multicast or broadcast. Words stand for codes:\n" +
+        verbatim(record.text) +
+        ".SH LISTS AND JSON\n"
+        "Lists name what is not as usual: what is left out is 0, none, any, or without limit. \"unknown\" are attributes\n"
+        "and bytes that veskctl cannot read, by number and length. On a terminal, lines end where it does; elsewhere\n"
+        "each object is one line.\n"
+        ".PP\nA field has the same type in all answers of a list: numbers are decimal, in the units of their names; words\n"
+        "stand for numbers, and those without a word are digits in a text. In place of ports, selectors of ICMP have\n"
+        "message_type and message_code, those of GRE gre_key, all numbers. SAs that the kernel has no keys for yet have the\n"
+        "state larval. The device of a rule is the one whose own table it looks up.\n" +
+        verbatim(explainedLists()) + ".SH EXIT STATUS\n";
+    for (const auto& [status, meaning] : kStatuses)
+        page += ".TP\n" + std::to_string(status) + '\n' + meaning + '\n';
+    return page +
+           ".SH ENVIRONMENT\n"
+           ".TP\nVESK_LOG_LEVEL\nThe level of \\-\\-log where that is not given: 1 to 5, and 4 when neither is.\n"
+           ".TP\nNO_COLOR\nNo colours on a terminal either.\n"
+           ".SH FILES\n/usr/share/doc/libvesk\\-netlink/examples holds records to begin with.\n"
+           ".SH SEE ALSO\nip(8), ip\\-xfrm(8), ip\\-addrlabel(8), ip\\-rule(8), tc(8)\n";
 }

@@ -1,10 +1,13 @@
-// The manual page, made from the command line.
+// The help and the manual page, made from the tables of commands.
 #ifndef VESKCTL_MANUAL_H
 #define VESKCTL_MANUAL_H
 
-#include <CLI/CLI.hpp>
+#include <string>
 
-// Prints it for man, and returns the exit status.
-int printManual(const CLI::App& root);
+// On a command, a group of commands, or all ("").
+std::string helpOn(const std::string& path);
+
+// For man.
+std::string manual();
 
 #endif

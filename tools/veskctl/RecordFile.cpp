@@ -2,21 +2,27 @@
 
 #include "Text.h"
 
+#include <netlink/Wipe.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <cstddef>
 #include <cstring>
 #include <map>
-#include <netlink/Wipe.h>
+#include <span>
 #include <string_view>
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
 
+constexpr rlimit kNoCore             = {0, 0};
 constexpr std::size_t kLargestFile   = 65536;
 constexpr std::uint32_t kSmallestSPI = 256; // those below are reserved
 constexpr std::uint32_t kCBC = 1, kCTR = 2;
@@ -31,7 +37,7 @@ struct Word {
 using Words = std::vector<Word>;
 
 const Words kProtocols = {{"ah", {kAH}}, {"esp", {kESP}}};
-const Words kModes     = {{"tunnel", {1}}, {"transport", {2}}};
+const Words kModes     = {{"tunnel", {kTunnel}}, {"transport", {2}}};
 const Words kAESModes  = {{"cbc", {kCBC}}, {"ctr", {kCTR}}};
 const Words kCiphers   = {{"des-cbc", {9}, {8}},
                           {"3des-cbc", {10}, {24}},
@@ -94,122 +100,127 @@ struct Wrong : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-using Setter = std::function<void(Reading&, std::string_view)>;
-
-template <typename Value>
-Setter numberIn(std::uint8_t Record::*valid, Value Record::*field, std::uint32_t lowest, std::uint32_t highest)
-{
-    return [=](Reading& reading, std::string_view text) {
-        const auto value = numberOf(text);
-        if (!value || *value < lowest || *value > highest)
-            throw Wrong("write a number from " + std::to_string(lowest) + " to " + std::to_string(highest) +
-                        ", decimal or with 0x");
-        reading.record.*field = static_cast<Value>(*value);
-        reading.record.*valid = 1;
-    };
-}
-
-Setter wordIn(std::uint8_t Record::*valid, std::uint32_t Record::*field, const Words& words)
-{
-    return [=, &words](Reading& reading, std::string_view text) {
-        const auto code  = numberOf(text);
-        const auto found = std::find_if(words.begin(), words.end(), [&](const Word& each) {
-            return code ? std::count(each.codes.begin(), each.codes.end(), *code) != 0 : text == each.word;
-        });
-        if (found == words.end())
-            throw Wrong("write one of " + listed(words));
-        reading.record.*field = code ? static_cast<std::uint32_t>(*code) : found->codes[0];
-        reading.record.*valid = 1;
-        if (!code && found->mode != 0)
-            reading.impliedMode = found->mode;
-    };
-}
-
-Setter addressIn(std::uint8_t Record::*valid, tro_ip_addr_type_v01 Record::*field)
-{
-    return [=](Reading& reading, std::string_view given) {
-        tro_ip_addr_type_v01& address = reading.record.*field;
-        const std::string text(given);
-        in_addr v4 = {};
-        if (inet_pton(AF_INET, text.c_str(), &v4) == 1) {
-            const std::uint32_t word = ntohl(v4.s_addr); // the record keeps IPv4 addresses in host order
-            address.ip_type          = 4;
-            address.addr_len         = sizeof word;
-            std::memcpy(address.addr, &word, sizeof word);
-        } else if (inet_pton(AF_INET6, text.c_str(), address.addr) == 1) {
-            address.ip_type  = 6;
-            address.addr_len = sizeof address.addr;
-        } else {
-            throw Wrong("write an address, such as 192.0.2.1 or 2001:db8::1");
-        }
-        reading.record.*valid = 1;
-    };
-}
-
-template <std::size_t size>
-Setter keyIn(std::uint8_t Record::*valid, std::uint32_t Record::*length, std::uint8_t (Record::*field)[size])
-{
-    return [=](Reading& reading, std::string_view text) {
-        bool right = text.size() % 2 == 0 && text.size() / 2 <= size;
-        for (std::size_t i = 0; right && i < text.size() / 2; ++i) {
-            const char* const first = text.data() + 2 * i;
-            right = std::from_chars(first, first + 2, (reading.record.*field)[i], 16).ptr == first + 2;
-        }
-        if (!right)
-            throw Wrong("write whole bytes, two hexadecimal digits each");
-        reading.record.*length = static_cast<std::uint32_t>(text.size() / 2);
-        reading.record.*valid  = 1;
-    };
-}
-
-void setPort(Reading& reading, std::string_view text)
-{
-    numberIn(&Record::udp_encap_port_valid, &Record::udp_encap_port, 1, UINT16_MAX)(reading, text);
-    reading.record.udp_encap_port = htons(reading.record.udp_encap_port);
-}
-
+// A field of the record, by its place there. What it holds shows in its size, if it has no words.
 struct Field {
     const char* name;
-    const char* meaning;
+    std::size_t valid, at, size;
     unsigned neededFor; // Purposes
-    std::uint8_t Record::*valid;
-    Setter set;
+    const char* meaning;
+    std::uint32_t lowest = 0, highest = 0; // of a number
     const Words* words = nullptr;
+
+    [[nodiscard]] bool isAddress() const { return size == sizeof(tro_ip_addr_type_v01); }
+    [[nodiscard]] bool isKey() const { return size > sizeof(tro_ip_addr_type_v01); } // its length lies before it
+    [[nodiscard]] const std::uint8_t* in(const Record& record) const
+    {
+        return reinterpret_cast<const std::uint8_t*>(&record) + at;
+    }
+    [[nodiscard]] std::uint8_t* in(Record& record) const { return reinterpret_cast<std::uint8_t*>(&record) + at; }
+    [[nodiscard]] bool isIn(const Record& record) const
+    {
+        return in(record)[static_cast<std::ptrdiff_t>(valid) - static_cast<std::ptrdiff_t>(at)] != 0;
+    }
+    [[nodiscard]] std::span<const std::uint8_t> keyIn(const Record& record) const
+    {
+        std::uint32_t length = 0;
+        std::memcpy(&length, in(record) - sizeof length, sizeof length);
+        return {in(record), length};
+    }
 };
+static_assert(offsetof(Record, crypto_key_rx_len) + 4 == offsetof(Record, crypto_key_rx));
+static_assert(offsetof(Record, hash_key_tx_len) + 4 == offsetof(Record, hash_key_tx));
 
 constexpr unsigned kIdentity = ForStates | ForRemoval | ForPolicies;
 constexpr unsigned kAlways   = kIdentity | ForMigration;
 
-#define FIELD(name, meaning, neededFor) #name, meaning, neededFor, &Record::name##_valid
-#define NUMBER(name, lowest, highest)   numberIn(&Record::name##_valid, &Record::name, lowest, highest)
-#define ADDRESS(name)                   addressIn(&Record::name##_valid, &Record::name)
-#define KEY(name)                       keyIn(&Record::name##_valid, &Record::name##_len, &Record::name)
-#define WORD(name, words)               wordIn(&Record::name##_valid, &Record::name, words), &words
+#define FIELD(name) #name, offsetof(Record, name##_valid), offsetof(Record, name), sizeof(Record::name)
 
 const std::vector<Field> kFields = {
-    {FIELD(spi_rx, "SPI of the incoming SA, from 256 on", kIdentity), NUMBER(spi_rx, kSmallestSPI, UINT32_MAX)},
-    {FIELD(spi_tx, "SPI of the outgoing SA, from 256 on", kIdentity), NUMBER(spi_tx, kSmallestSPI, UINT32_MAX)},
-    {FIELD(ipsec_protocol, "IPsec protocol; mainline kernels refuse SAs of AH", kAlways),
-     WORD(ipsec_protocol, kProtocols)},
-    {FIELD(encap_mode, "mode", ForStates | ForPolicies | ForMigration), WORD(encap_mode, kModes)},
-    {FIELD(remote_addr, "the peer's address, IPv4 or IPv6", kAlways), ADDRESS(remote_addr)},
-    {FIELD(local_addr, "this end's address, of the same family", kAlways), ADDRESS(local_addr)},
-    {FIELD(hash_algo, "integrity algorithm", ForStates), WORD(hash_algo, kHashes)},
-    {FIELD(crypto_algo, "cipher; AES by its code is in the mode of aes_mode", ForStates), WORD(crypto_algo, kCiphers)},
-    {FIELD(crypto_key_rx, "cipher key of the incoming SA, in hexadecimal", ForStates), KEY(crypto_key_rx)},
-    {FIELD(crypto_key_tx, "cipher key of the outgoing SA, in hexadecimal", ForStates), KEY(crypto_key_tx)},
-    {FIELD(udp_encap, "1: ESP goes in UDP, 0: it does not", 0), NUMBER(udp_encap, 0, 1)},
-    {FIELD(aes_mode, "mode of AES; cbc when missing", 0), WORD(aes_mode, kAESModes)},
-    {FIELD(udp_encap_port, "this end's UDP port; the peer's is 4500", 0), setPort},
-    {FIELD(hash_key_rx, "integrity key of the incoming SA, in hexadecimal", ForStates), KEY(hash_key_rx)},
-    {FIELD(hash_key_tx, "integrity key of the outgoing SA, in hexadecimal", ForStates), KEY(hash_key_tx)},
+    {FIELD(spi_rx), kIdentity, "SPI of the incoming SA, from 256 on", kSmallestSPI, UINT32_MAX},
+    {FIELD(spi_tx), kIdentity, "SPI of the outgoing SA, from 256 on", kSmallestSPI, UINT32_MAX},
+    {FIELD(ipsec_protocol), kAlways, "IPsec protocol; mainline kernels refuse SAs of AH", 0, 0, &kProtocols},
+    {FIELD(encap_mode), kAlways & ~ForRemoval, "mode", 0, 0, &kModes},
+    {FIELD(remote_addr), kAlways, "the peer's address, IPv4 or IPv6"},
+    {FIELD(local_addr), kAlways, "this end's address, of the same family"},
+    {FIELD(hash_algo), ForStates, "integrity algorithm", 0, 0, &kHashes},
+    {FIELD(crypto_algo), ForStates, "cipher; AES by its code is in the mode of aes_mode", 0, 0, &kCiphers},
+    {FIELD(crypto_key_rx), ForStates, "cipher key of the incoming SA, in hexadecimal"},
+    {FIELD(crypto_key_tx), ForStates, "cipher key of the outgoing SA, in hexadecimal"},
+    {FIELD(udp_encap), 0, "1: ESP goes in UDP, 0: it does not", 0, 1},
+    {FIELD(aes_mode), 0, "mode of AES; cbc when missing", 0, 0, &kAESModes},
+    {FIELD(udp_encap_port), 0, "this end's UDP port; the peer's is 4500", 1, UINT16_MAX},
+    {FIELD(hash_key_rx), ForStates, "integrity key of the incoming SA, in hexadecimal"},
+    {FIELD(hash_key_tx), ForStates, "integrity key of the outgoing SA, in hexadecimal"},
 };
 
 #undef FIELD
-#undef NUMBER
-#undef ADDRESS
-#undef KEY
-#undef WORD
+
+std::uint32_t numberFor(const Field& field, std::string_view text, Reading& reading)
+{
+    const auto number = numberOf(text);
+    if (field.words == nullptr) {
+        if (number && *number >= field.lowest && *number <= field.highest)
+            return static_cast<std::uint32_t>(*number);
+        throw Wrong("write a number from " + std::to_string(field.lowest) + " to " + std::to_string(field.highest) +
+                    ", decimal or with 0x");
+    }
+    for (const Word& each : *field.words)
+        if (number ? std::count(each.codes.begin(), each.codes.end(), *number) != 0 : text == each.word) {
+            if (!number && each.mode != 0)
+                reading.impliedMode = each.mode;
+            return number ? static_cast<std::uint32_t>(*number) : each.codes[0];
+        }
+    throw Wrong("write one of " + listed(*field.words));
+}
+
+tro_ip_addr_type_v01 addressFor(std::string_view given)
+{
+    tro_ip_addr_type_v01 address = {};
+    const std::string text(given);
+    in_addr v4 = {};
+    if (inet_pton(AF_INET, text.c_str(), &v4) == 1) {
+        const std::uint32_t word = ntohl(v4.s_addr); // the record keeps IPv4 addresses in host order
+        address                  = {4, sizeof word, {}};
+        std::memcpy(address.addr, &word, sizeof word);
+    } else if (inet_pton(AF_INET6, text.c_str(), address.addr) == 1) {
+        address.ip_type  = 6;
+        address.addr_len = sizeof address.addr;
+    } else {
+        throw Wrong("write an address, such as 192.0.2.1 or 2001:db8::1");
+    }
+    return address;
+}
+
+void setKey(const Field& field, std::string_view text, Record& record)
+{
+    const auto length = static_cast<std::uint32_t>(text.size() / 2);
+    bool right        = text.size() % 2 == 0 && length <= field.size;
+    for (std::size_t i = 0; right && i < length; ++i) {
+        const char* const first = text.data() + 2 * i;
+        right                   = std::from_chars(first, first + 2, field.in(record)[i], 16).ptr == first + 2;
+    }
+    if (!right)
+        throw Wrong("write whole bytes, two hexadecimal digits each");
+    std::memcpy(field.in(record) - sizeof length, &length, sizeof length);
+}
+
+void set(const Field& field, std::string_view text, Reading& reading)
+{
+    Record& record = reading.record;
+    if (field.isKey()) {
+        setKey(field, text, record);
+    } else if (field.isAddress()) {
+        const auto address = addressFor(text);
+        std::memcpy(field.in(record), &address, sizeof address);
+    } else {
+        const std::uint32_t number = numberFor(field, text, reading);
+        const auto port            = htons(static_cast<std::uint16_t>(number));
+        const auto flag            = static_cast<std::uint8_t>(number);
+        const void* const value = field.size == 1 ? &flag : field.size == 2 ? &port : static_cast<const void*>(&number);
+        std::memcpy(field.in(record), value, field.size);
+    }
+    field.in(record)[static_cast<std::ptrdiff_t>(field.valid) - static_cast<std::ptrdiff_t>(field.at)] = 1;
+}
 
 std::string fieldName(const Field& field)
 {
@@ -231,12 +242,15 @@ public:
     Text(const Text&)            = delete;
     Text& operator=(const Text&) = delete;
 
-    void read(const std::string& path)
+    void read(const std::string& path, std::vector<std::string>& warnings)
     {
-        const bool standardInput = path == "-" || path == "/dev/stdin";
-        const int descriptor     = standardInput ? STDIN_FILENO : open(path.c_str(), O_RDONLY | O_CLOEXEC);
-        const std::string error  = descriptor < 0 ? unreadable() : readFrom(descriptor, standardInput);
-        if (!standardInput && descriptor >= 0)
+        const int already    = openedAlready(path);
+        const int descriptor = already >= 0 ? already : open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        // Not before it is open: an ordinary user's /proc/self/fd would be closed to itself.
+        const bool safe = prctl(PR_SET_DUMPABLE, 0) == 0 && setrlimit(RLIMIT_CORE, &kNoCore) == 0;
+        const std::string error =
+            descriptor < 0 || !safe ? unreadable() : readFrom(descriptor, titleOf(path), warnings);
+        if (already < 0 && descriptor >= 0)
             close(descriptor);
         if (!error.empty())
             throw Refusal(titleOf(path) + ": " + error);
@@ -246,14 +260,24 @@ public:
 private:
     static std::string unreadable() { return std::string("cannot be read: ") + std::strerror(errno); }
 
+    // Standard input, or what a shell hands over as /dev/fd/63; -1 for any other path.
+    static int openedAlready(const std::string& path)
+    {
+        const bool handedOver = path.starts_with("/dev/fd/");
+        const auto number     = handedOver ? numberOf(path.substr(std::strlen("/dev/fd/"))) : std::nullopt;
+        return path == "-" || path == "/dev/stdin" ? STDIN_FILENO : number ? static_cast<int>(*number) : -1;
+    }
+
     // The file that is looked at is the one that is read. Only a file has a mode that says who else may read it.
-    std::string readFrom(int descriptor, bool standardInput)
+    std::string readFrom(int descriptor, const std::string& title, std::vector<std::string>& warnings)
     {
         struct stat about = {};
         if (fstat(descriptor, &about) != 0)
             return unreadable();
-        if (!standardInput && S_ISREG(about.st_mode) && (about.st_mode & (S_IRWXG | S_IRWXO)) != 0)
-            return "holds keys, but others may read it; chmod 600 it, or a copy";
+        if (S_ISREG(about.st_mode) && (about.st_mode & (S_IRGRP | S_IWGRP | S_IROTH | S_IWOTH)) != 0)
+            return "holds keys, but others may read or write it; chmod 600 it, or a copy";
+        if (S_ISREG(about.st_mode) && geteuid() == 0 && about.st_uid != 0)
+            warnings.push_back(title + ": belongs to user " + std::to_string(about.st_uid) + ", who can change it");
         ssize_t got = 0;
         while ((got = ::read(descriptor, text.data() + size, text.size() - size)) > 0)
             size += static_cast<std::size_t>(got);
@@ -321,22 +345,50 @@ void readLine(std::string_view line, std::size_t number, Reading& reading, Lines
         return problems.add(
             std::string(name) + ": given in line " + std::to_string(given->second) + " too; write it once", number);
     try {
-        field->set(reading, trimmed(line.substr(sign + 1)));
+        set(*field, trimmed(line.substr(sign + 1)), reading);
     } catch (const Wrong& wrong) {
         problems.add(std::string(name) + ": " + wrong.what(), number);
     }
 }
 
-void checkKey(const char* name, const Word* algorithm, std::uint8_t valid, std::size_t length, const Lines& lines,
-              Problems& problems)
+// What an address is, that no end of a tunnel is; null for all others.
+const char* unusable(const tro_ip_addr_type_v01& address)
 {
-    if (algorithm != nullptr && valid != 0 && std::count(algorithm->keys.begin(), algorithm->keys.end(), length) == 0)
-        problems.add(std::string(name) + ": " + std::to_string(length) + " bytes; " + algorithm->word + " takes " +
-                         either(algorithm->keys),
-                     lines.at(name));
+    in6_addr v6 = {};
+    std::memcpy(&v6, address.addr, sizeof v6);
+    std::uint32_t v4 = 0;
+    std::memcpy(&v4, address.addr, sizeof v4);
+    const bool is4 = address.ip_type == 4;
+    if (is4 ? v4 == INADDR_ANY : IN6_IS_ADDR_UNSPECIFIED(&v6) != 0)
+        return "no address";
+    if (is4 ? v4 >> 24 == IN_LOOPBACKNET : IN6_IS_ADDR_LOOPBACK(&v6) != 0)
+        return "a loopback address";
+    if (is4 ? v4 >= INADDR_UNSPEC_GROUP : IN6_IS_ADDR_MULTICAST(&v6) != 0)
+        return "a multicast or broadcast address";
+    return nullptr;
 }
 
-void check(const Record& r, Purpose purpose, const Lines& lines, Problems& problems)
+// What is wrong with a value by itself, or nothing.
+std::string mistakeIn(const Record& r, const Field& field, Purpose purpose)
+{
+    if (field.isAddress() && purpose != ForRemoval) { // what is installed all the same must be possible to remove
+        tro_ip_addr_type_v01 address = {};
+        std::memcpy(&address, field.in(r), sizeof address);
+        const char* const what = unusable(address);
+        return what != nullptr ? std::string(what) + "; write one that the other end can reach" : "";
+    }
+    if (!field.isKey())
+        return "";
+    const auto key              = field.keyIn(r);
+    const Word* const algorithm = field.name[0] == 'c' ? cipherOf(r) : hashOf(r);
+    if (algorithm != nullptr && std::count(algorithm->keys.begin(), algorithm->keys.end(), key.size()) == 0)
+        return std::to_string(key.size()) + " bytes; " + algorithm->word + " takes " + either(algorithm->keys);
+    return std::all_of(key.begin(), key.end(), [](unsigned char byte) { return byte == 0; })
+               ? "all zeros; write the key"
+               : "";
+}
+
+void check(const Record& r, Purpose purpose, const Lines& lines, Problems& problems, std::vector<std::string>& warnings)
 {
     std::vector<std::string> missing;
     for (const Field& field : kFields)
@@ -349,21 +401,34 @@ void check(const Record& r, Purpose purpose, const Lines& lines, Problems& probl
     if (!missing.empty())
         problems.add("missing: " + joined(missing));
 
-    if (r.local_addr_valid != 0 && r.remote_addr_valid != 0 && r.local_addr.ip_type != r.remote_addr.ip_type)
-        problems.add("remote_addr: of another family than local_addr; write two IPv4 or two IPv6 addresses",
-                     lines.at("remote_addr"));
-    checkKey("crypto_key_rx", cipherOf(r), r.crypto_key_rx_valid, r.crypto_key_rx_len, lines, problems);
-    checkKey("crypto_key_tx", cipherOf(r), r.crypto_key_tx_valid, r.crypto_key_tx_len, lines, problems);
-    checkKey("hash_key_rx", hashOf(r), r.hash_key_rx_valid, r.hash_key_rx_len, lines, problems);
-    checkKey("hash_key_tx", hashOf(r), r.hash_key_tx_valid, r.hash_key_tx_len, lines, problems);
+    if (r.local_addr_valid != 0 && r.remote_addr_valid != 0) {
+        if (r.local_addr.ip_type != r.remote_addr.ip_type)
+            problems.add("remote_addr: of another family than local_addr; write two IPv4 or two IPv6 addresses",
+                         lines.at("remote_addr"));
+        else if (addressText(r.local_addr) == addressText(r.remote_addr) && purpose != ForRemoval)
+            problems.add("remote_addr: the same as local_addr; write the peer's", lines.at("remote_addr"));
+    }
+    const Field* before = nullptr;
+    for (const Field& field : kFields) {
+        const std::string mistake = field.isIn(r) ? mistakeIn(r, field, purpose) : "";
+        if (!mistake.empty())
+            problems.add(std::string(field.name) + ": " + mistake, lines.at(field.name));
+        // The keys of the two directions are neighbours in the record.
+        const auto rx = before != nullptr && before->isKey() ? before->keyIn(r) : std::span<const std::uint8_t>();
+        const auto tx = field.isKey() ? field.keyIn(r) : std::span<const std::uint8_t>();
+        if (!rx.empty() && std::equal(rx.begin(), rx.end(), tx.begin(), tx.end()))
+            warnings.push_back(std::string(before->name) + ": the same as " + field.name +
+                               "; each direction should have its own");
+        before = &field;
+    }
 }
 
 } // namespace
 
-void FileRecord::read(const std::string& path, Purpose purpose)
+void FileRecord::read(const std::string& path, Purpose purpose, std::vector<std::string>& warnings)
 {
     Text text;
-    text.read(path);
+    text.read(path, warnings);
     Problems problems(path);
     Reading reading = {*this};
     Lines lines;
@@ -379,7 +444,7 @@ void FileRecord::read(const std::string& path, Purpose purpose)
         aes_mode       = reading.impliedMode;
         aes_mode_valid = 1;
     }
-    check(*this, purpose, lines, problems);
+    check(*this, purpose, lines, problems, warnings);
     problems.report();
 }
 
@@ -398,20 +463,20 @@ Json FileRecord::described() const
 
 void FileRecord::forgetKeys()
 {
-    Vesk::wipe(crypto_key_rx, sizeof crypto_key_rx);
-    Vesk::wipe(crypto_key_tx, sizeof crypto_key_tx);
-    Vesk::wipe(hash_key_rx, sizeof hash_key_rx);
-    Vesk::wipe(hash_key_tx, sizeof hash_key_tx);
+    for (const Field& field : kFields)
+        if (field.isKey())
+            Vesk::wipe(field.in(*this), field.size);
 }
 
-std::string addressText(const tro_ip_addr_type_v01& address)
+std::vector<std::string> differences(const Record& one, const Record& other)
 {
-    if (address.ip_type != 4)
-        return addressText(address.addr, sizeof address.addr);
-    std::uint32_t word = 0;
-    std::memcpy(&word, address.addr, sizeof word);
-    word = htonl(word);
-    return addressText(&word, sizeof word);
+    std::vector<std::string> names;
+    for (const Field& each : kFields) {
+        const bool moves = std::strncmp(each.name, "udp", 3) == 0 || std::strcmp(each.name, "local_addr") == 0;
+        if (!moves && each.isIn(one) && each.isIn(other) && std::memcmp(each.in(one), each.in(other), each.size) != 0)
+            names.emplace_back(each.name);
+    }
+    return names;
 }
 
 void explainRecord(Answer& answer)

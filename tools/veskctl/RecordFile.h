@@ -1,23 +1,19 @@
-// A modem's record as a file: one `name = value` a line, names as in the record. Behind ; or # is a comment.
+// A modem's record as a file: one `name = value` a line, names as in the record. What follows ; or # is a comment.
 //
 //     spi_tx = 0x1001                      numbers: decimal, or hexadecimal with 0x
 //     remote_addr = 192.0.2.254            addresses: IPv4 or IPv6 text
 //     crypto_algo = aes-cbc                what has codes: a word or a code
 //     crypto_key_tx = 00112233445566778899aabbccddeeff
 //
-// What is there is valid, what is not there is not. The file holds keys, so nobody but its owner may read it.
+// What is there is valid, what is not there is not. The file holds keys, so only its owner may read or write it.
 #ifndef VESKCTL_RECORD_FILE_H
 #define VESKCTL_RECORD_FILE_H
 
 #include "Answer.h"
-
-#include <vesk/ipsec_sa_record.h>
+#include "Record.h"
 
 #include <string>
-
-using Record = tro_ipsec_static_sa_config_ex_info_ind_msg_v01;
-
-constexpr std::uint32_t kAH = 2, kESP = 3; // the modem's codes
+#include <vector>
 
 // What a record is read for, which says what it must hold.
 enum Purpose : unsigned {
@@ -35,8 +31,9 @@ public:
     FileRecord(const FileRecord&)            = delete;
     FileRecord& operator=(const FileRecord&) = delete;
 
-    // Throws a Refusal with all that is wrong, a line each, none of which shows a key. "-" is standard input.
-    void read(const std::string& path, Purpose purpose);
+    // Throws a Refusal with all that is wrong, a line each, none of which shows a key. "-" is standard input. Adds what
+    // may not be meant to the warnings. From then on, the process leaves no core file.
+    void read(const std::string& path, Purpose purpose, std::vector<std::string>& warnings);
 
     // The record in words, without keys.
     [[nodiscard]] Json described() const;
@@ -45,8 +42,8 @@ public:
     void forgetKeys();
 };
 
-// "192.0.2.1"
-std::string addressText(const tro_ip_addr_type_v01& address);
+// The names of the fields that both records give, and differently; those of the migration's own aside.
+std::vector<std::string> differences(const Record& one, const Record& other);
 
 // Every name of a record, its words and codes, the lengths of keys.
 void explainRecord(Answer& answer);

@@ -6,7 +6,6 @@
 #include <cstring>
 #include <map>
 
-#include <arpa/inet.h>
 #include <unistd.h>
 
 std::optional<std::int64_t> numberOf(std::string_view text)
@@ -20,35 +19,37 @@ std::optional<std::int64_t> numberOf(std::string_view text)
     return error == std::errc() && stop == end && !octal ? std::optional(value) : std::nullopt;
 }
 
-std::string hexadecimal(std::uint64_t value)
+std::string replaced(std::string text, const std::string& old, const std::string& with)
 {
-    constexpr const char* figures = "0123456789abcdef";
-    std::string text;
-    do
-        text.insert(text.begin(), figures[value % 16]);
-    while ((value /= 16) != 0);
-    return "0x" + text;
+    for (std::size_t at = 0; (at = text.find(old, at)) != std::string::npos; at += with.size())
+        text.replace(at, old.size(), with);
+    return text;
 }
 
-std::string digits(const unsigned char* bytes, std::size_t size)
+std::string visible(const std::string& text)
 {
     constexpr const char* figures = "0123456789abcdef";
-    std::string text;
-    for (std::size_t i = 0; i < size; ++i) {
-        if (i != 0 && i % 4 == 0)
-            text += ' ';
-        text += {figures[bytes[i] / 16], figures[bytes[i] % 16]};
+    std::string to;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const auto byte = static_cast<unsigned char>(text[i]);
+        // In UTF-8, U+0080 to U+009f, which some terminals obey too, are c2 and that byte.
+        const bool second = i > 0 && text[i - 1] == '\xc2' && byte < 0xa0;
+        if (byte < ' ' || byte == 0x7f || second)
+            to += {'\\', 'x', figures[byte / 16], figures[byte % 16]};
+        else
+            to += text[i];
     }
-    return text;
+    return to;
 }
 
-std::string addressText(const void* bytes, std::size_t size)
+std::string forShell(const std::string& text)
 {
-    char text[INET6_ADDRSTRLEN] = {};
-    const int family            = size == sizeof(in_addr) ? AF_INET : size == sizeof(in6_addr) ? AF_INET6 : AF_UNSPEC;
-    if (inet_ntop(family, bytes, text, sizeof text) == nullptr)
-        return digits(static_cast<const unsigned char*>(bytes), size);
-    return text;
+    constexpr const char* plain = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_./:@%+,=-";
+    if (!text.empty() && text.find_first_not_of(plain) == std::string::npos)
+        return text;
+    if (visible(text) != text)
+        return "$'" + replaced(visible(replaced(text, "\\", "\\\\")), "'", "\\'") + '\'';
+    return '\'' + replaced(text, "'", "'\\''") + '\'';
 }
 
 namespace {
@@ -86,8 +87,8 @@ std::string errorName(int number)
         NAMED(ERANGE),       NAMED(ENOSYS),       NAMED(ENODATA),         NAMED(EPROTO),          NAMED(EBADMSG),
         NAMED(EOVERFLOW),    NAMED(EMSGSIZE),     NAMED(EPROTONOSUPPORT), NAMED(ESOCKTNOSUPPORT), NAMED(EOPNOTSUPP),
         NAMED(EPFNOSUPPORT), NAMED(EAFNOSUPPORT), NAMED(EADDRINUSE),      NAMED(EADDRNOTAVAIL),   NAMED(ENETDOWN),
-        NAMED(ENETUNREACH),  NAMED(ECONNREFUSED), NAMED(ECONNRESET),      NAMED(ENOBUFS),         NAMED(ENOTCONN),
-        NAMED(ETIMEDOUT),    NAMED(EHOSTUNREACH), NAMED(EALREADY),        NAMED(ECANCELED)};
+        NAMED(ENETUNREACH),  NAMED(ENOPROTOOPT),  NAMED(ECONNREFUSED),    NAMED(ECONNRESET),      NAMED(ENOBUFS),
+        NAMED(ENOTCONN),     NAMED(ETIMEDOUT),    NAMED(EHOSTUNREACH),    NAMED(EALREADY),        NAMED(ECANCELED)};
 #undef NAMED
     const auto found = names.find(number);
     return found != names.end() ? found->second : std::to_string(number);

@@ -2,6 +2,8 @@
 #ifndef VESKCTL_TEXT_H
 #define VESKCTL_TEXT_H
 
+#include <Decode.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -23,14 +25,18 @@ std::string joined(const Range& all, const char* between = ", ", const TextOf& t
 // to some.
 std::optional<std::int64_t> numberOf(std::string_view text);
 
-// "0x1001"
-std::string hexadecimal(std::uint64_t value);
+using Vesk::Messages::addressText;
+using Vesk::Messages::digits;
+using Vesk::Messages::hexadecimal;
 
-// Two digits a byte, a space after every fourth.
-std::string digits(const unsigned char* bytes, std::size_t size);
+// With each occurrence of a piece replaced.
+std::string replaced(std::string text, const std::string& old, const std::string& with);
 
-// IPv4 of 4 bytes, IPv6 of 16; digits of any other number.
-std::string addressText(const void* bytes, std::size_t size);
+// As it is shown to people: control characters, which a name may hold, as \x1b.
+std::string visible(const std::string& text);
+
+// As a word of a shell's command line.
+std::string forShell(const std::string& text);
 
 // "ENOENT"; the number where the kernel's networking has no use for that errno.
 std::string errorName(int number);

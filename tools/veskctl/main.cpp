@@ -1,11 +1,73 @@
 // veskctl: one command an operation of the library, for engineers who bring a device up.
 
 #include "CommandLine.h"
+#include "DryRun.h"
+#include "Looks.h"
+#include "Manual.h"
 
+#include <cerrno>
 #include <cstdlib>
+
+namespace {
+
+constexpr int kNoLog = 5;
+
+// What to do next, after a refusal or failure that the command itself has nothing to say about.
+void advise(Answer& answer, const Command& command)
+{
+    for (const Advice& each : command.advice)
+        answer.advise(each.error, each.text);
+    if (command.mainlineRefusal != 0 && answer.status == Refused)
+        answer.note +=
+            answer.note.empty() ? "mainline kernels refuse this always" : "; mainline kernels refuse this in any case";
+    if (answer.status == Refused && answer.error == EPERM && !mayChangeNetworks())
+        answer.note = "this process has no CAP_NET_ADMIN; run it as root";
+    answer.advise(EPROTONOSUPPORT,
+                  "this kernel lacks the protocol; for IPsec, its module xfrm_user may have to be loaded");
+}
+
+Answer answerOf(const Command& command, Arguments& arguments)
+{
+    if (arguments.showKeys && !arguments.dry)
+        throw Refusal("--show-keys goes with --dry-run; keys are hidden everywhere else");
+    const Operation operation = command.prepare(arguments);
+    if (!arguments.showKeys && arguments.dry) { // what is not shown need not be copied into requests either
+        arguments.record.forgetKeys();
+        arguments.otherRecord.forgetKeys();
+    }
+    Answer answer   = arguments.dry ? dryRun(operation, command.unanswered, arguments.showKeys) : perform(operation);
+    answer.warnings = arguments.warnings;
+    if (!arguments.dry)
+        advise(answer, command);
+    return answer;
+}
+
+// Unless it is said, JSON has the failures already, and those of a dry run mean nothing where requests are shown.
+int logFrom(const Arguments& arguments, const Answer& answer)
+{
+    if (arguments.logLevel != 0)
+        return arguments.logLevel;
+    return arguments.json || (arguments.dry && answer.status == Done) ? kNoLog : log_level_failure;
+}
+
+} // namespace
 
 int main(int argc, char** argv)
 {
     unsetenv("VESK_RECORD_REPLIES"); // tests have answers written to files; here they may hold keys
-    return CommandLine().run(argc, argv);
+    const CommandLine line({argv + 1, argv + argc});
+    if (line.has("--help"))
+        return put(helpOn(line.path()));
+    if (line.has("--version"))
+        return put("veskctl " VESK_VERSION "\n");
+    if (line.has("--manual")) // for the build
+        return put(manual());
+    try {
+        Arguments arguments;
+        const Command& command = line.parse(arguments);
+        const Answer answer    = answerOf(command, arguments);
+        return print(answer, arguments.json, logFrom(arguments, answer));
+    } catch (const Refusal& refusal) {
+        return print(refusal, line.has("--json"));
+    }
 }

@@ -1,0 +1,22 @@
+// What errno does not say, the library's log does, in lines of these formats. A test looks for each in its sources.
+#ifndef VESKCTL_HEARD_H
+#define VESKCTL_HEARD_H
+
+// The kernel's words, which begin behind a piece of the format.
+inline constexpr const char* kKernelSays = "%s(): EXTACK reports %s";
+inline constexpr const char* kSaysBehind = "reports ";
+
+// That it was the kernel who refused.
+inline constexpr const char* kKernelRefuses[] = {
+    "%s(): kernel reports error %d",
+    "%s(): kernel reports errno [%d, %s]",
+    "%s(): NL dump reports errno [%d, %s]",
+};
+
+// Steps that failed while the operation went on.
+inline constexpr const char* kRxNotUpdated   = "%s(): updating RX XFRM state failed\n";
+inline constexpr const char* kTxCountersStay = "%s(): updating sequence TX failed\n";
+inline constexpr const char* kNotMovedBack[] = {"%s(): rolling back TX XFRM migration failed\n",
+                                                "%s(): rolling back RX XFRM migration failed\n"};
+
+#endif

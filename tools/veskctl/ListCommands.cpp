@@ -1,0 +1,250 @@
+// Commands that show what is in the kernel.
+
+#include "Command.h"
+#include "Kernel.h"
+#include "Listing.h"
+#include "Looks.h"
+#include "Text.h"
+
+#include <vesk/netlink.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <set>
+
+#include <arpa/inet.h>
+#include <ifaddrs.h>
+
+using namespace Vesk::Messages;
+
+namespace {
+
+constexpr ListStyle kStateStyle  = {"sas", "{protocol} {mode} {source} > {destination} spi {spi}",
+                                    "{packets} {bytes} {added?} {used?}", ""};
+constexpr ListStyle kPolicyStyle = {"policies", "{direction} {source} > {destination}",
+                                    "{priority} {action} {index} {added?} {used?}",
+                                    "{protocol} {mode} {source} > {destination}"};
+constexpr ListStyle kRuleStyle   = {"rules", "{family} {priority}", "{action} {table?} {target?} {device?}", ""};
+constexpr ListStyle kLabelStyle  = {"labels", "{prefix}", "{label} {device?} {device_index?}", ""};
+
+constexpr const char* kIncomplete = "this may be incomplete: changes interrupted the kernel each time it was asked";
+
+using Wanted = std::function<bool(const Fields&)>;
+
+// All of a kind that are wanted.
+Operation list(const Dump& what, const ListStyle& style, const Wanted& isWanted)
+{
+    return {[=](Answer& answer) {
+        Listing listing(answer, style);
+        const int result = readAll(
+            what, [&listing] { listing.clear(); },
+            [&](const Fields& fields, Bytes) {
+                if (isWanted(fields))
+                    listing.add(fields);
+            });
+        if (result == 0 && errno == EINTR)
+            answer.notAsAsked(kIncomplete);
+        return result;
+    }};
+}
+
+// Whether this SA is one of a record's.
+bool isOf(const Record& r, const Fields& state)
+{
+    const auto is = [&](const char* name, const std::string& text) { return fieldOf(state, name)->inWords() == text; };
+    const std::string local = addressText(r.local_addr), remote = addressText(r.remote_addr);
+    return is("protocol", r.ipsec_protocol == kAH ? "ah" : "esp") &&
+           ((is("spi", hexadecimal(r.spi_tx)) && is("source", local) && is("destination", remote)) ||
+            (is("spi", hexadecimal(r.spi_rx)) && is("source", remote) && is("destination", local)));
+}
+
+// Whether this is an end that is this address, or a prefix that it is in.
+bool takesIn(const Field& field, const std::string& address)
+{
+    if (field.kind != Kind::Address || (field.listed != "source" && field.listed != "destination"))
+        return false;
+    const auto bits = [](const std::string& text) {
+        const bool isIPv4                   = text.find(':') == std::string::npos;
+        std::array<unsigned char, 16> bytes = {};
+        inet_pton(isIPv4 ? AF_INET : AF_INET6, text.c_str(), bytes.data());
+        std::string all = isIPv4 ? "4" : "6";
+        for (std::size_t i = 0; i < (isIPv4 ? 32 : 128); ++i)
+            all += (bytes[i / 8] >> (7 - i % 8) & 1) != 0 ? '1' : '0';
+        return all;
+    };
+    const std::string own = bits(field.text);
+    return bits(address).starts_with(
+        own.substr(0, field.prefix < 0 ? own.size() : 1 + static_cast<unsigned>(field.prefix)));
+}
+
+// Whether a template is between the ends of a record.
+bool isBetween(const Fields& policy, const Record& r)
+{
+    const auto itemsAt = [&policy](const std::string& address) {
+        std::set<std::size_t> items;
+        for (const Field& each : policy)
+            if (each.group == "templates" && takesIn(each, address))
+                items.insert(each.item);
+        return items;
+    };
+    const auto local = itemsAt(addressText(r.local_addr)), remote = itemsAt(addressText(r.remote_addr));
+    return std::any_of(local.begin(), local.end(), [&remote](std::size_t item) { return remote.contains(item); });
+}
+
+bool isLocal(const std::string& address)
+{
+    ifaddrs* all = nullptr;
+    bool found   = false;
+    static_cast<void>(getifaddrs(&all));
+    for (const ifaddrs* each = all; each != nullptr; each = each->ifa_next) {
+        const int family = each->ifa_addr != nullptr ? each->ifa_addr->sa_family : AF_UNSPEC;
+        if (family == AF_INET)
+            found |= addressText(&reinterpret_cast<const sockaddr_in*>(each->ifa_addr)->sin_addr, 4) == address;
+        else if (family == AF_INET6)
+            found |= addressText(&reinterpret_cast<const sockaddr_in6*>(each->ifa_addr)->sin6_addr, 16) == address;
+    }
+    freeifaddrs(all);
+    return found;
+}
+
+// What of both lists is chosen by the SPI and the address that are given, if any are.
+bool isChosen(const Fields& fields, const Arguments& a)
+{
+    const auto hasSPI = [&a](const Field& each) { return each.listed == "spi" && each.number() == a.spi; };
+    const auto isAt   = [&a](const Field& each) { return takesIn(each, a.address); };
+    return (a.spi == 0 || std::any_of(fields.begin(), fields.end(), hasSPI)) &&
+           (a.address.empty() || std::any_of(fields.begin(), fields.end(), isAt));
+}
+
+void prepareChoice(Arguments& a)
+{
+    if (!a.file.empty())
+        a.record.read(a.file, ForRemoval, a.warnings);
+    if (!a.address.empty())
+        familyOf(a.address);
+}
+
+Operation stateList(Arguments& a)
+{
+    prepareChoice(a);
+    return list(kStates, kStateStyle, [&a](const Fields& fields) {
+        const char* const end = a.direction == "in" ? "destination" : "source"; // which is here
+        return isChosen(fields, a) && (a.direction.empty() || isLocal(fieldOf(fields, end)->text)) &&
+               (a.file.empty() || isOf(a.record, fields));
+    });
+}
+
+Operation policyList(Arguments& a)
+{
+    prepareChoice(a);
+    return list(kPolicies, kPolicyStyle, [&a](const Fields& fields) {
+        return isChosen(fields, a) && (a.direction.empty() || fieldOf(fields, "direction")->inWords() == a.direction) &&
+               (a.file.empty() || isBetween(fields, a.record));
+    });
+}
+
+bool all(const Fields&)
+{
+    return true;
+}
+
+Operation ruleList(Arguments&)
+{
+    return list(kRules, kRuleStyle, all);
+}
+
+Operation labelList(Arguments&)
+{
+    return list(kLabels, kLabelStyle, all);
+}
+
+Operation stateStatus(Arguments& a)
+{
+    a.record.read(a.file, ForStates, a.warnings);
+    const auto requests =
+        requestsOf([&a] { return Vesk::updateXFRMStates(a.record, TRO_TECHNOLOGY_NAME_MARKED_RX_V01, 0, UINT32_MAX); });
+    return {[&a, requests](Answer& answer) {
+        int result     = 0;
+        const auto all = installedStates(a.record, requests, &result);
+        if (result == 0 && errno == EINTR)
+            answer.notAsAsked(kIncomplete);
+        for (const bool tx : {true, false}) {
+            if (result != 0)
+                break;
+            const auto is     = std::find_if(all.begin(), all.end(),
+                                             [tx](const InstalledState& each) { return each.tx == tx && each.own; });
+            std::string& text = answer.text +=
+                bold(tx ? "tx" : "rx") + " spi " + hexadecimal(tx ? a.record.spi_tx : a.record.spi_rx);
+            // The output mark is none of the record's.
+            const std::string kept    = is == all.end() ? ", all" : replaced(", " + is->kept, ", output mark", "");
+            const std::string differs = kept.size() > 2 ? kept.substr(2) : "";
+            if (!differs.empty())
+                answer.notAsAsked("what the record says is not what is installed");
+            Json& finding = answer.findings[tx ? "tx" : "rx"] = {{"installed", is != all.end()}};
+            if (is == all.end()) {
+                text += "  not installed\n";
+                continue;
+            }
+            const bool others =
+                differs.find("cipher") != std::string::npos || differs.find("hash") != std::string::npos;
+            const std::string keys = others ? "others" : is->hidden ? "hidden" : "the record's";
+            finding.update({{"keys", keys}, {"packets", is->packets}, {"used", is->used}, {"differs", differs}});
+            text += "  installed  keys " + keys + "  packets " + std::to_string(is->packets) + "  used " + is->used +
+                    (differs.empty() ? "" : "  differs in " + differs) + '\n';
+        }
+        return result;
+    }};
+}
+
+const Argument kRecordOnly = {"--record", "FILE", "Those of a record alone", &Arguments::file};
+const Argument kSPI        = {"--spi", "NUMBER", "Those with this SPI alone", &Arguments::spi};
+const Argument kAddress    = {"--address", "ADDRESS", "Those with this address at an end alone", &Arguments::address};
+
+} // namespace
+
+std::vector<Command> listCommands()
+{
+    const std::string unanswered = "the list is in it";
+    return {
+        {.path = "rule list", .what = "All rules", .prepare = ruleList, .unanswered = unanswered},
+        {.path = "label list", .what = "All labels", .prepare = labelList, .unanswered = unanswered},
+        {.path       = "sa status",
+         .what       = "Whether the two SAs of a record are installed",
+         .example    = "handset.ini",
+         .arguments  = {{"record", "FILE", "File with the record; - for standard input", &Arguments::file}},
+         .prepare    = stateStatus,
+         .notes      = "With whose keys, how many packets, and when last used. Status 3 when one is\n"
+                       "missing or has other keys.",
+         .unanswered = "what is installed is in it"},
+        {.path       = "sa list",
+         .what       = "SAs, without keys",
+         .example    = "--spi 0x1001",
+         .arguments  = {kRecordOnly,
+                        kSPI,
+                        kAddress,
+                        {"--direction", "{in,out}", "Those that end here, or begin here", &Arguments::direction}},
+         .prepare    = stateList,
+         .unanswered = unanswered},
+        {.path       = "policy list",
+         .what       = "Policies",
+         .example    = "--direction out",
+         .arguments  = {kRecordOnly,
+                        kSPI,
+                        kAddress,
+                        {"--direction", "{in,out,fwd}", "Those of this direction", &Arguments::direction}},
+         .prepare    = policyList,
+         .notes      = "A policy has the SPIs and ends of its templates, and each address that its\n"
+                       "selector takes in.",
+         .unanswered = unanswered},
+    };
+}
+
+std::string explainedLists()
+{
+    std::string text;
+    for (const auto& [style, dump] : {std::pair(kStateStyle, kStates), std::pair(kPolicyStyle, kPolicies),
+                                      std::pair(kRuleStyle, kRules), std::pair(kLabelStyle, kLabels)})
+        text += explained(style, listed(dump.protocol, dump.reply));
+    return text;
+}

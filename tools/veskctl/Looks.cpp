@@ -1,0 +1,242 @@
+#include "Looks.h"
+
+#include "Kernel.h"
+
+#include <ScriptedKernel.h>
+#include <vesk/netlink.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+
+#include <arpa/inet.h>
+#include <linux/capability.h>
+#include <linux/pkt_sched.h>
+#include <linux/rtnetlink.h>
+#include <linux/xfrm.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+using namespace Vesk::Messages;
+
+namespace {
+
+// `found` is what `each` finds, in one reading.
+template <typename Found>
+int look(const Dump& what, Found& found, const std::function<void(const Fields&, Bytes)>& each)
+{
+    return readAll(
+        what, [&found] { found = {}; }, each);
+}
+
+std::string word(const Fields& fields, const char* name)
+{
+    const Field* const field = fieldOf(fields, name);
+    return field != nullptr ? field->inWords() : "";
+}
+
+std::uint64_t number(const Fields& fields, const char* name)
+{
+    const Field* const field = fieldOf(fields, name);
+    return field != nullptr ? field->number() : 0;
+}
+
+const char* protocolOf(const Record& r)
+{
+    return r.ipsec_protocol == kAH ? "ah" : "esp";
+}
+
+std::string commas(const std::vector<std::string>& words)
+{
+    std::string text;
+    for (const std::string& each : words)
+        text += (text.empty() ? "" : ", ") + each;
+    return text;
+}
+
+struct Ends {
+    Ends(const Record& r, bool tx)
+        : source(addressText(tx ? r.local_addr : r.remote_addr)),
+          destination(addressText(tx ? r.remote_addr : r.local_addr))
+    {}
+    std::string source, destination;
+};
+
+// The value of an attribute, without the key in it, or that key.
+std::vector<unsigned char> valueIn(const Fields& fields, Bytes message, const char* attribute, bool key)
+{
+    std::vector<unsigned char> value;
+    for (const Field& each : fields)
+        if (each.part == attribute && each.kind != Kind::Header && (each.kind == Kind::Key) == key) {
+            const Bytes bytes = message.subspan(each.valueAt, each.valueSize);
+            value.insert(value.end(), bytes.begin(), bytes.end());
+        }
+    return value;
+}
+
+bool isZero(const std::vector<unsigned char>& value)
+{
+    return std::all_of(value.begin(), value.end(), [](unsigned char byte) { return byte == 0; });
+}
+
+// What an SA has otherwise than the request for it among these. A kernel that keeps keys to itself shows
+// them as zeros.
+std::string keptBy(const Fields& state, Bytes message, const Requests& wanted)
+{
+    for (const auto& request : wanted) {
+        const Fields asked = decode(NETLINK_XFRM, request);
+        if (word(asked, "spi") != word(state, "spi") || word(asked, "destination") != word(state, "destination"))
+            continue;
+        std::vector<std::string> kept;
+        for (const char* const each : {"mode", "source"})
+            if (word(asked, each) != word(state, each))
+                kept.emplace_back(each);
+        for (const auto& [attribute, name] :
+             {std::pair("XFRMA_ALG_CRYPT", "cipher"), std::pair("XFRMA_ALG_AUTH_TRUNC", "hash"),
+              std::pair("XFRMA_ENCAP", "UDP encapsulation"), std::pair("XFRMA_SET_MARK", "output mark")}) {
+            const auto key = valueIn(state, message, attribute, true);
+            if (valueIn(asked, request, attribute, false) != valueIn(state, message, attribute, false))
+                kept.emplace_back(name);
+            else if (!isZero(key) && key != valueIn(asked, request, attribute, true))
+                kept.push_back(std::string(name) + " key");
+        }
+        return commas(kept);
+    }
+    return "";
+}
+
+} // namespace
+
+std::vector<InstalledState> installedStates(const Record& r, const Requests& wanted, int* result)
+{
+    std::vector<InstalledState> found;
+    const auto add = [&](const Fields& fields, Bytes message) {
+        const auto keys = {valueIn(fields, message, "XFRMA_ALG_CRYPT", true),
+                           valueIn(fields, message, "XFRMA_ALG_AUTH_TRUNC", true)};
+        for (const bool tx : {true, false})
+            if (const Ends ends(r, tx); word(fields, "protocol") == protocolOf(r) &&
+                                        number(fields, "spi") == (tx ? r.spi_tx : r.spi_rx) &&
+                                        word(fields, "destination") == ends.destination)
+                found.push_back({tx, number(fields, "mark") != 0, word(fields, "source") == ends.source,
+                                 word(fields, "source"), keptBy(fields, message, wanted), number(fields, "packets"),
+                                 word(fields, "used"), std::all_of(keys.begin(), keys.end(), isZero)});
+    };
+    const int read = look(kStates, found, add);
+    if (result != nullptr)
+        *result = read;
+    return found;
+}
+
+Requests requestsOf(const std::function<int()>& operation)
+{
+    Vesk::Testing::ScriptedKernel kernel;
+    static_cast<void>(operation());
+    Requests all;
+    for (const Vesk::Testing::Request& each : kernel.requests())
+        all.push_back(each.datagram);
+    return all;
+}
+
+int statesBetween(const Record& r, bool tx)
+{
+    int count = 0;
+    const Ends ends(r, tx);
+    look(kStates, count, [&](const Fields& fields, Bytes) {
+        const bool between = word(fields, "source") == ends.source && word(fields, "destination") == ends.destination;
+        const bool tunnel  = word(fields, "mode") == "tunnel";
+        count += between && word(fields, "protocol") == protocolOf(r) && tunnel == (r.encap_mode == kTunnel) ? 1 : 0;
+    });
+    return count;
+}
+
+std::vector<std::string> otherwiseOf(const xfrm_selector& sel, unsigned char direction)
+{
+    std::vector<std::string> found;
+    look(kPolicies, found, [&](const Fields& fields, Bytes message) {
+        if (number(fields, "direction") != direction ||
+            std::memcmp(message.data() + NLMSG_HDRLEN, &sel, sizeof sel) != 0) // it is the first in the message
+            return;
+        std::vector<std::string> words;
+        if ((number(fields, "mark") | number(fields, "mask")) != 0)
+            words.push_back("mark " + word(fields, "mark") + '/' + word(fields, "mask"));
+        if (number(fields, "if_id") != 0)
+            words.push_back("if_id " + word(fields, "if_id"));
+        if (number(fields, "policy_type") != XFRM_POLICY_TYPE_MAIN)
+            words.emplace_back("ptype sub");
+        found.push_back(commas(words));
+    });
+    return found;
+}
+
+int removePolicy(const xfrm_selector& sel, unsigned char direction)
+{
+    xfrm_userpolicy_id id = {};
+    id.sel                = sel;
+    id.dir                = direction;
+    Vesk::NetlinkMessage msg;
+    msg.setNLMsgHeader(NETLINK_XFRM, XFRM_MSG_DELPOLICY, NLM_F_REQUEST | NLM_F_ACK);
+    msg.addMsgPayload(sizeof id, &id);
+    return msg.messageTransact() == 0 ? 0 : errno;
+}
+
+std::vector<std::string> routesTo(const std::string& destination, unsigned int table, unsigned int device)
+{
+    table = table != RT_TABLE_UNSPEC ? table : RT_TABLE_MAIN; // as the kernel takes it
+    std::vector<std::string> routes;
+    look(kRoutes, routes, [&](const Fields& fields, Bytes) {
+        if (word(fields, "destination") != destination + "/32" || number(fields, "table") != table ||
+            number(fields, "RTA_OIF") != device)
+            return;
+        const std::string gateway = word(fields, "gateway");
+        routes.push_back((gateway.empty() ? "on link" : "via " + gateway) + " metric " +
+                         std::to_string(number(fields, "metric")));
+    });
+    return routes;
+}
+
+std::optional<NextHop> nextHop(const std::string& destination, unsigned char family, unsigned int mark)
+{
+    const int size                        = family == AF_INET ? 4 : 16;
+    std::array<unsigned char, 16> address = {};
+    inet_pton(family, destination.c_str(), address.data());
+    rtmsg about       = {};
+    about.rtm_family  = family;
+    about.rtm_dst_len = static_cast<unsigned char>(8 * size);
+
+    Vesk::NetlinkMessage msg;
+    msg.setNLMsgHeader(NETLINK_ROUTE, RTM_GETROUTE, NLM_F_REQUEST);
+    msg.addMsgPayload(sizeof about, &about);
+    msg.addNLAttribute(RTA_DST, size, address.data());
+    msg.addNLAttribute(RTA_MARK, mark);
+    std::optional<NextHop> found;
+    static_cast<void>(msg.messageQuery(
+        [](nlmsghdr* message, void* context) {
+            if (message->nlmsg_type != RTM_NEWROUTE)
+                return Vesk::NetlinkQueryContinue;
+            const Fields fields                            = decoded(kRoutes, message);
+            *static_cast<std::optional<NextHop>*>(context) = {word(fields, "gateway"), word(fields, "RTA_OIF")};
+            return Vesk::NetlinkQueryDone;
+        },
+        &found, false));
+    return found;
+}
+
+std::string qdiscAt(unsigned int device, unsigned int parent)
+{
+    std::string found;
+    look(kQdiscs, found, [&](const Fields& fields, Bytes) {
+        // A handle of 0 is that of the kernel's own.
+        if (number(fields, "device") == device && number(fields, "handle") != 0 &&
+            number(fields, "parent") == (parent == 0 ? TC_H_ROOT : parent) && fieldOf(fields, "TCA_KIND") != nullptr)
+            found = word(fields, "TCA_KIND") + ' ' + word(fields, "handle");
+    });
+    return found;
+}
+
+bool mayChangeNetworks()
+{
+    __user_cap_header_struct header                         = {_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct rights[_LINUX_CAPABILITY_U32S_3] = {};
+    return syscall(SYS_capget, &header, rights) == 0 && (rights[0].effective & (1U << CAP_NET_ADMIN)) != 0;
+}
