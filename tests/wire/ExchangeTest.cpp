@@ -75,40 +75,45 @@ TEST(Exchange, NeedsASocket)
 
 TEST(Exchange, KeepsItsSocket)
 {
-    const auto twoExchanges = [](int (NetlinkMessage::*then)()) {
+    const auto twoExchanges = [](int (*then)(NetlinkMessage&)) {
         return [=] {
             NetlinkMessage msg;
             msg.setNLMsgHeader(NETLINK_ROUTE, 16, kAck);
-            msg.setQueryCb([](nlmsghdr*, void*) { return NetlinkQueryDone; }, nullptr, false);
             const int first = msg.messageTransact();
             msg.addMsgPayload(0, nullptr); // the length anew
-            const int second = (msg.*then)();
+            const int second = then(msg);
             return std::to_string(first) + ' ' + std::to_string(second) + ' ' + std::to_string(msg.getKernelError());
         };
     };
     const auto opensTwice = [] {
         NetlinkMessage msg;
-        msg.setNLMsgHeader(NETLINK_ROUTE, 16, kAck);
-        return msg.openSocket() + msg.openSocket() + msg.messageTransact();
+        msg.setNLMsgHeader(NETLINK_ROUTE, 16, NLM_F_REQUEST);
+        return msg.openSocket() + msg.openSocket() + msg.messageSend();
     };
     const Check gets({.sends = kAnything});
     gets({.what    = "two exchanges go through one socket, 0 though it be; a success leaves the error",
           .given   = [](ScriptedKernel& k) { k.numberSockets(0), k.fail(Call::Socket, EMFILE, 2); },
           .answers = {{refusal(-ENOENT)}},
-          .call    = twoExchanges(&NetlinkMessage::messageTransact),
+          .call    = twoExchanges([](NetlinkMessage& msg) { return msg.messageTransact(); }),
           .result  = "-1 0 -2",
           .error   = ENOENT,
           .log     = {refusedBy(-ENOENT), kAcked}});
     gets({.what    = "an acknowledgement fails a query, with its error",
           .answers = {{refusal(-ENOENT)}},
-          .call    = twoExchanges(&NetlinkMessage::messageQuery),
+          .call    = twoExchanges([](NetlinkMessage& msg) {
+              return msg.messageQuery([](nlmsghdr*, void*) { return NetlinkQueryDone; }, nullptr, false);
+          }),
           .result  = "-1 -1 0",
           .error   = EBADMSG,
           .log     = {refusedBy(-ENOENT), kQuery(4, "kernel reports error %d", 0), kNoText}});
-    gets({.what  = "opened twice, the first one is closed, 0 though it be",
+    gets({.what    = "a dump leaves the error, too",
+          .answers = {{refusal(-ENOENT)}, {kEnd}},
+          .call   = twoExchanges([](NetlinkMessage& msg) { return msg.messageDump([](nlmsghdr*, void*) {}, nullptr); }),
+          .result = "-1 0 -2",
+          .log    = refusedBy(-ENOENT)});
+    gets({.what  = "opened twice, the first one is closed, 0 though it be; nothing is awaited",
           .given = [](ScriptedKernel& k) { k.numberSockets(0); },
-          .call  = opensTwice,
-          .log   = kAcked});
+          .call  = opensTwice});
 }
 
 // As much as kernels put into a datagram, and into zeros.

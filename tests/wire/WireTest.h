@@ -2,16 +2,13 @@
 #ifndef WIRE_TEST_H
 #define WIRE_TEST_H
 
-#include <Expectations.h>
-#include <vesk/netlink.h>
+#include <Operation.h>
 
 #include <cerrno>
 #include <csignal>
-#include <cstdio>
 #include <functional>
 #include <optional>
 #include <string>
-#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -38,46 +35,6 @@ inline const auto miscounted = [](int sent, unsigned length) {
 // A line of level 4 that ends in an errno and its text.
 inline const auto failure = [](const LoggedBy& by, const char* format, int error) {
     return by(4, format, error, strerror(error));
-};
-
-// What a call returned: a number, or what it found. It allocates nothing, so that it leaves no block behind.
-struct Result {
-    Result(int status) { std::snprintf(text, sizeof text, "%d", status); }
-    Result(const std::string& found) { std::snprintf(text, sizeof text, "%s", found.c_str()); }
-    Result(const char* found) : Result(std::string(found)) {}
-    Result(const RouterAddressResult& r) : Result(r.gateway + (r.gateway.empty() ? "" : " ") + std::to_string(r.status))
-    {}
-    Result(const std::optional<std::pair<unsigned, unsigned>>& rule) : Result(-1)
-    {
-        if (rule)
-            std::snprintf(text, sizeof text, "0x%x/0x%x", rule->first, rule->second);
-    }
-    char text[64];
-};
-
-// An argument as it is held between calls.
-template <typename Parameter>
-struct Held {
-    explicit Held(const auto& argument) : value(static_cast<decltype(value)>(argument)) {}
-    auto& pass() { return value; }
-    std::remove_cvref_t<Parameter> value;
-};
-template <>
-struct Held<sockaddr_storage*> {
-    explicit Held(const char* text) : value(socketAddress(text)) {}
-    auto* pass() { return &value; }
-    sockaddr_storage value;
-};
-
-// A lambda, or an exported operation with its arguments, as in {addrlabelAdd, "fe80::1", 64, 7, 3}.
-struct Operation : std::function<Result()> {
-    using function::function;
-    template <typename Returned, typename... Parameters>
-    Operation(Returned (*operation)(Parameters...) noexcept, const auto&... arguments)
-        : function([operation, all = std::tuple(Held<Parameters>(arguments)...)]() mutable {
-              return std::apply([&](auto&... each) { return Result(operation(each.pass()...)); }, all);
-          })
-    {}
 };
 
 using Answers = std::vector<std::vector<Reply>>; // to each request; an empty one is the usual
