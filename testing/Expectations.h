@@ -88,8 +88,9 @@ sockaddr_storage socketAddress(const char* text);
  * @param log       the lines
  * @param protocol  of each request
  * @param from      lines of lower levels are not compared
- * @return where the log differs first, and where the requests do, with two lines around each (of requests four bytes a
- *         line, and a message's own length last, since it follows from the rest); empty when nothing differs
+ * @return a line for each request that differs, as in "request 1: nlmsg_flags 0x501, not 0x500" or "request 1, block 3:
+ *         offset 4: 08000000, not 07000000" (a length is told of when nothing else differs, since it follows from the
+ *         rest), one for the log, and one for whatever else does; empty when nothing differs
  */
 std::string unmet(const ScriptedKernel& kernel, const Sends& sends, const Log& log, int protocol = NETLINK_ROUTE,
                   log_level from = log_level_verbose);

@@ -7,7 +7,8 @@
 #include <linux/genetlink.h>
 
 using namespace wire;
-using namespace wire::routing;
+
+static const auto [check, acked, rejects, refused] = Checks(NETLINK_ROUTE);
 
 static const LoggedBy kTransact = core("messageTransact"), kQuery = core("messageQuery"), kDumped = core("messageDump");
 static const std::string kOther = message(26, 0), kShortError = "23000000 0200 0000 8*00 00000000 15*00 00";
@@ -110,6 +111,7 @@ TEST(Exchange, KeepsItsSocket)
           .answers = {{refusal(-ENOENT)}, {kEnd}},
           .call   = twoExchanges([](NetlinkMessage& msg) { return msg.messageDump([](nlmsghdr*, void*) {}, nullptr); }),
           .result = "-1 0 -2",
+          .error   = 0,
           .log    = refusedBy(-ENOENT)});
     gets({.what  = "opened twice, the first one is closed, 0 though it be; nothing is awaited",
           .given = [](ScriptedKernel& k) { k.numberSockets(0); },

@@ -25,12 +25,7 @@ inline const auto v4   = [](Change change = same, const char* here = kHere, cons
 };
 inline const auto v6 = [](Change change = same) { return v4(change, kHere6, kPeer6); };
 
-// `whole` compares the whole log, the others its lines of level 3 and 4.
-inline const Check whole({}, NETLINK_XFRM);
-inline const Check check({}, NETLINK_XFRM, log_level_notice);
-inline const Check rejects({.result = -1, .error = EINVAL}, NETLINK_XFRM, log_level_notice); // sends nothing
-inline const Check refused({.answers = {{refusal(-EPERM)}}, .result = -1, .error = EPERM, .sends = kAnything},
-                           NETLINK_XFRM, log_level_notice);
+static const auto [check, acked, rejects, refused] = Checks(NETLINK_XFRM);
 
 inline const LoggedBy kId = xfrm("setXFRMIdFromBexa"), kMode = xfrm("setXFRMMode"), kEncap = xfrm("setXFRMEncap");
 inline const LogLine kNoEncap = kEncap(3, "not setting encapsulation params\n");

@@ -61,25 +61,26 @@ TEST(Migration, MovesTheLocalAddressAndBackWhenItFails)
     };
     const std::string out = there(XFRM_POLICY_OUT), in = there(XFRM_POLICY_IN), fwd = there(XFRM_POLICY_FWD);
     const std::vector<Reply> no{refusal(-EPERM)};
-    const Check fails({.call = migrate(before, after), .result = -1, .error = EPERM}, NETLINK_XFRM, log_level_notice);
+    const Check fails({.call = migrate(before, after), .result = -1, .error = EPERM}, NETLINK_XFRM);
     const std::vector<Reply> gone{refusal(-ESRCH)};
     const Log noneThere = refusedBy(-ESRCH, kOne(4, "sending XFRM migration failed\n"));
 
-    check({.what  = "three directions; the mode is that of the new record",
-           .call  = migrate(unread, after),
-           .sends = {out, in, fwd},
-           .log   = {kOut, kAcked, kIn, kAcked, kFwd, kAcked}});
-    fails({.what = "out fails: nothing to move back", .answers = {no}, .sends = {out}, .log = {kOut, kNo, kNoOut}});
-    fails({.what    = "in fails: out is moved back, which fails too",
-           .answers = {{}, no, gone},
-           .sends   = {out, in, back(XFRM_POLICY_OUT)},
-           .log     = {kOut, kAcked, kIn, kNo, kNoIn, kNoEncap, noneThere,
-                       kAll(4, "rolling back TX XFRM migration failed\n")}});
-    fails({.what    = "fwd fails: in, which fails too, and out are moved back",
-           .answers = {{}, {}, no, gone},
-           .sends   = {out, in, fwd, back(XFRM_POLICY_IN), back(XFRM_POLICY_OUT)},
-           .log     = {kOut, kAcked, kIn, kAcked, kFwd, kNo, kNoFwd, kNoEncap, noneThere,
-                       kAll(4, "rolling back RX XFRM migration failed\n"), kNoEncap, kAcked}});
+    check.steps({.what  = "three directions; the mode is that of the new record",
+                 .call  = migrate(unread, after),
+                 .sends = {out, in, fwd},
+                 .log   = {kOut, kAcked, kIn, kAcked, kFwd, kAcked}});
+    fails.steps(
+        {.what = "out fails: nothing to move back", .answers = {no}, .sends = {out}, .log = {kOut, kNo, kNoOut}});
+    fails.steps({.what    = "in fails: out is moved back, which fails too",
+                 .answers = {{}, no, gone},
+                 .sends   = {out, in, back(XFRM_POLICY_OUT)},
+                 .log     = {kOut, kAcked, kIn, kNo, kNoIn, kNoEncap, noneThere,
+                             kAll(4, "rolling back TX XFRM migration failed\n")}});
+    fails.steps({.what    = "fwd fails: in, which fails too, and out are moved back",
+                 .answers = {{}, {}, no, gone},
+                 .sends   = {out, in, fwd, back(XFRM_POLICY_IN), back(XFRM_POLICY_OUT)},
+                 .log     = {kOut, kAcked, kIn, kAcked, kFwd, kNo, kNoFwd, kNoEncap, noneThere,
+                             kAll(4, "rolling back RX XFRM migration failed\n"), kNoEncap, kAcked}});
 }
 
 TEST(Migration, SendsAnAddressOfNoFamilyAsZeros)
@@ -89,13 +90,14 @@ TEST(Migration, SendsAnAddressOfNoFamilyAsZeros)
         return migrates(dir, peer, from, to, IPPROTO_ESP, XFRM_MODE_TUNNEL);
     };
     const Log step{noAddress(5), kNoEncap};
-    refused({.what    = "and back, where the peer is that of the record that it comes from, as far as it reaches",
-             .answers = {{}, {}, {refusal(-EPERM)}},
-             .call    = migrate(v6(), v6([](Record& r) { r.local_addr.ip_type = 5, r.remote_addr.addr_len = 8; })),
-             .sends   = {sends(XFRM_POLICY_OUT, kPeer6, here, none), sends(XFRM_POLICY_IN, kPeer6, here, none),
-                         sends(XFRM_POLICY_FWD, kPeer6, here, none), sends(XFRM_POLICY_IN, "fe80::", none, here),
-                         sends(XFRM_POLICY_OUT, "fe80::", none, here)},
-             .log     = {kOut, step, kAcked, kIn, step, kAcked, kFwd, step, kNo, kNoFwd, step, kAcked, step, kAcked}});
+    refused.steps(
+        {.what    = "and back, where the peer is that of the record that it comes from, as far as it reaches",
+         .answers = {{}, {}, {refusal(-EPERM)}},
+         .call    = migrate(v6(), v6([](Record& r) { r.local_addr.ip_type = 5, r.remote_addr.addr_len = 8; })),
+         .sends   = {sends(XFRM_POLICY_OUT, kPeer6, here, none), sends(XFRM_POLICY_IN, kPeer6, here, none),
+                     sends(XFRM_POLICY_FWD, kPeer6, here, none), sends(XFRM_POLICY_IN, "fe80::", none, here),
+                     sends(XFRM_POLICY_OUT, "fe80::", none, here)},
+         .log     = {kOut, step, kAcked, kIn, step, kAcked, kFwd, step, kNo, kNoFwd, step, kAcked, step, kAcked}});
 }
 
 TEST(Migration, RefusesOtherChanges)
@@ -103,7 +105,7 @@ TEST(Migration, RefusesOtherChanges)
     const auto refuses = [](Change change, const Log& log, const Record& before = v4(), int line = __builtin_LINE()) {
         Record after = before;
         change(after);
-        rejects({.call = migrate(before, after), .log = log}, __FILE__, line);
+        rejects.steps({.call = migrate(before, after), .log = log}, __FILE__, line);
     };
     const LogLine peer = kAll(4, "remote address has changed\n");
 
@@ -121,8 +123,8 @@ TEST(Migration, RefusesOtherChanges)
     }
     refuses(same, {kOut, kMode(4, "invalid XFRM mode 0x%x\n", 0), kOne(4, "setting XFRM state mode failed\n"), kNoOut},
             v4([](Record& r) { r.encap_mode = 0; }));
-    rejects({.call = migrate(v4(), v4(), "nonsense"),
-             .log  = {kOut, kNoEncap, xfrm("setXFRMAddress")(4, "invalid IPv4 address %s\n", "nonsense"),
-                      xfrm("setXFRMSel")(4, "setting selector source address failed\n"),
-                      kOne(4, "setting policy selector failed\n"), kNoOut}});
+    rejects.steps({.call = migrate(v4(), v4(), "nonsense"),
+                   .log  = {kOut, kNoEncap, xfrm("setXFRMAddress")(4, "invalid IPv4 address %s\n", "nonsense"),
+                            xfrm("setXFRMSel")(4, "setting selector source address failed\n"),
+                            kOne(4, "setting policy selector failed\n"), kNoOut}});
 }

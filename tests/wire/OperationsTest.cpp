@@ -6,7 +6,8 @@
 #include <linux/rtnetlink.h>
 
 using namespace wire;
-using namespace wire::routing;
+
+static const auto [check, acked, rejects, refused] = Checks(NETLINK_ROUTE);
 
 TEST(Operations, ConfigureAnAddress)
 {

@@ -45,42 +45,42 @@ TEST(Policies, SteerASelectorIntoATemplate)
         return Operation(addXFRMPolicies, v4(change), from, "10.1.0.0/16", 17, outbound);
     };
 
-    whole({.call  = add(true),
+    check({.call  = add(true),
            .sends = {adds(XFRM_POLICY_OUT, kHere, kPeer, kTxSpi, AF_INET)},
            .log   = {out, source("10.0.0.0/8", 8), destination("10.1.0.0/16", 16), protocol(17), identity(kTxSpi),
                      family(""), kAcked}});
-    whole({.what  = "addresses of no family",
+    check({.what  = "addresses of no family",
            .call  = add(true, [](Record& r) { r.local_addr.ip_type = 5, r.remote_addr.ip_type = 7; }),
            .sends = {adds(XFRM_POLICY_OUT, "", "", kTxSpi, 0)},
            .log   = {out, source("10.0.0.0/8", 8), destination("10.1.0.0/16", 16), protocol(17),
                      identity(kTxSpi, {noAddress(5), noAddress(7)}), family("6"), kAcked}});
-    check({.what  = "in, then fwd; the family of the source counts",
-           .call  = add(false, [](Record& r) { r.remote_addr = modemAddress(kPeer6); }),
-           .sends = {adds(XFRM_POLICY_IN, kPeer6, kHere, kRxSpi, AF_INET6),
-                     adds(XFRM_POLICY_FWD, kPeer6, kHere, kRxSpi, AF_INET6)},
-           .log   = {in, kAcked, fwd, kAcked}});
-    refused({.call = add(true), .log = {out, exists, noOut}});
-    refused({.call = add(false), .log = {in, exists, all(4, "inserting incoming XFRM policy failed")}});
-    refused({.what    = "in stays",
-             .answers = {{}, {refusal(-EPERM)}},
-             .call    = add(false),
-             .log     = {in, kAcked, fwd, exists, all(4, "inserting forwarding XFRM policy failed\n")}});
+    check.steps({.what  = "in, then fwd; the family of the source counts",
+                 .call  = add(false, [](Record& r) { r.remote_addr = modemAddress(kPeer6); }),
+                 .sends = {adds(XFRM_POLICY_IN, kPeer6, kHere, kRxSpi, AF_INET6),
+                           adds(XFRM_POLICY_FWD, kPeer6, kHere, kRxSpi, AF_INET6)},
+                 .log   = {in, kAcked, fwd, kAcked}});
+    refused.steps({.call = add(true), .log = {out, exists, noOut}});
+    refused.steps({.call = add(false), .log = {in, exists, all(4, "inserting incoming XFRM policy failed")}});
+    refused.steps({.what    = "in stays",
+                   .answers = {{}, {refusal(-EPERM)}},
+                   .call    = add(false),
+                   .log     = {in, kAcked, fwd, exists, all(4, "inserting forwarding XFRM policy failed\n")}});
 
-    rejects({.what  = "the template is added first; without it nothing is sent",
-             .given = [](ScriptedKernel& k) { k.fail(Call::Allocate, 0); },
-             .call  = add(true),
-             .error = ENOMEM,
-             .log   = {out, core("addNLAttribute")(4, "adding attribute of type %d failed", XFRMA_TMPL),
-                       one(4, "sending XFRM policy failed\n"), noOut}});
+    rejects.steps({.what  = "the template is added first; without it nothing is sent",
+                   .given = [](ScriptedKernel& k) { k.fail(Call::Allocate, 0); },
+                   .call  = add(true),
+                   .error = ENOMEM,
+                   .log   = {out, core("addNLAttribute")(4, "adding attribute of type %d failed", XFRMA_TMPL),
+                             one(4, "sending XFRM policy failed\n"), noOut}});
     const Log noTemplate{one(4, "setting policy templace failed\n"), noOut};
-    rejects({.call = add(true, same, "nonsense"),
-             .log  = {out, kText(4, "invalid IPv4 address %s\n", "nonsense"),
-                      kSel(4, "setting selector source address failed\n"), one(4, "setting policy selector failed\n"),
-                      noOut}});
-    rejects({.call = add(true, [](Record& r) { r.spi_tx_valid = r.encap_mode_valid = 0; }),
-             .log  = {out, kId(4, "%s SPI value is marked as invalid\n", "TX"), tmpl(4, "setting template ID failed\n"),
-                      noTemplate}});
-    rejects(
+    rejects.steps({.call = add(true, same, "nonsense"),
+                   .log  = {out, kText(4, "invalid IPv4 address %s\n", "nonsense"),
+                            kSel(4, "setting selector source address failed\n"),
+                            one(4, "setting policy selector failed\n"), noOut}});
+    rejects.steps({.call = add(true, [](Record& r) { r.spi_tx_valid = r.encap_mode_valid = 0; }),
+                   .log  = {out, kId(4, "%s SPI value is marked as invalid\n", "TX"),
+                            tmpl(4, "setting template ID failed\n"), noTemplate}});
+    rejects.steps(
         {.call = add(true, [](Record& r) { r.encap_mode = 0; }),
          .log = {out, kMode(4, "invalid XFRM mode 0x%x\n", 0), tmpl(4, "setting templade mode failed\n"), noTemplate}});
 }
@@ -97,7 +97,7 @@ TEST(Policies, AreRemovedBySelectorAndDirection)
     };
     const auto selects = [&](const std::string& from, const std::string& to, const XfrmSelector& sel, const Log& log,
                              int line = __builtin_LINE()) {
-        whole({.what  = from.c_str(),
+        check({.what  = from.c_str(),
                .call  = remove(from, to, 0, true),
                .sends = {deletes(sel, XFRM_POLICY_OUT)},
                .log   = {out, log, kAcked}},
@@ -117,23 +117,24 @@ TEST(Policies, AreRemovedBySelectorAndDirection)
     const std::string cut = "10.0.0.0/" + std::string(53, '0') + "17"; // 64 characters, the last one is cut off
     selects(cut, "10.0.0.0/1:2", selector(ten, 1, ten, 1), {source(cut.c_str(), 1), destination("10.0.0.0/1:2", 1)});
 
-    check({.what  = "in, then fwd, of one protocol",
-           .call  = remove("10.0.0.0", "", 17, false),
-           .sends = {deletes(selector(ten, 32, "", 0, 17), XFRM_POLICY_IN),
-                     deletes(selector(ten, 32, "", 0, 17), XFRM_POLICY_FWD)},
-           .log   = {in, kAcked, fwd, kAcked}});
+    check.steps({.what  = "in, then fwd, of one protocol",
+                 .call  = remove("10.0.0.0", "", 17, false),
+                 .sends = {deletes(selector(ten, 32, "", 0, 17), XFRM_POLICY_IN),
+                           deletes(selector(ten, 32, "", 0, 17), XFRM_POLICY_FWD)},
+                 .log   = {in, kAcked, fwd, kAcked}});
     const Log noSelector{one(4, "setting policy selector failed\n"), noOut};
-    rejects({.call = remove("", "", 17, true),
-             .log  = {out, kSel(4, "selector must have either source or destination\n"), noSelector}});
-    rejects({.call = remove("10.0.0.1", "host:name/64", 0, true),
-             .log  = {out, kText(4, "invalid IPv6 address %s\n", "host:name"),
-                      kSel(4, "setting selector destination address failed\n"), noSelector}});
-    refused({.call = remove(ten, "", 0, true), .log = {out, missing, noOut}});
-    refused({.call = remove(ten, "", 0, false), .log = {in, missing, all(4, "removing incoming XFRM policy failed")}});
-    refused({.what    = "in is gone",
-             .answers = {{}, {refusal(-EPERM)}},
-             .call    = remove(ten, "", 0, false),
-             .log     = {in, kAcked, fwd, missing, all(4, "removing forwarding XFRM policy failed\n")}});
+    rejects.steps({.call = remove("", "", 17, true),
+                   .log  = {out, kSel(4, "selector must have either source or destination\n"), noSelector}});
+    rejects.steps({.call = remove("10.0.0.1", "host:name/64", 0, true),
+                   .log  = {out, kText(4, "invalid IPv6 address %s\n", "host:name"),
+                            kSel(4, "setting selector destination address failed\n"), noSelector}});
+    refused.steps({.call = remove(ten, "", 0, true), .log = {out, missing, noOut}});
+    refused.steps(
+        {.call = remove(ten, "", 0, false), .log = {in, missing, all(4, "removing incoming XFRM policy failed")}});
+    refused.steps({.what    = "in is gone",
+                   .answers = {{}, {refusal(-EPERM)}},
+                   .call    = remove(ten, "", 0, false),
+                   .log     = {in, kAcked, fwd, missing, all(4, "removing forwarding XFRM policy failed\n")}});
 }
 
 TEST(Policies, LetLinkLocalICMPv6Bypass)
@@ -141,12 +142,12 @@ TEST(Policies, LetLinkLocalICMPv6Bypass)
     const XfrmSelector sel = selector("", 0, "fe80::", 64, IPPROTO_ICMPV6, AF_INET6);
     const Log selected{destination("fe80::/64", 64), protocol(58)};
 
-    whole({.call  = {addXFRMPolicyEx, 2},
+    check({.call  = {addXFRMPolicyEx, 2},
            .sends = {message(XFRM_MSG_NEWPOLICY, kAck, {policy(sel, 2, 10)})},
            .log   = {selected, kAcked}});
-    whole({.call = {removeXFRMPolicyEx, 2}, .sends = {deletes(sel, 2)}, .log = {selected, kAcked}});
-    refused({.what  = "any direction is sent",
-             .call  = {addXFRMPolicyEx, 3},
-             .sends = {message(XFRM_MSG_NEWPOLICY, kAck, {policy(sel, 3, 10)})},
-             .log   = refusedBy(-EPERM, xfrm("addXFRMPolicyEx")(4, "sending XFRM policy failed\n"))});
+    check({.call = {removeXFRMPolicyEx, 2}, .sends = {deletes(sel, 2)}, .log = {selected, kAcked}});
+    refused.steps({.what  = "any direction is sent",
+                   .call  = {addXFRMPolicyEx, 3},
+                   .sends = {message(XFRM_MSG_NEWPOLICY, kAck, {policy(sel, 3, 10)})},
+                   .log   = refusedBy(-EPERM, xfrm("addXFRMPolicyEx")(4, "sending XFRM policy failed\n"))});
 }

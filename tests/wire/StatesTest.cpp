@@ -98,7 +98,7 @@ TEST(States, AreInstalledTxThenRx)
         r.udp_encap_port = 0x3412; // 0x1234 in network order
     };
 
-    whole({.what  = "ESP over IPv4, in UDP",
+    check({.what  = "ESP over IPv4, in UDP",
            .call  = install(inUdp),
            .sends = {installsTx(kTx, encap(0x1234, 4500)), installsRx(kRx, encap(4500, 0x1234))},
            .log   = {kInsertTx, identity(kTxSpi), described(ports(0x1234, 4500), 0x24, ""), marks, identity(kRxSpi),
@@ -111,13 +111,13 @@ TEST(States, AreInstalledTxThenRx)
         .saddr = "fe80::", .daddr = kPeer6, .proto = IPPROTO_AH, .family = AF_INET6, .mode = XFRM_MODE_TRANSPORT};
     Sa ahRx = ahTx;
     std::swap(ahRx.saddr, ahRx.daddr), ahRx.spi = kRxSpi;
-    whole({.what  = "AH over IPv6, transport mode, the technology with a mark for RX",
+    check({.what  = "AH over IPv6, transport mode, the technology with a mark for RX",
            .call  = {addXFRMStates, v6(ah), TRO_TECHNOLOGY_NAME_MARKED_RX_V01, 0x20003, 0x200ff},
            .sends = {installsTx(ahTx), installsRx(ahRx, '|' + attr(XFRMA_SET_MARK, 0x20002))},
            .log   = {kInsertTx, identity(kTxSpi, {}, "ah", "transport"), described(kNoEncap, 0x24, "6"), marks,
                      identity(kRxSpi, {}, "ah", "transport"), described(kNoEncap, 0x20, "6"),
                      kState(2, "\t..output_mark = 0x%x\n", 0x20002), kAcked}});
-    whole({.what = "the source's family counts, an address of none is zero, a protocol's low byte; RX fails, TX stays",
+    check({.what = "the source's family counts, an address of none is zero, a protocol's low byte; RX fails, TX stays",
            .answers = {{}, {refusal(-EEXIST)}},
            .call    = install([](Record& r) {
                r.local_addr.ip_type = 5, r.remote_addr = modemAddress(kPeer6), r.ipsec_protocol = 0x103;
@@ -129,16 +129,16 @@ TEST(States, AreInstalledTxThenRx)
            .log     = {kInsertTx, identity(kTxSpi, noAddress(5)), described(kNoEncap, 0x24, "6"), marks,
                        identity(kRxSpi, noAddress(5)), described(kNoEncap, 0x20, "6"), refusedBy(-EEXIST, kNotSent),
                        kRxFailed}});
-    refused({.call = install(same), .log = {kInsertTx, kNoEncap, refusedBy(-EPERM, kNotSent), kTxFailed}});
+    refused.steps({.call = install(same), .log = {kInsertTx, kNoEncap, refusedBy(-EPERM, kNotSent), kTxFailed}});
     for (const Change change :
          {Change([](Record& r) { r.udp_encap = 0; }), Change([](Record& r) { r.udp_encap_valid = 0; }),
           Change([](Record& r) { r.udp_encap_port_valid = 0; })}) {
         Record record = v4(inUdp);
         change(record);
-        check({.what  = "UDP needs all three",
-               .call  = {addXFRMStates, record, 0, 0, 0},
-               .sends = kAnything,
-               .log   = {kInsertTx, kNoEncap, kAcked, kInsertRx, kNoEncap, kAcked}});
+        check.steps({.what  = "UDP needs all three",
+                     .call  = {addXFRMStates, record, 0, 0, 0},
+                     .sends = kAnything,
+                     .log   = {kInsertTx, kNoEncap, kAcked, kInsertRx, kNoEncap, kAcked}});
     }
 }
 
@@ -183,15 +183,15 @@ TEST(States, RefuseARecord)
     const LogLine crypto  = kState(4, "setting XFRM state crypto failed\n"),
                   hashing = kState(4, "setting XFRM state auth failed\n");
     const auto refuses    = [](Change change, const LogLine& why, const LogLine& step, int line = __builtin_LINE()) {
-        rejects({.what = why.text.c_str(), .call = install(change), .log = {kInsertTx, why, step, kTxFailed}}, __FILE__,
-                   line);
+        rejects.steps({.what = why.text.c_str(), .call = install(change), .log = {kInsertTx, why, step, kTxFailed}},
+                         __FILE__, line);
     };
     const auto rxRefuses = [](Change change, const LogLine& why, const LogLine& step, int line = __builtin_LINE()) {
-        refused({.answers = {{}},
-                 .call    = install(change),
-                 .error   = EINVAL,
-                 .log     = {kInsertTx, kNoEncap, kAcked, kInsertRx, why, step, kRxFailed}},
-                __FILE__, line);
+        refused.steps({.answers = {{}},
+                       .call    = install(change),
+                       .error   = EINVAL,
+                       .log     = {kInsertTx, kNoEncap, kAcked, kInsertRx, why, step, kRxFailed}},
+                      __FILE__, line);
     };
     refuses([](Record& r) { r.remote_addr_valid = 0; }, invalid, id);
     refuses([](Record& r) { r.local_addr_valid = r.spi_tx_valid = 0; }, invalid, id);
@@ -306,7 +306,7 @@ TEST(States, AreFoundByProtocolSPIAndBothAddresses)
     const LogLine tx = by(1, "ignoring non-matching TX address\n"), rx = by(1, "ignoring non-matching RX address\n");
     const auto passes = [](const char* what, const Record& record, const std::string& sas, const Log& log,
                            int line = __builtin_LINE()) {
-        whole({.what    = what,
+        check({.what    = what,
                .answers = {{sas, kEnd}},
                .call    = {removeXFRMStates, record},
                .sends   = {kGetSas},
@@ -349,7 +349,7 @@ TEST(States, AreRemovedWhileTheDumpIsRead)
                        {XfrmUsersaId{.daddr = destination, .spi = spi, .family = AF_INET6, .proto = IPPROTO_AH},
                         attr(XFRMA_SRCADDR, source)});
     };
-    whole({.what    = "both, whatever the flags say, with and without attributes; the second deletion fails",
+    check({.what    = "both, whatever the flags say, with and without attributes; the second deletion fails",
            .answers = {{dumped(tx) + dumped(rx, attr(1, "00")), kEnd}, {}, {refusal(-ESRCH)}},
            .call    = {removeXFRMStates, v6([](Record& r) {
                         r.ipsec_protocol = 2, r.local_addr.addr_len = 8; // all 16 bytes are compared
@@ -359,8 +359,8 @@ TEST(States, AreRemovedWhileTheDumpIsRead)
            .sends   = {kGetSas, deletes(kTxSpi, kPeer6, "fe80 13*00 01"), deletes(kRxSpi, kHere6, "fe80 13*00 02")},
            .log = {removing("removing TX XFRM state\n", kTxSpi), kAcked, removing("removing RX XFRM state\n", kRxSpi),
                    refusedBy(-ESRCH, by(4, "deleting XFRM state failed\n"))}});
-    refused({.call = {removeXFRMStates, v4()},
-             .log  = {kDumpRefused, xfrm("removeXFRMStates")(4, "removing XFRM states failed")}});
+    refused.steps({.call = {removeXFRMStates, v4()},
+                   .log  = {kDumpRefused, xfrm("removeXFRMStates")(4, "removing XFRM states failed")}});
 }
 
 TEST(States, AreUpdatedInPlace)
@@ -399,49 +399,49 @@ TEST(States, AreUpdatedInPlace)
         longer{.bmp_len = 1, .oseq = 2, .seq = 3};
     const Check updates(
         {.call = {updateXFRMStates, v4(), TRO_TECHNOLOGY_NAME_MARKED_RX_V01, 3, 0xff}, .sends = kAnything},
-        NETLINK_XFRM, log_level_notice);
+        NETLINK_XFRM);
 
-    updates({.what    = "TX sends what was dumped last, which was RX's; RX sends zeros; others' SAs do not count",
-             .answers = {{dumped(kTx, value({.oseq = 1, .seq = 2, .bitmap = 3})) +
-                              dumped(kRx, attr(XFRMA_REPLAY_VAL, "04000000 05000000 06000000 ffffffff")) +
-                              dumped({.saddr = kPeer}, value({.oseq = 7})),
-                          kEnd}},
-             .sends   = sends(counters(txId, value({.oseq = 4, .seq = 5, .bitmap = 6})), rxZeros),
-             .log     = {tx, counted(2, 1), rx, counted(5, 4), all}});
-    updates(
+    updates.steps({.what    = "TX sends what was dumped last, which was RX's; RX sends zeros; others' SAs do not count",
+                   .answers = {{dumped(kTx, value({.oseq = 1, .seq = 2, .bitmap = 3})) +
+                                    dumped(kRx, attr(XFRMA_REPLAY_VAL, "04000000 05000000 06000000 ffffffff")) +
+                                    dumped({.saddr = kPeer}, value({.oseq = 7})),
+                                kEnd}},
+                   .sends   = sends(counters(txId, value({.oseq = 4, .seq = 5, .bitmap = 6})), rxZeros),
+                   .log     = {tx, counted(2, 1), rx, counted(5, 4), all}});
+    updates.steps(
         {.what = "after an extended record of TX, what is dumped last is sent as such, of RX and longer though it be",
          .answers = {{dumped(kTx, esn(five)) + dumped(kRx, esn(std::string(longer) + "ffffffff")), kEnd}},
          .sends   = sends(counters(txId, esn(longer)), rxZeros),
          .log     = {tx, extended(6, 5), rx, extended(3, 2), all}});
-    updates({.what    = "a plain one takes the place of its first 12 bytes",
-             .answers = {{dumped(kTx, esn(five)) + dumped(kRx, value({.oseq = 2, .seq = 3, .bitmap = 4})), kEnd}},
-             .sends   = sends(counters(txId, esn(XfrmReplayStateEsn{2, 3, 4, 7, 8, 9})), rxZeros),
-             .log     = {tx, extended(6, 5), rx, counted(3, 2), all}});
-    updates({.what    = "one of RX is sent for TX, as 12 bytes",
-             .answers = {{dumped(kRx, esn(five)), kEnd}},
-             .sends   = sends(counters(noId, value({.seq = 5, .bitmap = 6})), rxZeros),
-             .log     = {rx, extended(6, 5), all}});
-    updates({.what    = "records that are too short; a dump that fails stops nothing, and what it had read counts",
-             .answers = {{dumped(kTx, attr(XFRMA_REPLAY_VAL, "8*01") + esn("20*01")), failedReceive(EIO)}},
-             .sends   = sends(counters(txId, value({})), counters(noId, value({}))),
-             .log     = {tx, core("messageDump")(4, "receiving NL dump failed. errno=[%d %s]", EIO, strerror(EIO)),
-                         by(4, "failed to query XFRM"), all}});
+    updates.steps({.what    = "a plain one takes the place of its first 12 bytes",
+                   .answers = {{dumped(kTx, esn(five)) + dumped(kRx, value({.oseq = 2, .seq = 3, .bitmap = 4})), kEnd}},
+                   .sends   = sends(counters(txId, esn(XfrmReplayStateEsn{2, 3, 4, 7, 8, 9})), rxZeros),
+                   .log     = {tx, extended(6, 5), rx, counted(3, 2), all}});
+    updates.steps({.what    = "one of RX is sent for TX, as 12 bytes",
+                   .answers = {{dumped(kRx, esn(five)), kEnd}},
+                   .sends   = sends(counters(noId, value({.seq = 5, .bitmap = 6})), rxZeros),
+                   .log     = {rx, extended(6, 5), all}});
+    updates.steps({.what = "records that are too short; a dump that fails stops nothing, and what it had read counts",
+                   .answers = {{dumped(kTx, attr(XFRMA_REPLAY_VAL, "8*01") + esn("20*01")), failedReceive(EIO)}},
+                   .sends   = sends(counters(txId, value({})), counters(noId, value({}))),
+                   .log = {tx, core("messageDump")(4, "receiving NL dump failed. errno=[%d %s]", EIO, strerror(EIO)),
+                           by(4, "failed to query XFRM"), all}});
 
     const Log noCounters = refusedBy(-EPERM, xfrm("updateXFRMSeq")(4, "sending XFRM state failed\n"));
     const std::vector<Reply> no{refusal(-EPERM)};
-    updates({.what    = "TX fails: nothing else is tried",
-             .answers = {{}, no},
-             .result  = -1,
-             .error   = EPERM,
-             .log     = {txUpdate, refusedBy(-EPERM, kNotSent), by(4, "updating TX XFRM state failed\n")}});
-    updates({.what    = "RX and TX's counters fail: RX's counters decide",
-             .answers = {{}, {}, no, no},
-             .log     = {txUpdate, rxUpdate, refusedBy(-EPERM, kNotSent), by(4, "updating RX XFRM state failed\n"),
-                         txCounters, noCounters, by(4, "updating sequence TX failed\n"), rxCounters, kAcked}});
-    updates({.what    = "RX's counters fail",
-             .answers = {{}, {}, {}, {}, no},
-             .result  = -1,
-             .error   = EPERM,
-             .log     = {txUpdate, rxUpdate, kAcked, txCounters, kAcked, rxCounters, noCounters,
-                         by(4, "updating sequence RX failed\n")}});
+    updates.steps({.what    = "TX fails: nothing else is tried",
+                   .answers = {{}, no},
+                   .result  = -1,
+                   .error   = EPERM,
+                   .log     = {txUpdate, refusedBy(-EPERM, kNotSent), by(4, "updating TX XFRM state failed\n")}});
+    updates.steps({.what    = "RX and TX's counters fail: RX's counters decide",
+                   .answers = {{}, {}, no, no},
+                   .log = {txUpdate, rxUpdate, refusedBy(-EPERM, kNotSent), by(4, "updating RX XFRM state failed\n"),
+                           txCounters, noCounters, by(4, "updating sequence TX failed\n"), rxCounters, kAcked}});
+    updates.steps({.what    = "RX's counters fail",
+                   .answers = {{}, {}, {}, {}, no},
+                   .result  = -1,
+                   .error   = EPERM,
+                   .log     = {txUpdate, rxUpdate, kAcked, txCounters, kAcked, rxCounters, noCounters,
+                               by(4, "updating sequence RX failed\n")}});
 }

@@ -39,6 +39,18 @@ inline const auto failure = [](const LoggedBy& by, const char* format, int error
 
 using Answers = std::vector<std::vector<Reply>>; // to each request; an empty one is the usual
 
+// What a row says of its requests or its log. One that says nothing means the usual, kNothing that there are none.
+inline constexpr struct Nothing {
+} kNothing;
+template <typename Told>
+struct Said : Told {
+    using Told::Told;
+    Said() : said(false) {}
+    Said(const Told& told) : Told(told) {}
+    Said(Nothing) {}
+    bool said = true;
+};
+
 struct Case {
     const char* what                           = nullptr; // the first line of the log, where that says it all
     std::function<void(ScriptedKernel&)> given = {}; // said to the kernel first; it knows "lo" as 1 and "wlan0" as 3
@@ -46,18 +58,31 @@ struct Case {
     Operation call                             = {};
     std::optional<Result> result               = {}; // 0
     std::optional<int> error                   = {}; // errno after it; a failure names it, of a success only dumps do
-    Sends sends                                = {};
-    Log log                                    = {};
+    Said<Sends> sends                          = {};
+    Said<Log> log                              = {};
 };
 
-// Runs cases. What a case leaves out is as in the one that is given here.
+// Runs cases. What a case leaves out is as in the one that is given here; what that leaves out is nothing, 0, or what
+// kernels say when all is well.
 class Check {
 public:
-    explicit Check(Case common = {}, int protocolOfAll = NETLINK_ROUTE, log_level lowest = log_level_verbose)
-        : usual(std::move(common)), protocol(protocolOfAll), from(lowest)
+    explicit Check(Case common = {}, int protocolOfAll = NETLINK_ROUTE)
+        : usual(std::move(common)), protocol(protocolOfAll)
     {}
 
     void operator()(const Case& row, const char* file = __builtin_FILE(), int line = __builtin_LINE()) const
+    {
+        run(row, log_level_verbose, file, line);
+    }
+
+    // Of the log compares the lines of level 3 and 4.
+    void steps(const Case& row, const char* file = __builtin_FILE(), int line = __builtin_LINE()) const
+    {
+        run(row, log_level_notice, file, line);
+    }
+
+private:
+    void run(const Case& row, log_level from, const char* file, int line) const
     {
         const std::string what     = row.what != nullptr ? row.what : row.log.empty() ? "" : row.log.front().text;
         const std::string expected = row.result.value_or(usual.result.value_or(0)).text;
@@ -70,37 +95,38 @@ public:
         if (row.given || usual.given)
             (row.given ? row.given : usual.given)(kernel);
 
-        std::string differences;
-        {
-            const testing::ScopedTrace trace(file, line, what);
-            const Result result = kernel.run(row.call ? row.call : usual.call);
-            const int error     = errno;
-            if (result.text != expected)
-                differences = std::string("result ") + result.text + ", not " + expected + '\n';
-            if (!named && fails)
-                differences += "the row does not say which errno it fails with\n";
-            if (named && error != *named)
-                differences += "errno " + std::to_string(error) + ", not " + std::to_string(*named) + '\n';
-        }
-        const bool sends = row.sends.any || !row.sends.digits.empty();
-        differences +=
-            unmet(kernel, sends ? row.sends : usual.sends, row.log.empty() ? usual.log : row.log, protocol, from);
-        if (!differences.empty()) // in full for the first case of a test that fails, since others tend to fail likewise
-            ADD_FAILURE_AT(file, line) << what << '\n' << (testing::Test::HasFailure() ? "" : differences);
+        const testing::ScopedTrace trace(file, line, what);
+        const Result result = kernel.run(row.call ? row.call : usual.call);
+        const int error     = errno;
+        std::string differences =
+            unmet(kernel, row.sends.said ? row.sends : usual.sends, row.log.said ? row.log : usual.log, protocol, from);
+        if (result.text != expected)
+            differences += std::string("result ") + result.text + ", not " + expected + '\n';
+        if (!named && fails)
+            differences += "the row does not say which errno it fails with\n";
+        if (named && error != *named)
+            differences += "errno " + std::to_string(error) + ", not " + std::to_string(*named) + '\n';
+        if (testing::Test::HasFailure()) // after the first row of a test that fails others tend to fail likewise
+            differences.resize(differences.find('\n') + 1);
+        if (!differences.empty())
+            ADD_FAILURE_AT(file, line) << differences;
     }
 
-private:
     Case usual;
     int protocol;
-    log_level from;
 };
 
-namespace routing {
-inline const Check check;
-inline const Check acked({.log = kAcked});
-inline const Check rejects({.result = -1}); // sends nothing
-inline const Check refused({.answers = {{refusal(-EPERM)}}, .result = -1, .error = EPERM, .sends = kAnything});
-} // namespace routing
+// The usual ways to check the operations of a protocol.
+struct Checks {
+    explicit Checks(int protocol)
+        : check({}, protocol), acked({.log = kAcked}, protocol), rejects({.result = -1, .error = EINVAL}, protocol),
+          refused({.answers = {{refusal(-EPERM)}}, .result = -1, .error = EPERM, .sends = kAnything}, protocol)
+    {}
+    Check check;
+    Check acked;   // sends, and the kernel acknowledges it
+    Check rejects; // fails, and sends nothing
+    Check refused; // fails, since the kernel refuses the first request
+};
 
 } // namespace wire
 
