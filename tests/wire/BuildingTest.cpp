@@ -10,19 +10,19 @@ using M = NetlinkMessage;
 
 static unsigned char kBytes[] = {0xa1, 0xa2, 0xa3, 0xa4, 0xa5, 0xa6};
 
-// Builds and transacts a request of type 0x1234.
+// Builds and transacts a request that is none of the kernel's.
 static Operation request(void (*build)(M&))
 {
     return [=] {
         M msg;
-        msg.setNLMsgHeader(NETLINK_ROUTE, 0x1234, kAck);
+        msg.setNLMsgHeader(NETLINK_ROUTE, kMadeUp, kAck);
         build(msg);
         return msg.messageTransact();
     };
 }
 
 // What it sends when nothing went wrong.
-static const auto sent = [](Blocks blocks) { return Sends{message(0x1234, kAck, blocks)}; };
+static const auto sent = [](Blocks blocks) { return Sends{message(kMadeUp, kAck, blocks)}; };
 
 TEST(Building, PutsBlocksOnTheWire)
 {
@@ -129,7 +129,7 @@ TEST(Building, ServesOneRequest)
            .call =
                [] {
                    M msg;
-                   msg.setNLMsgHeader(NETLINK_ROUTE, 0x1234, kAck);
+                   msg.setNLMsgHeader(NETLINK_ROUTE, kMadeUp, kAck);
                    msg.addMsgPayload(4, kBytes);
                    return 10 * msg.messageTransact() + msg.messageTransact();
                },
@@ -152,7 +152,7 @@ TEST(Building, ServesOneRequest)
 
 TEST(Building, WipesWhatItFrees)
 {
-    ScriptedKernel kernel;
+    Kernel kernel;
     kernel.run(request([](M& m) {
         static unsigned char secret[12] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12};
         m.addMsgPayload(12, secret), m.addMsgPayload(12, secret), m.addNLAttribute(1, 8, secret);
@@ -171,7 +171,7 @@ TEST(BuildingDeathTest, EndsTheProcess)
     EXPECT_EXIT(msg.addNLAttribute(1, INT_MAX, kBytes), killed, "addNLAttribute.*overflow");
     EXPECT_EXIT(msg.endNestedNLAttribute(later), killed, "endNestedNLAttribute.*overflow");
 
-    ScriptedKernel kernel;
+    Kernel kernel;
     kernel.fail(Call::AllocateOrThrow, 0); // the list of attributes
     EXPECT_EXIT(kernel.run(request([](M& m) { m.addNLAttribute(1, 1u); })), killed, "");
 }

@@ -13,7 +13,7 @@ static const auto [check, acked, rejects, refused] = Checks(NETLINK_ROUTE);
 static const LoggedBy kTransact = core("messageTransact"), kQuery = core("messageQuery"), kDumped = core("messageDump");
 static const std::string kOther = message(26, 0), kShortError = "23000000 0200 0000 8*00 00000000 15*00 00";
 
-// An exchange of a request of type 26. What it found is the types of the messages that its callback saw, to each of
+// An exchange of a request that is none of the kernel's. What it found is the types of the messages that its callback saw, to each of
 // which that gave this verdict; then the result, and the kernel's error where there was one.
 static Operation exchange(int (NetlinkMessage::*run)(), unsigned short flags, int verdict = NetlinkQueryContinue,
                           bool responseRequired = false)
@@ -26,7 +26,7 @@ static Operation exchange(int (NetlinkMessage::*run)(), unsigned short flags, in
             return static_cast<VeskNetlinkQueryReturn>(says);
         };
         NetlinkMessage msg;
-        msg.setNLMsgHeader(NETLINK_ROUTE, 26, flags);
+        msg.setNLMsgHeader(NETLINK_ROUTE, kMadeUp, flags);
         msg.setQueryCb(see, &seen, responseRequired);
         msg.setDumpCb([](nlmsghdr* shown, void* context) { decltype(see)()(shown, context); }, &seen);
         const int result = (msg.*run)();
@@ -67,7 +67,7 @@ TEST(Exchange, NeedsASocket)
              .error = EINVAL,
              .log   = open(4, "NL protocol not yet set. Aborting")});
 
-    ScriptedKernel kernel;
+    Kernel kernel;
     kernel.fail(Call::SetSockOpt, ENOPROTOOPT);
     EXPECT_STREQ(transact()().text, "0") << "extended acknowledgements are not essential";
     EXPECT_EQ(kernel.log(), (Log{open(3, "EXTACK not supported"), kAcked}));
@@ -111,7 +111,7 @@ TEST(Exchange, KeepsItsSocket)
           .answers = {{refusal(-ENOENT)}, {kEnd}},
           .call   = twoExchanges([](NetlinkMessage& msg) { return msg.messageDump([](nlmsghdr*, void*) {}, nullptr); }),
           .result = "-1 0 -2",
-          .error   = 0,
+          .error  = 0,
           .log    = refusedBy(-ENOENT)});
     gets({.what  = "opened twice, the first one is closed, 0 though it be; nothing is awaited",
           .given = [](ScriptedKernel& k) { k.numberSockets(0); },
@@ -125,7 +125,7 @@ TEST(Exchange, ReceivesAPageOfTheMachineAndAtMost8KiB)
         for (const auto& [any, whole, cut] :
              {std::tuple(transact(), "0", "-1"), {query(), "26 0", "26 0"}, {dump(), "26 2 -1", "26 -1"}})
             for (const unsigned beyond : {0u, 4u}) { // bytes of the acknowledgement
-                ScriptedKernel kernel;
+                Kernel kernel;
                 kernel.setPageSize(page);
                 kernel.answer({message(26, 0, {std::to_string(size + beyond - 16 - 36) + "*00"}) + acknowledgement()});
                 EXPECT_STREQ(any().text, beyond == 0 ? whole : cut) << page;
@@ -135,7 +135,7 @@ TEST(Exchange, ReceivesAPageOfTheMachineAndAtMost8KiB)
 
 TEST(Exchange, TransactTakesTheFirstError)
 {
-    const Check gets({.call = transact(), .result = -1, .error = EBADMSG, .sends = {message(26, kAck)}});
+    const Check gets({.call = transact(), .result = -1, .error = EBADMSG, .sends = {message(kMadeUp, kAck)}});
     const Log none        = kTransact(4, "no NL ACK received from kernel");
     const std::string yes = acknowledgement(), no = refusal(-ENOENT);
 
@@ -162,7 +162,7 @@ TEST(Exchange, TransactTakesTheFirstError)
           .log     = failure(kTransact, "receiving NL ACK from kernel failed: errno=[%d, %s]", ENOBUFS)});
     gets({.call   = transact(0xfcfb), // all flags but this one, and those of a dump
           .result = 0,
-          .sends  = {message(26, 0xfcfb)},
+          .sends  = {message(kMadeUp, 0xfcfb)},
           .log    = kTransact(2, "not requesting ACK for NL message\n")});
 }
 
@@ -242,7 +242,7 @@ TEST(Exchange, FindsExtendedText)
 TEST(Exchange, QueryStopsWhenTheCallbackIsSatisfied)
 {
     const Check gets(
-        {.answers = {{kOther + kOther}}, .call = query(), .result = -1, .sends = {message(26, NLM_F_REQUEST)}});
+        {.answers = {{kOther + kOther}}, .call = query(), .result = -1, .sends = {message(kMadeUp, NLM_F_REQUEST)}});
     const auto reported = [](int error) { return Log{kQuery(4, "kernel reports error %d", error), kNoText}; };
 
     gets({.what = "found", .call = query(NetlinkQueryDone, true), .result = "26 0"});
@@ -272,7 +272,7 @@ TEST(Exchange, QueryStopsWhenTheCallbackIsSatisfied)
 
 TEST(Exchange, DumpGoesOnUntilDone)
 {
-    const Check gets({.call = dump(), .result = -1, .sends = {message(26, kDump)}});
+    const Check gets({.call = dump(), .result = -1, .sends = {message(kMadeUp, kDump)}});
     const std::string other = message(17, 0, {"aabbccdd"});
     const std::string odd   = "11000000 1200 0000 8*00 aa"; // padded by "000000", or the end
     const Answers walk      = {{other + other, odd, "", other.substr(0, 30), kOther + odd + "000000" + kOther,
@@ -415,7 +415,7 @@ TEST(ExchangeDeathTest, EndsTheProcess)
     EXPECT_EXIT(NetlinkMessage::parseAttributes(reinterpret_cast<nlattr*>(unpadded), map, 5, 6), killed,
                 "parseAttributes.*overflow");
 
-    ScriptedKernel kernel;
+    Kernel kernel;
     kernel.answer({message(GENL_ID_CTRL, 0)});
     EXPECT_EXIT(lookUp("x")(), killed, "queryGENLCb.*overflow");
 }

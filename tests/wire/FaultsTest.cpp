@@ -80,6 +80,7 @@ TEST(Faults, LeaveNothingBehind)
             int error           = 0;
             auto kernel         = expose(operation, call, 0, error);
             EXPECT_EQ(error, 0) << operation.name;
+            EXPECT_EQ(undescribed(kernel->requests()), "") << operation.name;
             const std::set<std::string> whole = ofIpsec(*kernel);
             for (int nth = kernel->count(call); nth > 0; --nth) {
                 kernel.reset(); // there is one at a time

@@ -311,7 +311,7 @@ TEST(Labels, AreGeneratedBelowTheFirstGap)
               .log     = {cb(1, "ignoring non-NEWADDRLABEL message"), cb(4, "invalid NEWADDRLABEL message received"),
                           cb(4, "label attribute is missing in NEWADDRLABEL message"), malformed, malformed}});
 
-    ScriptedKernel kernel;
+    Kernel kernel;
     kernel.answerEach(all({30, 31})); // the first one is compared with the second
     EXPECT_EXIT(generate(AF_INET6)(), testing::KilledBySignal(SIGABRT), "addrlabelGenerate.*overflow");
 }

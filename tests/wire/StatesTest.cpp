@@ -145,7 +145,7 @@ TEST(States, AreInstalledTxThenRx)
 TEST(States, NameTheirAlgorithms)
 {
     const auto sends = [](const Record& record, const std::string& tx, const std::string& rx) {
-        ScriptedKernel kernel;
+        Kernel kernel;
         Operation{addXFRMStates, record, 0, 0, 0}();
         EXPECT_NE((digits(kernel.requests().at(0)) + '|').find('|' + tx + '|'), std::string::npos) << tx;
         EXPECT_NE((digits(kernel.requests().at(1)) + '|').find('|' + rx + '|'), std::string::npos) << rx;
@@ -235,7 +235,7 @@ static const Change kUnknownHash = [](Record& r) { r.hash_algo = 8; };
 TEST(States, KeepTheirKeysToThemselves)
 {
     for (const auto& [change, blocks] : {std::pair(Change(same), 6u), {kUnknownHash, 2u}}) {
-        ScriptedKernel kernel;
+        Kernel kernel;
         kernel.answer({kEcho});
         EXPECT_STREQ(kernel.run(install(change)).text, "-1");
         EXPECT_GE(kernel.freedBlocks().size(), blocks);
@@ -288,7 +288,7 @@ TEST(States, LeaveNoKeyOnTheStack)
 TEST(StatesDeathTest, EndTheProcessForAKeyBeyondItsField)
 {
     const auto killed = testing::KilledBySignal(SIGABRT);
-    ScriptedKernel kernel; // takes TX
+    Kernel kernel; // takes TX
     EXPECT_EXIT(install([](Record& r) { r.crypto_key_tx_len = 129; })(), killed, "setXFRMCryptoAlg.*overflow");
     EXPECT_EXIT(install([](Record& r) { r.crypto_key_rx_len = 129; })(), killed, "setXFRMCryptoAlg.*overflow");
     EXPECT_EXIT(install([](Record& r) { r.hash_key_tx_len = 441; })(), killed, "setXFRMAuthAlg.*overflow");
@@ -378,7 +378,7 @@ TEST(States, AreUpdatedInPlace)
 
     // The requests for SAs differ from those that install in their type; then come the counters.
     const auto sas = [] {
-        ScriptedKernel kernel;
+        Kernel kernel;
         Operation{addXFRMStates, v4(), TRO_TECHNOLOGY_NAME_MARKED_RX_V01, 3, 0xff}();
         return kernel.requests();
     }();

@@ -2,6 +2,8 @@
 #ifndef WIRE_TEST_H
 #define WIRE_TEST_H
 
+#include "Described.h"
+
 #include <Operation.h>
 
 #include <cerrno>
@@ -37,6 +39,16 @@ inline const auto failure = [](const LoggedBy& by, const char* format, int error
     return by(4, format, error, strerror(error));
 };
 
+// A kernel with the devices "lo" and "wlan0", 1 and 3, to which nothing is sent that the description does not know.
+struct Kernel : ScriptedKernel {
+    Kernel()
+    {
+        addInterface("lo", 1);
+        addInterface("wlan0", 3);
+    }
+    ~Kernel() { EXPECT_EQ(undescribed(requests()), ""); }
+};
+
 using Answers = std::vector<std::vector<Reply>>; // to each request; an empty one is the usual
 
 // What a row says of its requests or its log. One that says nothing means the usual, kNothing that there are none.
@@ -53,7 +65,7 @@ struct Said : Told {
 
 struct Case {
     const char* what                           = nullptr; // the first line of the log, where that says it all
-    std::function<void(ScriptedKernel&)> given = {}; // said to the kernel first; it knows "lo" as 1 and "wlan0" as 3
+    std::function<void(ScriptedKernel&)> given = {};      // said to the kernel first
     Answers answers                            = {};
     Operation call                             = {};
     std::optional<Result> result               = {}; // 0
@@ -88,18 +100,17 @@ private:
         const std::string expected = row.result.value_or(usual.result.value_or(0)).text;
         const bool fails           = expected.find("-1") != std::string::npos;
         const std::optional named  = row.error || !fails ? row.error : usual.error;
-        ScriptedKernel kernel;
-        kernel.addInterface("lo", 1);
-        kernel.addInterface("wlan0", 3);
+        const testing::ScopedTrace trace(file, line, what);
+        Kernel kernel;
         kernel.answerEach(row.answers.empty() ? usual.answers : row.answers);
         if (row.given || usual.given)
             (row.given ? row.given : usual.given)(kernel);
 
-        const testing::ScopedTrace trace(file, line, what);
-        const Result result = kernel.run(row.call ? row.call : usual.call);
-        const int error     = errno;
-        std::string differences =
-            unmet(kernel, row.sends.said ? row.sends : usual.sends, row.log.said ? row.log : usual.log, protocol, from);
+        const Result result     = kernel.run(row.call ? row.call : usual.call);
+        const int error         = errno;
+        const Sends& sends      = row.sends.said ? row.sends : usual.sends;
+        std::string differences = differingFields(kernel.requests(), sends) +
+                                  unmet(kernel, sends, row.log.said ? row.log : usual.log, protocol, from);
         if (result.text != expected)
             differences += std::string("result ") + result.text + ", not " + expected + '\n';
         if (!named && fails)
