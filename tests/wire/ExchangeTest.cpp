@@ -43,6 +43,9 @@ static const auto query = [](int verdict = NetlinkQueryDone, bool required = fal
 };
 static const auto dump = [] { return exchange(&NetlinkMessage::messageDump, kDump); };
 
+// What programs were built with
+static_assert(NetlinkQueryFailed == 0 && NetlinkQueryDone == 1 && NetlinkQueryContinue == 2);
+
 TEST(Exchange, NeedsASocket)
 {
     const LoggedBy open = core("openSocket");

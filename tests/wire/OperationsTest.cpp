@@ -9,6 +9,9 @@ using namespace wire;
 
 static const auto [check, acked, rejects, refused] = Checks(NETLINK_ROUTE);
 
+// What programs were built with
+static_assert(AddressAdd == 0 && AddressDeprecate == 1 && AddressRenew == 2 && AddressAddDeprecated == 3);
+
 TEST(Operations, ConfigureAnAddress)
 {
     const LoggedBy by     = rtnl("RTNetlinkAddressCfg");
