@@ -138,14 +138,20 @@ Log::Log(std::initializer_list<Log> parts)
         insert(end(), part.begin(), part.end());
 }
 
-LogLine logLine(const std::string& source, int level, const char* format, ...)
+LogLine logLine(const std::string& source, log_level level, const char* format, ...)
 {
     char text[2048];
     std::va_list arguments;
     va_start(arguments, format);
     formatLogLine(text, sizeof text, format, arguments);
     va_end(arguments);
-    return {static_cast<log_level>(level), source, format, text};
+    return {level, source, format, text};
+}
+
+std::string LoggedBy::whole(const std::string& format)
+{
+    const bool isWhole = format.starts_with("%s()") || format.starts_with("%S()");
+    return (isWhole ? "" : format[0] == '\t' ? "%s():" : "%s(): ") + format;
 }
 
 LoggedBy core(const char* function)
@@ -170,13 +176,13 @@ LoggedBy xfrm(const char* function)
 
 LogLine acknowledged()
 {
-    return core("messageTransact")(3, "NL ACK received form kernel");
+    return core("messageTransact").notice("NL ACK received form kernel");
 }
 
 Log refusedBy(int error, const Log& operation)
 {
-    return {core("messageTransact")(4, "kernel reports error %d", error), core("extack")(3, "No EXTACK content"),
-            operation};
+    return {core("messageTransact").failure("kernel reports error %d", error),
+            core("extack").notice("No EXTACK content"), operation};
 }
 
 sockaddr_storage socketAddress(const char* text)

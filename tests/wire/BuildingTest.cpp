@@ -62,10 +62,10 @@ TEST(Building, PutsBlocksOnTheWire)
 TEST(Building, GoesOnWithoutWhatCannotBeAdded)
 {
     const LoggedBy attribute = core("addNLAttribute");
-    const LogLine noPayload  = core("addMsgPayload")(4, "adding payload failed");
+    const LogLine noPayload  = core("addMsgPayload").failure("adding payload failed");
     const auto outOfMemory   = [](int nth) { return [=](ScriptedKernel& k) { k.fail(Call::Allocate, 0, nth); }; };
     const auto badHandle     = [](std::size_t index, const char* mistake) {
-        return core("endNestedNLAttribute")(4, "invalid attribute handle %zu: %s", index, mistake);
+        return core("endNestedNLAttribute").failure("invalid attribute handle %zu: %s", index, mistake);
     };
     const Check check({.sends = sent({attr(3, 3)})});
 
@@ -81,15 +81,15 @@ TEST(Building, GoesOnWithoutWhatCannotBeAdded)
            .log  = {noPayload, kAcked}});
     check({.given = outOfMemory(1),
            .call  = request([](M& m) { m.addNLAttribute(9, 1u), m.addNLAttribute(3, 3u); }),
-           .log   = {attribute(4, "adding attribute of type %d failed", 9), kAcked}});
+           .log   = {attribute.failure("adding attribute of type %d failed", 9), kAcked}});
     check({.what  = "no memory for a nest: its end does not touch the child in its place",
            .given = outOfMemory(1),
            .call  = request([](M& m) {
                NestedAttrHandle handle;
                m.startNestedNLAttribute(2, handle), m.addNLAttribute(3, 3u), m.endNestedNLAttribute(handle);
            }),
-           .log = {attribute(4, "adding attribute of type %d failed", 0x8002), badHandle(SIZE_MAX, "no such attribute"),
-                   kAcked}});
+           .log   = {attribute.failure("adding attribute of type %d failed", 0x8002),
+                     badHandle(SIZE_MAX, "no such attribute"), kAcked}});
     check({.what  = "of two nests the second has no memory: its end does not touch the first",
            .given = outOfMemory(2),
            .call  = request([](M& m) {
@@ -98,8 +98,8 @@ TEST(Building, GoesOnWithoutWhatCannotBeAdded)
                m.startNestedNLAttribute(4, second), m.addNLAttribute(3, 3u), m.endNestedNLAttribute(second);
            }),
            .sends = sent({"0400 0280", attr(3, 3)}),
-           .log = {attribute(4, "adding attribute of type %d failed", 0x8004), badHandle(SIZE_MAX, "no such attribute"),
-                   kAcked}});
+           .log   = {attribute.failure("adding attribute of type %d failed", 0x8004),
+                     badHandle(SIZE_MAX, "no such attribute"), kAcked}});
     check({.what = "handles of no nest: one past the last block, with a start behind the end, and an attribute's",
            .call = request([](M& m) {
                NestedAttrHandle past{99, 1}, plain{0, 0};
@@ -119,7 +119,7 @@ TEST(Building, GoesOnWithoutWhatCannotBeAdded)
              .call   = request([](M& m) { m.addMsgPayload(4, kBytes); }),
              .result = -1,
              .error  = ENOMEM,
-             .log    = core("messageSend")(4, "msg allocation failed")});
+             .log    = core("messageSend").failure("msg allocation failed")});
 }
 
 TEST(Building, ServesOneRequest)

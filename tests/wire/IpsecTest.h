@@ -28,16 +28,16 @@ inline const auto v6 = [](Change change = same) { return v4(change, kHere6, kPee
 static const auto [check, acked, rejects, refused] = Checks(NETLINK_XFRM);
 
 inline const LoggedBy kId = xfrm("setXFRMIdFromBexa"), kMode = xfrm("setXFRMMode"), kEncap = xfrm("setXFRMEncap");
-inline const LogLine kNoEncap = kEncap(3, "not setting encapsulation params\n");
+inline const LogLine kNoEncap = kEncap.notice("not setting encapsulation params\n");
 inline const auto noAddress   = [](unsigned type) {
-    return xfrm("setXFRMAddrFromBexa")(4, "invalid addr family %u\n", type);
+    return xfrm("setXFRMAddrFromBexa").failure("invalid addr family %u\n", type);
 };
 
 inline const auto identity = [](unsigned spi, const Log& addresses = {}, const char* proto = "esp",
                                 const char* mode = "tunnel") {
-    return Log{kId(2, "\t..id.proto = %s\n", proto), kId(2, "\t..saddr = %s\n", ""),
-               kId(2, "\t..id.daddr = %s\n", ""),    addresses,
-               kId(2, "\t..id.spi = 0x%x\n", spi),   kMode(2, "\t..mode = %s\n", mode)};
+    return Log{kId.detail("\t..id.proto = %s\n", proto), kId.detail("\t..saddr = %s\n", ""),
+               kId.detail("\t..id.daddr = %s\n", ""),    addresses,
+               kId.detail("\t..id.spi = 0x%x\n", spi),   kMode.detail("\t..mode = %s\n", mode)};
 };
 
 inline XfrmSelector selector(const char* saddr, int sourcePrefix, const char* daddr, int destinationPrefix,

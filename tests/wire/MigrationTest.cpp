@@ -5,12 +5,13 @@ using namespace wire;
 using namespace wire::ipsec;
 
 static const LoggedBy kAll = xfrm("migrateXFRMInfo"), kOne = xfrm("migrateOneXFRM");
-static const LogLine kOut = kAll(3, "migrating outgoing XFRM info\n"), kIn = kAll(3, "migrating incoming XFRM info\n");
-static const LogLine kFwd   = kAll(3, "migrating forwarding XFRM info\n");
-static const LogLine kNoOut = kAll(4, "migrating TX XFRM info failed\n"),
-                     kNoIn  = kAll(4, "migrating RX XFRM info failed\n"),
-                     kNoFwd = kAll(4, "migrating FWD XFRM info failed\n");
-static const Log kNo        = refusedBy(-EPERM, kOne(4, "sending XFRM migration failed\n"));
+static const LogLine kOut   = kAll.notice("migrating outgoing XFRM info\n"),
+                     kIn    = kAll.notice("migrating incoming XFRM info\n");
+static const LogLine kFwd   = kAll.notice("migrating forwarding XFRM info\n");
+static const LogLine kNoOut = kAll.failure("migrating TX XFRM info failed\n"),
+                     kNoIn  = kAll.failure("migrating RX XFRM info failed\n"),
+                     kNoFwd = kAll.failure("migrating FWD XFRM info failed\n");
+static const Log kNo        = refusedBy(-EPERM, kOne.failure("sending XFRM migration failed\n"));
 
 static const auto migrate = [](const Record& before, const Record& after, const char* local = "10.0.0.0/8") {
     return Operation(migrateXFRMInfo, before, after, local, "10.1.0.0/16", 17);
@@ -63,7 +64,7 @@ TEST(Migration, MovesTheLocalAddressAndBackWhenItFails)
     const std::vector<Reply> no{refusal(-EPERM)};
     const Check fails({.call = migrate(before, after), .result = -1, .error = EPERM}, NETLINK_XFRM);
     const std::vector<Reply> gone{refusal(-ESRCH)};
-    const Log noneThere = refusedBy(-ESRCH, kOne(4, "sending XFRM migration failed\n"));
+    const Log noneThere = refusedBy(-ESRCH, kOne.failure("sending XFRM migration failed\n"));
 
     check.steps({.what  = "three directions; the mode is that of the new record",
                  .call  = migrate(unread, after),
@@ -75,12 +76,12 @@ TEST(Migration, MovesTheLocalAddressAndBackWhenItFails)
                  .answers = {{}, no, gone},
                  .sends   = {out, in, back(XFRM_POLICY_OUT)},
                  .log     = {kOut, kAcked, kIn, kNo, kNoIn, kNoEncap, noneThere,
-                             kAll(4, "rolling back TX XFRM migration failed\n")}});
+                             kAll.failure("rolling back TX XFRM migration failed\n")}});
     fails.steps({.what    = "fwd fails: in, which fails too, and out are moved back",
                  .answers = {{}, {}, no, gone},
                  .sends   = {out, in, fwd, back(XFRM_POLICY_IN), back(XFRM_POLICY_OUT)},
                  .log     = {kOut, kAcked, kIn, kAcked, kFwd, kNo, kNoFwd, kNoEncap, noneThere,
-                             kAll(4, "rolling back RX XFRM migration failed\n"), kNoEncap, kAcked}});
+                             kAll.failure("rolling back RX XFRM migration failed\n"), kNoEncap, kAcked}});
 }
 
 TEST(Migration, SendsAnAddressOfNoFamilyAsZeros)
@@ -107,11 +108,12 @@ TEST(Migration, RefusesOtherChanges)
         change(after);
         rejects.steps({.call = migrate(before, after), .log = log}, __FILE__, line);
     };
-    const LogLine peer = kAll(4, "remote address has changed\n");
+    const LogLine peer = kAll.failure("remote address has changed\n");
 
     refuses([](Record& r) { r.encap_mode = r.ipsec_protocol = r.remote_addr.ip_type = 2; },
-            kAll(4, "XFRM mode has changed\n"));
-    refuses([](Record& r) { r.ipsec_protocol = r.remote_addr.ip_type = 2; }, kAll(4, "XFRM protocol has changed\n"));
+            kAll.failure("XFRM mode has changed\n"));
+    refuses([](Record& r) { r.ipsec_protocol = r.remote_addr.ip_type = 2; },
+            kAll.failure("XFRM protocol has changed\n"));
     refuses([](Record& r) { r.remote_addr.addr[3] ^= 1; }, peer);
     refuses([](Record& r) { r.remote_addr.ip_type = 6; }, peer);
     refuses(same, peer, v4([](Record& r) { r.remote_addr.ip_type = 5; }));
@@ -119,12 +121,14 @@ TEST(Migration, RefusesOtherChanges)
     for (const unsigned protocol : {0x102u, 0x103u}) { // the whole value counts
         Record record         = v4();
         record.ipsec_protocol = protocol;
-        refuses(same, {kOut, kOne(4, "invalid IPSEC protocol %d\n", protocol), kNoOut}, record);
+        refuses(same, {kOut, kOne.failure("invalid IPSEC protocol %d\n", protocol), kNoOut}, record);
     }
-    refuses(same, {kOut, kMode(4, "invalid XFRM mode 0x%x\n", 0), kOne(4, "setting XFRM state mode failed\n"), kNoOut},
-            v4([](Record& r) { r.encap_mode = 0; }));
+    refuses(
+        same,
+        {kOut, kMode.failure("invalid XFRM mode 0x%x\n", 0), kOne.failure("setting XFRM state mode failed\n"), kNoOut},
+        v4([](Record& r) { r.encap_mode = 0; }));
     rejects.steps({.call = migrate(v4(), v4(), "nonsense"),
-                   .log  = {kOut, kNoEncap, xfrm("setXFRMAddress")(4, "invalid IPv4 address %s\n", "nonsense"),
-                            xfrm("setXFRMSel")(4, "setting selector source address failed\n"),
-                            kOne(4, "setting policy selector failed\n"), kNoOut}});
+                   .log  = {kOut, kNoEncap, xfrm("setXFRMAddress").failure("invalid IPv4 address %s\n", "nonsense"),
+                            xfrm("setXFRMSel").failure("setting selector source address failed\n"),
+                            kOne.failure("setting policy selector failed\n"), kNoOut}});
 }

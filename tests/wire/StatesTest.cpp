@@ -61,34 +61,34 @@ static std::string installsRx(const Sa& sa, const std::string& more = "")
 
 static const LoggedBy kAdd = xfrm("addXFRMStates"), kState = xfrm("addXFRMState");
 static const LoggedBy kCrypt = xfrm("setXFRMCryptoAlg"), kAuth = xfrm("setXFRMAuthAlg");
-static const LogLine kInsertTx = kAdd(3, "inserting outgoing XFRM state\n");
-static const LogLine kInsertRx = kAdd(3, "inserting incoming XFRM state\n");
-static const LogLine kTxFailed = kAdd(4, "setting TX XFRM state failed\n");
-static const LogLine kRxFailed = kAdd(4, "setting RX XFRM state failed\n");
-static const LogLine kNotSent  = kState(4, "sending XFRM state failed\n");
+static const LogLine kInsertTx = kAdd.notice("inserting outgoing XFRM state\n");
+static const LogLine kInsertRx = kAdd.notice("inserting incoming XFRM state\n");
+static const LogLine kTxFailed = kAdd.failure("setting TX XFRM state failed\n");
+static const LogLine kRxFailed = kAdd.failure("setting RX XFRM state failed\n");
+static const LogLine kNotSent  = kState.failure("sending XFRM state failed\n");
 
 static const auto install = [](Change change) { return Operation(addXFRMStates, v4(change), 1, 3, 0xff); };
 
 // What is logged of one SA, from its keys on.
 static Log described(const LogLine& encapsulation, unsigned flags, const char* suffix)
 {
-    return {kCrypt(2, "\t..crypt.alg_name = %s\n", "cbc(aes)"),
-            kCrypt(2, "\t..crypt.alg_key_len = %u\n", 128),
-            kCrypt(2, "\t..crypt.alg_key = %s\n", ""),
-            kAuth(2, "\t..auth.algo = %s\n", "hmac(sha256)"),
-            kAuth(2, "\t..auth.trunc_len = %u\n", 128),
-            kAuth(2, "\t..auth.key_len = %u\n", 256),
-            kAuth(2, "\t..auth.key = %s\n", ""),
+    return {kCrypt.detail("\t..crypt.alg_name = %s\n", "cbc(aes)"),
+            kCrypt.detail("\t..crypt.alg_key_len = %u\n", 128),
+            kCrypt.detail("\t..crypt.alg_key = %s\n", ""),
+            kAuth.detail("\t..auth.algo = %s\n", "hmac(sha256)"),
+            kAuth.detail("\t..auth.trunc_len = %u\n", 128),
+            kAuth.detail("\t..auth.key_len = %u\n", 256),
+            kAuth.detail("\t..auth.key = %s\n", ""),
             encapsulation,
-            kState(2, "\t..sinfo.flags = 0x%x\n", flags),
-            kState(2, "\t..sinfo.family = AF_INET%s\n", suffix)};
+            kState.detail("\t..sinfo.flags = 0x%x\n", flags),
+            kState.detail("\t..sinfo.family = AF_INET%s\n", suffix)};
 }
 
 TEST(States, AreInstalledTxThenRx)
 {
-    const Log marks{kState(2, "\t..output_mark = 0x%x\n", 0x20003), kState(2, "\t..output_mask = 0x%x\n", 0x200ff),
-                    kAcked, kInsertRx};
-    const auto ports   = [](int from, int to) { return kEncap(2, "\t..encap = %u -> %u\n", from, to); };
+    const Log marks{kState.detail("\t..output_mark = 0x%x\n", 0x20003),
+                    kState.detail("\t..output_mask = 0x%x\n", 0x200ff), kAcked, kInsertRx};
+    const auto ports   = [](int from, int to) { return kEncap.detail("\t..encap = %u -> %u\n", from, to); };
     const Change inUdp = [](Record& r) { // with flags of any value but 0
         for (auto* flag : {&r.spi_rx_valid, &r.spi_tx_valid, &r.ipsec_protocol_valid, &r.encap_mode_valid,
                            &r.remote_addr_valid, &r.local_addr_valid, &r.hash_algo_valid, &r.crypto_algo_valid,
@@ -116,7 +116,7 @@ TEST(States, AreInstalledTxThenRx)
            .sends = {installsTx(ahTx), installsRx(ahRx, '|' + attr(XFRMA_SET_MARK, 0x20002))},
            .log   = {kInsertTx, identity(kTxSpi, {}, "ah", "transport"), described(kNoEncap, 0x24, "6"), marks,
                      identity(kRxSpi, {}, "ah", "transport"), described(kNoEncap, 0x20, "6"),
-                     kState(2, "\t..output_mark = 0x%x\n", 0x20002), kAcked}});
+                     kState.detail("\t..output_mark = 0x%x\n", 0x20002), kAcked}});
     check({.what = "the source's family counts, an address of none is zero, a protocol's low byte; RX fails, TX stays",
            .answers = {{}, {refusal(-EEXIST)}},
            .call    = install([](Record& r) {
@@ -177,11 +177,11 @@ TEST(States, NameTheirAlgorithms)
 
 TEST(States, RefuseARecord)
 {
-    const LogLine invalid = kId(4, "IPSEC addresses or protocol is marked as invalid\n");
-    const LogLine id      = kState(4, "setting XFRM state ID failed\n"),
-                  mode    = kState(4, "setting XFRM state mode failed\n");
-    const LogLine crypto  = kState(4, "setting XFRM state crypto failed\n"),
-                  hashing = kState(4, "setting XFRM state auth failed\n");
+    const LogLine invalid = kId.failure("IPSEC addresses or protocol is marked as invalid\n");
+    const LogLine id      = kState.failure("setting XFRM state ID failed\n"),
+                  mode    = kState.failure("setting XFRM state mode failed\n");
+    const LogLine crypto  = kState.failure("setting XFRM state crypto failed\n"),
+                  hashing = kState.failure("setting XFRM state auth failed\n");
     const auto refuses    = [](Change change, const LogLine& why, const LogLine& step, int line = __builtin_LINE()) {
         rejects.steps({.what = why.text.c_str(), .call = install(change), .log = {kInsertTx, why, step, kTxFailed}},
                          __FILE__, line);
@@ -197,26 +197,27 @@ TEST(States, RefuseARecord)
     refuses([](Record& r) { r.local_addr_valid = r.spi_tx_valid = 0; }, invalid, id);
     refuses([](Record& r) { r.ipsec_protocol_valid = 0; }, invalid, id);
     refuses([](Record& r) { r.ipsec_protocol = r.spi_tx_valid = 0; },
-            kId(4, "%s SPI value is marked as invalid\n", "TX"), id);
-    refuses([](Record& r) { r.ipsec_protocol = 0x204; }, kId(4, "invalid IPSEC protocol %d\n", 0x204), id);
+            kId.failure("%s SPI value is marked as invalid\n", "TX"), id);
+    refuses([](Record& r) { r.ipsec_protocol = 0x204; }, kId.failure("invalid IPSEC protocol %d\n", 0x204), id);
     refuses([](Record& r) { r.encap_mode = r.encap_mode_valid = 0; },
-            kMode(4, "encapsulation mode marked as invalid\n"), mode);
-    refuses([](Record& r) { r.encap_mode = 0x101; }, kMode(4, "invalid XFRM mode 0x%x\n", 0x101), mode);
+            kMode.failure("encapsulation mode marked as invalid\n"), mode);
+    refuses([](Record& r) { r.encap_mode = 0x101; }, kMode.failure("invalid XFRM mode 0x%x\n", 0x101), mode);
     refuses([](Record& r) { r.crypto_algo_valid = r.crypto_key_tx_valid = 0; },
-            kCrypt(4, "crypto algorithm marked as invalid\n"), crypto);
+            kCrypt.failure("crypto algorithm marked as invalid\n"), crypto);
     refuses([](Record& r) { r.crypto_algo = r.crypto_key_tx_valid = 0; },
-            kCrypt(4, "%s crypto key marked as invalid\n", "TX"), crypto);
-    refuses([](Record& r) { r.crypto_algo = 11; }, kCrypt(4, "invalid crypto algo %d\n", 11), crypto);
-    refuses([](Record& r) { r.aes_mode_valid = 0x80, r.aes_mode = 3; }, kCrypt(4, "invalid AES mode %d\n", 3), crypto);
-    refuses([](Record& r) { r.hash_algo_valid = r.hash_key_tx_valid = 0; }, kAuth(4, "hash algo marked as invalid\n"),
+            kCrypt.failure("%s crypto key marked as invalid\n", "TX"), crypto);
+    refuses([](Record& r) { r.crypto_algo = 11; }, kCrypt.failure("invalid crypto algo %d\n", 11), crypto);
+    refuses([](Record& r) { r.aes_mode_valid = 0x80, r.aes_mode = 3; }, kCrypt.failure("invalid AES mode %d\n", 3),
+            crypto);
+    refuses([](Record& r) { r.hash_algo_valid = r.hash_key_tx_valid = 0; },
+            kAuth.failure("hash algo marked as invalid\n"), hashing);
+    refuses([](Record& r) { r.hash_algo = r.hash_key_tx_valid = 0; }, kAuth.failure("TX hash key marked as invalid\n"),
             hashing);
-    refuses([](Record& r) { r.hash_algo = r.hash_key_tx_valid = 0; }, kAuth(4, "TX hash key marked as invalid\n"),
-            hashing);
-    refuses([](Record& r) { r.hash_algo = 8; }, kAuth(4, "invalid autho algo %d\n", 8), hashing);
-    rxRefuses([](Record& r) { r.spi_rx_valid = 0; }, kId(4, "%s SPI value is marked as invalid\n", "RX"), id);
-    rxRefuses([](Record& r) { r.crypto_key_rx_valid = 0; }, kCrypt(4, "%s crypto key marked as invalid\n", "RX"),
+    refuses([](Record& r) { r.hash_algo = 8; }, kAuth.failure("invalid autho algo %d\n", 8), hashing);
+    rxRefuses([](Record& r) { r.spi_rx_valid = 0; }, kId.failure("%s SPI value is marked as invalid\n", "RX"), id);
+    rxRefuses([](Record& r) { r.crypto_key_rx_valid = 0; }, kCrypt.failure("%s crypto key marked as invalid\n", "RX"),
               crypto);
-    rxRefuses([](Record& r) { r.hash_key_rx_valid = 0; }, kAuth(4, "RX hash key marked as invalid\n"), hashing);
+    rxRefuses([](Record& r) { r.hash_key_rx_valid = 0; }, kAuth.failure("RX hash key marked as invalid\n"), hashing);
 }
 
 // A refusal that ends as its request does, in keys, which may read as a text.
@@ -302,24 +303,26 @@ static const auto dumped         = [](const Sa& sa, const std::string& attribute
 TEST(States, AreFoundByProtocolSPIAndBothAddresses)
 {
     const LoggedBy by      = xfrm("removeXFRMStateCb");
-    const LogLine protocol = by(1, "ignoring non-matching protocol"), none = by(1, "ignoring non-XFRM state message\n");
-    const LogLine tx = by(1, "ignoring non-matching TX address\n"), rx = by(1, "ignoring non-matching RX address\n");
-    const auto passes = [](const char* what, const Record& record, const std::string& sas, const Log& log,
+    const LogLine protocol = by.verbose("ignoring non-matching protocol"),
+                  none     = by.verbose("ignoring non-XFRM state message\n");
+    const LogLine tx       = by.verbose("ignoring non-matching TX address\n"),
+                  rx       = by.verbose("ignoring non-matching RX address\n");
+    const auto passes      = [](const char* what, const Record& record, const std::string& sas, const Log& log,
                            int line = __builtin_LINE()) {
         check({.what    = what,
-               .answers = {{sas, kEnd}},
-               .call    = {removeXFRMStates, record},
-               .sends   = {kGetSas},
-               .log     = log},
-              __FILE__, line);
+                    .answers = {{sas, kEnd}},
+                    .call    = {removeXFRMStates, record},
+                    .sends   = {kGetSas},
+                    .log     = log},
+                   __FILE__, line);
     };
     passes("others", v4(),
            message(XFRM_MSG_NEWPOLICY, kMulti) + message(XFRM_MSG_UPDSA, kMulti, {kTx.with(0)}) +
                message(XFRM_MSG_NEWSA, kMulti, {"220*00"}) + dumped({.proto = IPPROTO_AH}) +
                dumped({.proto = IPPROTO_COMP}) + dumped({.spi = 1}) + dumped({.saddr = kPeer}) +
                dumped({.daddr = kHere}) + dumped({.spi = kRxSpi}) + dumped({.saddr = kPeer, .spi = kRxSpi}),
-           {none, none, by(4, "invalid XFRM state message received\n"), protocol, by(1, "ignoring non-ESP/AH protocol"),
-            by(1, "ignoring non-matching SPI\n"), tx, tx, rx, rx});
+           {none, none, by.failure("invalid XFRM state message received\n"), protocol,
+            by.verbose("ignoring non-ESP/AH protocol"), by.verbose("ignoring non-matching SPI\n"), tx, tx, rx, rx});
     passes("ESP for AH, whatever the SPI", v4([](Record& r) { r.ipsec_protocol = 2; }), dumped({.spi = 1}), protocol);
     passes("the whole protocol counts", v4([](Record& r) { r.ipsec_protocol = 0x103; }), dumped(kTx), protocol);
     passes("equal SPIs: TX wins", v4([](Record& r) { r.spi_rx = r.spi_tx; }), dumped({.saddr = kPeer, .daddr = kHere}),
@@ -341,8 +344,8 @@ TEST(States, AreRemovedWhileTheDumpIsRead)
     const Sa tx{.saddr = kHere6, .daddr = kPeer6, .proto = IPPROTO_AH, .family = AF_INET6};
     const Sa rx{.saddr = kPeer6, .daddr = kHere6, .spi = kRxSpi, .proto = IPPROTO_AH, .family = AF_INET6};
     const auto removing = [&](const char* line, unsigned spi) {
-        return Log{by(3, line), by(2, "\t..src %s\n", ""), by(2, "\t..dst %s\n", ""), by(2, "\t..proto %u\n", 51),
-                   by(2, "\t..spi 0x%x\n", spi)};
+        return Log{by.notice(line), by.detail("\t..src %s\n", ""), by.detail("\t..dst %s\n", ""),
+                   by.detail("\t..proto %u\n", 51), by.detail("\t..spi 0x%x\n", spi)};
     };
     const auto deletes = [](unsigned spi, const char* destination, const std::string& source) {
         return message(XFRM_MSG_DELSA, kAck,
@@ -358,22 +361,25 @@ TEST(States, AreRemovedWhileTheDumpIsRead)
                     })},
            .sends   = {kGetSas, deletes(kTxSpi, kPeer6, "fe80 13*00 01"), deletes(kRxSpi, kHere6, "fe80 13*00 02")},
            .log = {removing("removing TX XFRM state\n", kTxSpi), kAcked, removing("removing RX XFRM state\n", kRxSpi),
-                   refusedBy(-ESRCH, by(4, "deleting XFRM state failed\n"))}});
+                   refusedBy(-ESRCH, by.failure("deleting XFRM state failed\n"))}});
     refused.steps({.call = {removeXFRMStates, v4()},
-                   .log  = {kDumpRefused, xfrm("removeXFRMStates")(4, "removing XFRM states failed")}});
+                   .log  = {kDumpRefused, xfrm("removeXFRMStates").failure("removing XFRM states failed")}});
 }
 
 TEST(States, AreUpdatedInPlace)
 {
     const LoggedBy by = xfrm("updateXFRMStates"), cb = xfrm("queryXFRMStateCb");
-    const Log txUpdate{by(3, "updating outgoing XFRM state\n"), kNoEncap},
-        rxUpdate{kAcked, by(3, "updating incoming XFRM state\n"), kNoEncap};
-    const Log txCounters = by(3, "updating Sequence number TX\n"), rxCounters = by(3, "updating Sequence number RX\n");
+    const Log txUpdate{by.notice("updating outgoing XFRM state\n"), kNoEncap},
+        rxUpdate{kAcked, by.notice("updating incoming XFRM state\n"), kNoEncap};
+    const Log txCounters = by.notice("updating Sequence number TX\n"),
+              rxCounters = by.notice("updating Sequence number RX\n");
     const Log all{txUpdate, rxUpdate, kAcked, txCounters, kAcked, rxCounters, kAcked};
-    const LogLine tx = cb(3, "Setting TX seq"), rx = cb(3, "Setting RX seq");
-    const auto counted  = [&](unsigned seq, unsigned oseq) { return cb(3, "Replay Seq: seq: %u oseq: %u", seq, oseq); };
+    const LogLine tx = cb.notice("Setting TX seq"), rx = cb.notice("Setting RX seq");
+    const auto counted = [&](unsigned seq, unsigned oseq) {
+        return cb.notice("Replay Seq: seq: %u oseq: %u", seq, oseq);
+    };
     const auto extended = [&](unsigned seq, unsigned oseq) {
-        return cb(3, "Replay Seq ESN: seq: %u oseq: %u", seq, oseq);
+        return cb.notice("Replay Seq ESN: seq: %u oseq: %u", seq, oseq);
     };
 
     // The requests for SAs differ from those that install in their type; then come the counters.
@@ -421,27 +427,29 @@ TEST(States, AreUpdatedInPlace)
                    .answers = {{dumped(kRx, esn(five)), kEnd}},
                    .sends   = sends(counters(noId, value({.seq = 5, .bitmap = 6})), rxZeros),
                    .log     = {rx, extended(6, 5), all}});
-    updates.steps({.what = "records that are too short; a dump that fails stops nothing, and what it had read counts",
-                   .answers = {{dumped(kTx, attr(XFRMA_REPLAY_VAL, "8*01") + esn("20*01")), failedReceive(EIO)}},
-                   .sends   = sends(counters(txId, value({})), counters(noId, value({}))),
-                   .log = {tx, core("messageDump")(4, "receiving NL dump failed. errno=[%d %s]", EIO, strerror(EIO)),
-                           by(4, "failed to query XFRM"), all}});
+    updates.steps(
+        {.what    = "records that are too short; a dump that fails stops nothing, and what it had read counts",
+         .answers = {{dumped(kTx, attr(XFRMA_REPLAY_VAL, "8*01") + esn("20*01")), failedReceive(EIO)}},
+         .sends   = sends(counters(txId, value({})), counters(noId, value({}))),
+         .log     = {tx, core("messageDump").failure("receiving NL dump failed. errno=[%d %s]", EIO, strerror(EIO)),
+                     by.failure("failed to query XFRM"), all}});
 
-    const Log noCounters = refusedBy(-EPERM, xfrm("updateXFRMSeq")(4, "sending XFRM state failed\n"));
+    const Log noCounters = refusedBy(-EPERM, xfrm("updateXFRMSeq").failure("sending XFRM state failed\n"));
     const std::vector<Reply> no{refusal(-EPERM)};
     updates.steps({.what    = "TX fails: nothing else is tried",
                    .answers = {{}, no},
                    .result  = -1,
                    .error   = EPERM,
-                   .log     = {txUpdate, refusedBy(-EPERM, kNotSent), by(4, "updating TX XFRM state failed\n")}});
-    updates.steps({.what    = "RX and TX's counters fail: RX's counters decide",
-                   .answers = {{}, {}, no, no},
-                   .log = {txUpdate, rxUpdate, refusedBy(-EPERM, kNotSent), by(4, "updating RX XFRM state failed\n"),
-                           txCounters, noCounters, by(4, "updating sequence TX failed\n"), rxCounters, kAcked}});
+                   .log     = {txUpdate, refusedBy(-EPERM, kNotSent), by.failure("updating TX XFRM state failed\n")}});
+    updates.steps(
+        {.what    = "RX and TX's counters fail: RX's counters decide",
+         .answers = {{}, {}, no, no},
+         .log     = {txUpdate, rxUpdate, refusedBy(-EPERM, kNotSent), by.failure("updating RX XFRM state failed\n"),
+                     txCounters, noCounters, by.failure("updating sequence TX failed\n"), rxCounters, kAcked}});
     updates.steps({.what    = "RX's counters fail",
                    .answers = {{}, {}, {}, {}, no},
                    .result  = -1,
                    .error   = EPERM,
                    .log     = {txUpdate, rxUpdate, kAcked, txCounters, kAcked, rxCounters, noCounters,
-                               by(4, "updating sequence RX failed\n")}});
+                               by.failure("updating sequence RX failed\n")}});
 }

@@ -27,16 +27,16 @@ constexpr int kMulti = NLM_F_MULTI;
 
 inline const std::string kEnd = endOfDump();
 inline const LogLine kAcked   = acknowledged();
-inline const LogLine kNoText  = core("extack")(3, "No EXTACK content");
-inline const Log kDumpRefused = core("messageDump")(4, "kernel reports errno [%d, %s]", EPERM, strerror(EPERM));
+inline const LogLine kNoText  = core("extack").notice("No EXTACK content");
+inline const Log kDumpRefused = core("messageDump").failure("kernel reports errno [%d, %s]", EPERM, strerror(EPERM));
 
 inline const auto miscounted = [](int sent, unsigned length) {
-    return core("messageSend")(4, "sending full NL message failed: %d of %u", sent, length);
+    return core("messageSend").failure("sending full NL message failed: %d of %u", sent, length);
 };
 
 // A line of level 4 that ends in an errno and its text.
-inline const auto failure = [](const LoggedBy& by, const char* format, int error) {
-    return by(4, format, error, strerror(error));
+inline const auto withErrno = [](const LoggedBy& by, const char* format, int error) {
+    return by.failure(format, error, strerror(error));
 };
 
 // A kernel with the devices "lo" and "wlan0", 1 and 3, to which nothing is sent that the description does not know.
