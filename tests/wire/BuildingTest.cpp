@@ -22,7 +22,10 @@ static Operation request(void (*build)(M&))
 }
 
 // What it sends when nothing went wrong.
-static const auto sent = [](Blocks blocks) { return Sends{message(kMadeUp, kAck, blocks)}; };
+static Sends sent(Blocks blocks)
+{
+    return Sends{message(kMadeUp, kAck, blocks)};
+}
 
 TEST(Building, PutsBlocksOnTheWire)
 {

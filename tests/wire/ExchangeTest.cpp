@@ -35,13 +35,20 @@ static Operation exchange(int (NetlinkMessage::*run)(), unsigned short flags, in
     };
 }
 
-static const auto transact = [](unsigned short flags = kAck) {
+static Operation transact(unsigned short flags = kAck)
+{
     return exchange(&NetlinkMessage::messageTransact, flags);
-};
-static const auto query = [](int verdict = NetlinkQueryDone, bool required = false) {
+}
+
+static Operation query(int verdict = NetlinkQueryDone, bool required = false)
+{
     return exchange(&NetlinkMessage::messageQuery, NLM_F_REQUEST, verdict, required);
-};
-static const auto dump = [] { return exchange(&NetlinkMessage::messageDump, kDump); };
+}
+
+static Operation dump()
+{
+    return exchange(&NetlinkMessage::messageDump, kDump);
+}
 
 // What programs were built with
 static_assert(NetlinkQueryFailed == 0 && NetlinkQueryDone == 1 && NetlinkQueryContinue == 2);

@@ -17,28 +17,35 @@ using Change = void (*)(Record&);
 inline constexpr const char *kHere = "192.0.2.1", *kPeer = "198.51.100.7", *kHere6 = "fe80::1", *kPeer6 = "fe80::2";
 inline constexpr unsigned kTxSpi = 0x11223344, kRxSpi = 0x55667788;
 
-inline const auto same = [](Record&) {};
-inline const auto v4   = [](Change change = same, const char* here = kHere, const char* peer = kPeer) {
+inline void same(Record&) {}
+
+inline Record v4(Change change = same, const char* here = kHere, const char* peer = kPeer)
+{
     Record record = espTunnel(here, peer);
     change(record);
     return record;
-};
-inline const auto v6 = [](Change change = same) { return v4(change, kHere6, kPeer6); };
+}
+
+inline Record v6(Change change = same)
+{
+    return v4(change, kHere6, kPeer6);
+}
 
 static const auto [check, acked, rejects, refused] = Checks(NETLINK_XFRM);
 
 inline const LoggedBy kId = xfrm("setXFRMIdFromBexa"), kMode = xfrm("setXFRMMode"), kEncap = xfrm("setXFRMEncap");
 inline const LogLine kNoEncap = kEncap.notice("not setting encapsulation params\n");
-inline const auto noAddress   = [](unsigned type) {
+inline LogLine noAddress(unsigned type)
+{
     return xfrm("setXFRMAddrFromBexa").failure("invalid addr family %u\n", type);
-};
+}
 
-inline const auto identity = [](unsigned spi, const Log& addresses = {}, const char* proto = "esp",
-                                const char* mode = "tunnel") {
+inline Log identity(unsigned spi, const Log& addresses = {}, const char* proto = "esp", const char* mode = "tunnel")
+{
     return Log{kId.detail("\t..id.proto = %s\n", proto), kId.detail("\t..saddr = %s\n", ""),
                kId.detail("\t..id.daddr = %s\n", ""),    addresses,
                kId.detail("\t..id.spi = 0x%x\n", spi),   kMode.detail("\t..mode = %s\n", mode)};
-};
+}
 
 inline XfrmSelector selector(const char* saddr, int sourcePrefix, const char* daddr, int destinationPrefix,
                              int protocol = 0, int family = AF_INET)

@@ -13,9 +13,10 @@ static const LogLine kNoOut = kAll.failure("migrating TX XFRM info failed\n"),
                      kNoFwd = kAll.failure("migrating FWD XFRM info failed\n");
 static const Log kNo        = refusedBy(-EPERM, kOne.failure("sending XFRM migration failed\n"));
 
-static const auto migrate = [](const Record& before, const Record& after, const char* local = "10.0.0.0/8") {
+static Operation migrate(const Record& before, const Record& after, const char* local = "10.0.0.0/8")
+{
     return Operation(migrateXFRMInfo, before, after, local, "10.1.0.0/16", 17);
-};
+}
 
 struct Address {
     const char* text;

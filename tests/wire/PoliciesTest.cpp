@@ -5,20 +5,30 @@ using namespace wire;
 using namespace wire::ipsec;
 
 static const LoggedBy kSel = xfrm("setXFRMSel"), kText = xfrm("setXFRMAddress");
-static const auto source = [](const char* text, unsigned prefix) {
+static LogLine source(const char* text, unsigned prefix)
+{
     return kSel.detail("%s()\t..sel.saddr = %s/%u\n", text, prefix);
-};
-static const auto destination = [](const char* text, unsigned prefix) {
-    return kSel.detail("%s()\t..sel.daddr = %s/%u\n", text, prefix);
-};
-static const auto protocol = [](unsigned number) { return kSel.detail("%s()\t..sel.proto = %u\n", number); };
+}
 
-static const auto policy = [](const XfrmSelector& sel, int dir, int priority) {
+static LogLine destination(const char* text, unsigned prefix)
+{
+    return kSel.detail("%s()\t..sel.daddr = %s/%u\n", text, prefix);
+}
+
+static LogLine protocol(unsigned number)
+{
+    return kSel.detail("%s()\t..sel.proto = %u\n", number);
+}
+
+static std::string policy(const XfrmSelector& sel, int dir, int priority)
+{
     return std::string(XfrmUserpolicyInfo{.sel = sel, .lft = XFRM_INF, .priority = priority, .dir = dir});
-};
-static const auto deletes = [](const XfrmSelector& sel, int dir) {
+}
+
+static std::string deletes(const XfrmSelector& sel, int dir)
+{
     return message(XFRM_MSG_DELPOLICY, kAck, {XfrmUserpolicyId{.sel = sel, .dir = dir}});
-};
+}
 
 TEST(Policies, SteerASelectorIntoATemplate)
 {

@@ -33,15 +33,20 @@ struct Sa {
 };
 static const Sa kTx, kRx{.saddr = kPeer, .daddr = kHere, .spi = kRxSpi};
 
-static const auto cipher = [](const char* name, const std::string& key) {
+static std::string cipher(const char* name, const std::string& key)
+{
     return attr(XFRMA_ALG_CRYPT, XfrmAlgo{.alg_name = name, .alg_key = key});
-};
-static const auto hash = [](const char* name, int truncation, const std::string& key) {
+}
+
+static std::string hash(const char* name, int truncation, const std::string& key)
+{
     return attr(XFRMA_ALG_AUTH_TRUNC, XfrmAlgoAuth{.alg_name = name, .alg_trunc_len = truncation, .alg_key = key});
-};
-static const auto encap = [](int from, int to) {
+}
+
+static std::string encap(int from, int to)
+{
     return '|' + attr(XFRMA_ENCAP, XfrmEncapTmpl{.encap_type = 2, .encap_sport = from, .encap_dport = to});
-};
+}
 
 // The requests that install SAs with the plain record's keys, with what comes before TX's marks or after RX's keys.
 static std::string installsTx(const Sa& sa, const std::string& more = "")
@@ -67,7 +72,10 @@ static const LogLine kTxFailed = kAdd.failure("setting TX XFRM state failed\n");
 static const LogLine kRxFailed = kAdd.failure("setting RX XFRM state failed\n");
 static const LogLine kNotSent  = kState.failure("sending XFRM state failed\n");
 
-static const auto install = [](Change change) { return Operation(addXFRMStates, v4(change), 1, 3, 0xff); };
+static Operation install(Change change)
+{
+    return Operation(addXFRMStates, v4(change), 1, 3, 0xff);
+}
 
 // What is logged of one SA, from its keys on.
 static Log described(const LogLine& encapsulation, unsigned flags, const char* suffix)
@@ -296,9 +304,10 @@ TEST(StatesDeathTest, EndTheProcessForAKeyBeyondItsField)
 }
 
 static const std::string kGetSas = message(XFRM_MSG_GETSA, kDump);
-static const auto dumped         = [](const Sa& sa, const std::string& attributes = "") {
+static std::string dumped(const Sa& sa, const std::string& attributes = "")
+{
     return message(XFRM_MSG_NEWSA, kMulti, {sa.with(0), attributes});
-};
+}
 
 TEST(States, AreFoundByProtocolSPIAndBothAddresses)
 {

@@ -30,14 +30,16 @@ inline const LogLine kAcked   = acknowledged();
 inline const LogLine kNoText  = core("extack").notice("No EXTACK content");
 inline const Log kDumpRefused = core("messageDump").failure("kernel reports errno [%d, %s]", EPERM, strerror(EPERM));
 
-inline const auto miscounted = [](int sent, unsigned length) {
+inline LogLine miscounted(int sent, unsigned length)
+{
     return core("messageSend").failure("sending full NL message failed: %d of %u", sent, length);
-};
+}
 
 // A line of level 4 that ends in an errno and its text.
-inline const auto withErrno = [](const LoggedBy& by, const char* format, int error) {
+inline LogLine withErrno(const LoggedBy& by, const char* format, int error)
+{
     return by.failure(format, error, strerror(error));
-};
+}
 
 // A kernel with the devices "lo" and "wlan0", 1 and 3, to which nothing is sent that the description does not know.
 struct Kernel : ScriptedKernel {
