@@ -60,7 +60,11 @@ TEST(Exchange, NeedsASocket)
     for (const Operation& any : {transact(), query(NetlinkQueryDone, true), dump()}) {
         const Check gets({.call = any, .result = -1});
         const auto fails = [&](Call call, int error, const LogLine& line) {
-            gets({.given = [=](ScriptedKernel& k) { k.fail(call, error), k.fail(Call::Close, EIO); },
+            gets({.given =
+                      [=](ScriptedKernel& k) {
+                          k.fail(call, error);
+                          k.fail(Call::Close, EIO);
+                      },
                   .error = error,
                   .log   = line});
         };
@@ -68,7 +72,11 @@ TEST(Exchange, NeedsASocket)
         fails(Call::Bind, EACCES, withErrno(open, "binding NL socket failed: errno=[%d, %s]", EACCES));
         fails(Call::SendMsg, EPERM, withErrno(core("messageSend"), "sending NL message failed. errno=[%d, %s]", EPERM));
         for (const int counted : {0, 17})
-            gets({.given = [=](ScriptedKernel& k) { k.miscountSends(counted - 16), k.answer({}); },
+            gets({.given =
+                      [=](ScriptedKernel& k) {
+                          k.miscountSends(counted - 16);
+                          k.answer({});
+                      },
                   .error = EMSGSIZE,
                   .sends = kAnything,
                   .log   = miscounted(counted, 16)});
@@ -102,8 +110,12 @@ TEST(Exchange, KeepsItsSocket)
         return msg.openSocket() + msg.openSocket() + msg.messageSend();
     };
     const Check gets({.sends = kAnything});
-    gets({.what    = "two exchanges go through one socket, 0 though it be; a success leaves the error",
-          .given   = [](ScriptedKernel& k) { k.numberSockets(0), k.fail(Call::Socket, EMFILE, 2); },
+    gets({.what = "two exchanges go through one socket, 0 though it be; a success leaves the error",
+          .given =
+              [](ScriptedKernel& k) {
+                  k.numberSockets(0);
+                  k.fail(Call::Socket, EMFILE, 2);
+              },
           .answers = {{refusal(-ENOENT)}},
           .call    = twoExchanges([](NetlinkMessage& msg) { return msg.messageTransact(); }),
           .result  = "-1 0 -2",

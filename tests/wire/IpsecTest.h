@@ -26,6 +26,17 @@ inline Record v4(Change change = same, const char* here = kHere, const char* pee
     return record;
 }
 
+// In UDP, from port 0x1234, and with flags of any value but 0.
+inline void inUdp(Record& r)
+{
+    for (auto* flag :
+         {&r.spi_rx_valid, &r.spi_tx_valid, &r.ipsec_protocol_valid, &r.encap_mode_valid, &r.remote_addr_valid,
+          &r.local_addr_valid, &r.hash_algo_valid, &r.crypto_algo_valid, &r.crypto_key_rx_valid, &r.crypto_key_tx_valid,
+          &r.udp_encap_valid, &r.udp_encap, &r.udp_encap_port_valid, &r.hash_key_rx_valid, &r.hash_key_tx_valid})
+        *flag = 0x80;
+    r.udp_encap_port = htons(0x1234);
+}
+
 inline Record v6(Change change = same)
 {
     return v4(change, kHere6, kPeer6);

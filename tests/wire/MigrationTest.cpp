@@ -44,11 +44,14 @@ static std::string migrates(int dir, const char* peer, Address from, Address to,
 TEST(Migration, MovesTheLocalAddressAndBackWhenItFails)
 {
     const Record before = v4([](Record& r) {
-        r.ipsec_protocol = r.encap_mode = 2, r.remote_addr.addr[4] = 9;
+        r.ipsec_protocol = r.encap_mode = 2;
+        r.remote_addr.addr[4]           = 9;
     }); // the 4 bytes before it count
     Record after = before, unread = before;
-    after.local_addr = modemAddress("fe80::9"), after.remote_addr = modemAddress(kPeer), after.remote_addr.addr_len = 9;
-    after.udp_encap_port_valid = after.udp_encap_valid = after.udp_encap = 1, after.udp_encap_port = 0x3412;
+    after.local_addr           = modemAddress("fe80::9");
+    after.remote_addr          = modemAddress(kPeer);
+    after.remote_addr.addr_len = 9;
+    inUdp(after);
     unread.encap_mode_valid = 0;
 
     const auto there = [](int dir) {
@@ -95,7 +98,10 @@ TEST(Migration, SendsAnAddressOfNoFamilyAsZeros)
     refused.steps(
         {.what    = "and back, where the peer is that of the record that it comes from, as far as it reaches",
          .answers = {{}, {}, {refusal(-EPERM)}},
-         .call    = migrate(v6(), v6([](Record& r) { r.local_addr.ip_type = 5, r.remote_addr.addr_len = 8; })),
+         .call    = migrate(v6(), v6([](Record& r) {
+                             r.local_addr.ip_type   = 5;
+                             r.remote_addr.addr_len = 8;
+                         })),
          .sends   = {sends(XFRM_POLICY_OUT, kPeer6, here, none), sends(XFRM_POLICY_IN, kPeer6, here, none),
                      sends(XFRM_POLICY_FWD, kPeer6, here, none), sends(XFRM_POLICY_IN, "fe80::", none, here),
                      sends(XFRM_POLICY_OUT, "fe80::", none, here)},

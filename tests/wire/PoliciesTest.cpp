@@ -58,7 +58,11 @@ TEST(Policies, SteerASelectorIntoATemplate)
            .log   = {out, source("10.0.0.0/8", 8), destination("10.1.0.0/16", 16), protocol(17), identity(kTxSpi),
                      family(""), kAcked}});
     check({.what  = "addresses of no family",
-           .call  = add(true, [](Record& r) { r.local_addr.ip_type = 5, r.remote_addr.ip_type = 7; }),
+           .call  = add(true,
+                        [](Record& r) {
+                           r.local_addr.ip_type  = 5;
+                           r.remote_addr.ip_type = 7;
+                       }),
            .sends = {adds(XFRM_POLICY_OUT, "", "", kTxSpi, 0)},
            .log   = {out, source("10.0.0.0/8", 8), destination("10.1.0.0/16", 16), protocol(17),
                      identity(kTxSpi, {noAddress(5), noAddress(7)}), family("6"), kAcked}});

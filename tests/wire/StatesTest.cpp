@@ -96,15 +96,7 @@ TEST(States, AreInstalledTxThenRx)
 {
     const Log marks{kState.detail("\t..output_mark = 0x%x\n", 0x20003),
                     kState.detail("\t..output_mask = 0x%x\n", 0x200ff), kAcked, kInsertRx};
-    const auto ports   = [](int from, int to) { return kEncap.detail("\t..encap = %u -> %u\n", from, to); };
-    const Change inUdp = [](Record& r) { // with flags of any value but 0
-        for (auto* flag : {&r.spi_rx_valid, &r.spi_tx_valid, &r.ipsec_protocol_valid, &r.encap_mode_valid,
-                           &r.remote_addr_valid, &r.local_addr_valid, &r.hash_algo_valid, &r.crypto_algo_valid,
-                           &r.crypto_key_rx_valid, &r.crypto_key_tx_valid, &r.udp_encap_valid, &r.udp_encap,
-                           &r.udp_encap_port_valid, &r.hash_key_rx_valid, &r.hash_key_tx_valid})
-            *flag = 0x80;
-        r.udp_encap_port = 0x3412; // 0x1234 in network order
-    };
+    const auto ports = [](int from, int to) { return kEncap.detail("\t..encap = %u -> %u\n", from, to); };
 
     check({.what  = "ESP over IPv4, in UDP",
            .call  = install(inUdp),
@@ -113,12 +105,14 @@ TEST(States, AreInstalledTxThenRx)
                      described(ports(4500, 0x1234), 0x20, ""), kAcked}});
     const Change ah = [](Record& r) {
         r.ipsec_protocol = r.encap_mode = 2;
-        r.remote_addr.addr_len = 20, r.local_addr.addr_len = 8; // above 16 counts as 16; 8 leaves the rest zero
+        r.remote_addr.addr_len          = 20;
+        r.local_addr.addr_len           = 8; // above 16 counts as 16; 8 leaves the rest zero
     };
     const Sa ahTx{
         .saddr = "fe80::", .daddr = kPeer6, .proto = IPPROTO_AH, .family = AF_INET6, .mode = XFRM_MODE_TRANSPORT};
     Sa ahRx = ahTx;
-    std::swap(ahRx.saddr, ahRx.daddr), ahRx.spi = kRxSpi;
+    std::swap(ahRx.saddr, ahRx.daddr);
+    ahRx.spi = kRxSpi;
     check({.what  = "AH over IPv6, transport mode, the technology with a mark for RX",
            .call  = {addXFRMStates, v6(ah), TRO_TECHNOLOGY_NAME_MARKED_RX_V01, 0x20003, 0x200ff},
            .sends = {installsTx(ahTx), installsRx(ahRx, '|' + attr(XFRMA_SET_MARK, 0x20002))},
@@ -128,7 +122,9 @@ TEST(States, AreInstalledTxThenRx)
     check({.what = "the source's family counts, an address of none is zero, a protocol's low byte; RX fails, TX stays",
            .answers = {{}, {refusal(-EEXIST)}},
            .call    = install([](Record& r) {
-               r.local_addr.ip_type = 5, r.remote_addr = modemAddress(kPeer6), r.ipsec_protocol = 0x103;
+               r.local_addr.ip_type = 5;
+               r.remote_addr        = modemAddress(kPeer6);
+               r.ipsec_protocol     = 0x103;
            }),
            .result  = -1,
            .error   = EEXIST,
@@ -165,9 +161,12 @@ TEST(States, NameTheirAlgorithms)
                                            {12u, 2u, "rfc3686(ctr(aes))"},
                                            {19u, 0u, "cbc(aes)"},
                                            {19u, 2u, "rfc3686(ctr(aes))"}}) {
-        Record record      = v4();
-        record.crypto_algo = code, record.crypto_key_tx_len = 15, record.crypto_key_rx_len = 0;
-        record.aes_mode_valid = mode != 0, record.aes_mode = mode != 0 ? mode : 2;
+        Record record            = v4();
+        record.crypto_algo       = code;
+        record.crypto_key_tx_len = 15;
+        record.crypto_key_rx_len = 0;
+        record.aes_mode_valid    = mode != 0;
+        record.aes_mode          = mode != 0 ? mode : 2;
         sends(record, cipher(name, "15*c1"), cipher(name, ""));
     }
     for (const auto& [code, name, truncation] : {std::tuple(5u, "hmac(sha1)", 96),
@@ -175,8 +174,10 @@ TEST(States, NameTheirAlgorithms)
                                                  {12u, "xcbc(aes)", 96},
                                                  {20u, "hmac(sha384)", 192},
                                                  {21u, "hmac(sha512)", 256}}) {
-        Record record    = v4();
-        record.hash_algo = code, record.hash_key_tx_len = 20, record.hash_key_rx_len = 440;
+        Record record          = v4();
+        record.hash_algo       = code;
+        record.hash_key_tx_len = 20;
+        record.hash_key_rx_len = 440;
         sends(record, hash(name, truncation, "20*a1"), hash(name, truncation, "32*a2 408*00"));
     }
     sends(v4(), attr(XFRMA_SET_MARK, 0x20000) + '|' + attr(XFRMA_SET_MARK_MASK, 0x20000),
@@ -215,8 +216,12 @@ TEST(States, RefuseARecord)
     refuses([](Record& r) { r.crypto_algo = r.crypto_key_tx_valid = 0; },
             kCrypt.failure("%s crypto key marked as invalid\n", "TX"), crypto);
     refuses([](Record& r) { r.crypto_algo = 11; }, kCrypt.failure("invalid crypto algo %d\n", 11), crypto);
-    refuses([](Record& r) { r.aes_mode_valid = 0x80, r.aes_mode = 3; }, kCrypt.failure("invalid AES mode %d\n", 3),
-            crypto);
+    refuses(
+        [](Record& r) {
+            r.aes_mode_valid = 0x80;
+            r.aes_mode       = 3;
+        },
+        kCrypt.failure("invalid AES mode %d\n", 3), crypto);
     refuses([](Record& r) { r.hash_algo_valid = r.hash_key_tx_valid = 0; },
             kAuth.failure("hash algo marked as invalid\n"), hashing);
     refuses([](Record& r) { r.hash_algo = r.hash_key_tx_valid = 0; }, kAuth.failure("TX hash key marked as invalid\n"),
@@ -260,8 +265,10 @@ TEST(States, LeaveNoKeyOnTheStack)
     // With keys as long as may be, which the frames of later calls do not cover.
     const auto keyed = [](Change change = same) {
         Record record            = v4(change);
-        record.crypto_key_tx_len = 128, record.hash_key_tx_len = 440;
-        std::fill_n(record.crypto_key_tx, 128, 0xc1), std::fill_n(record.hash_key_tx, 440, 0xa1);
+        record.crypto_key_tx_len = 128;
+        record.hash_key_tx_len   = 440;
+        std::fill_n(record.crypto_key_tx, 128, 0xc1);
+        std::fill_n(record.hash_key_tx, 440, 0xa1);
         return record;
     };
     const char* ten                      = "10.0.0.0/8";
@@ -364,7 +371,8 @@ TEST(States, AreRemovedWhileTheDumpIsRead)
     check({.what    = "both, whatever the flags say, with and without attributes; the second deletion fails",
            .answers = {{dumped(tx) + dumped(rx, attr(1, "00")), kEnd}, {}, {refusal(-ESRCH)}},
            .call    = {removeXFRMStates, v6([](Record& r) {
-                        r.ipsec_protocol = 2, r.local_addr.addr_len = 8; // all 16 bytes are compared
+                        r.ipsec_protocol      = 2;
+                        r.local_addr.addr_len = 8; // all 16 bytes are compared
                         r.spi_tx_valid = r.spi_rx_valid = r.local_addr_valid = r.remote_addr_valid =
                             r.ipsec_protocol_valid                           = 0;
                     })},
