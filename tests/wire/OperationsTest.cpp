@@ -65,9 +65,9 @@ TEST(Operations, ModifyLabels)
                RTM_NEWADDRLABEL, kNew,
                {"0a 00 40 00 03000000 00000000", attr(IFAL_LABEL, 0x12345), attr(IFAL_ADDRESS, "fe80 13*00 01")})}});
     acked({.what  = "a prefix length's low 8 bits",
-           .call  = {addrlabelDel, "192.0.2.1", 0x118, 7, 3},
+           .call  = {addrlabelDel, "192.0.2.1", 0x118, 0, 3},
            .sends = {message(RTM_DELADDRLABEL, kAck,
-                             {"02 00 18 00 03000000 00000000", attr(IFAL_LABEL, 7), attr(IFAL_ADDRESS, "c0000201")})}});
+                             {"02 00 18 00 03000000 00000000", attr(IFAL_LABEL, 0), attr(IFAL_ADDRESS, "c0000201")})}});
     rejects({.call  = {addrlabelAdd, "none", 64, 7, 3},
              .error = EAFNOSUPPORT,
              .log   = by.failure("%S(): invalid addr family %u", 0)});
