@@ -12,7 +12,7 @@ void ByteSource::take(void* to, std::size_t size)
 {
     const std::size_t taken = std::min(size, left);
     std::memset(to, 0, size);
-    std::memcpy(to, at, taken);
+    std::copy_n(at, taken, static_cast<std::uint8_t*>(to));
     at += taken;
     left -= taken;
 }
