@@ -40,7 +40,7 @@ void vary(ByteSource& source, Number& value)
 
 void vary(ByteSource& source, bool& value)
 {
-    value ^= source.yes();
+    value = value != source.yes();
 }
 
 void vary(ByteSource& source, std::vector<std::uint8_t>& value)
