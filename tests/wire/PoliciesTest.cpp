@@ -36,7 +36,7 @@ TEST(Policies, SteerASelectorIntoATemplate)
     const LogLine out   = all.notice("inserting output XFRM policy\n"),
                   noOut = all.failure("setting outgoing XFRM policy failed\n");
     const LogLine in = all.notice("inserting input XFRM policy\n"), fwd = all.notice("inserting forward XFRM policy\n");
-    const Log exists  = refusedBy(-EPERM, one.failure("sending XFRM policy failed\n"));
+    const Log exists  = denied(one.failure("sending XFRM policy failed\n"));
     const auto family = [&](const char* suffix) { return tmpl.detail("%s(): \t..tmpl.family = AF_INET%s\n", suffix); };
     const auto adds   = [](int dir, const char* saddr, const char* daddr, unsigned spi, int ofSource) {
         return message(XFRM_MSG_NEWPOLICY, kAck,
@@ -66,35 +66,35 @@ TEST(Policies, SteerASelectorIntoATemplate)
            .sends = {adds(XFRM_POLICY_OUT, "", "", kTxSpi, 0)},
            .log   = {out, source("10.0.0.0/8", 8), destination("10.1.0.0/16", 16), protocol(17),
                      identity(kTxSpi, {noAddress(5), noAddress(7)}), family("6"), kAcked}});
-    check.steps({.what  = "in, then fwd; the family of the source counts",
-                 .call  = add(false, [](Record& r) { r.remote_addr = modemAddress(kPeer6); }),
-                 .sends = {adds(XFRM_POLICY_IN, kPeer6, kHere, kRxSpi, AF_INET6),
-                           adds(XFRM_POLICY_FWD, kPeer6, kHere, kRxSpi, AF_INET6)},
-                 .log   = {in, kAcked, fwd, kAcked}});
-    refused.steps({.call = add(true), .log = {out, exists, noOut}});
-    refused.steps({.call = add(false), .log = {in, exists, all.failure("inserting incoming XFRM policy failed")}});
-    refused.steps({.what    = "in stays",
-                   .answers = {{}, {refusal(-EPERM)}},
-                   .call    = add(false),
-                   .log     = {in, kAcked, fwd, exists, all.failure("inserting forwarding XFRM policy failed\n")}});
+    check({.what  = "in, then fwd; the family of the source counts",
+           .call  = add(false, [](Record& r) { r.remote_addr = modemAddress(kPeer6); }),
+           .sends = {adds(XFRM_POLICY_IN, kPeer6, kHere, kRxSpi, AF_INET6),
+                     adds(XFRM_POLICY_FWD, kPeer6, kHere, kRxSpi, AF_INET6)},
+           .steps = {in, kAcked, fwd, kAcked}});
+    refused({.call = add(true), .steps = {out, exists, noOut}});
+    refused({.call = add(false), .steps = {in, exists, all.failure("inserting incoming XFRM policy failed")}});
+    refused({.what    = "in stays",
+             .answers = {{}, {refusal(-EPERM)}},
+             .call    = add(false),
+             .steps   = {in, kAcked, fwd, exists, all.failure("inserting forwarding XFRM policy failed\n")}});
 
-    rejects.steps({.what  = "the template is added first; without it nothing is sent",
-                   .given = [](ScriptedKernel& k) { k.fail(Call::Allocate, 0); },
-                   .call  = add(true),
-                   .error = ENOMEM,
-                   .log   = {out, core("addNLAttribute").failure("adding attribute of type %d failed", XFRMA_TMPL),
-                             one.failure("sending XFRM policy failed\n"), noOut}});
+    rejects({.what  = "the template is added first; without it nothing is sent",
+             .given = [](ScriptedKernel& k) { k.fail(Call::Allocate, 0); },
+             .call  = add(true),
+             .error = ENOMEM,
+             .steps = {out, core("addNLAttribute").failure("adding attribute of type %d failed", XFRMA_TMPL),
+                       one.failure("sending XFRM policy failed\n"), noOut}});
     const Log noTemplate{one.failure("setting policy templace failed\n"), noOut};
-    rejects.steps({.call = add(true, same, "nonsense"),
-                   .log  = {out, kText.failure("invalid IPv4 address %s\n", "nonsense"),
-                            kSel.failure("setting selector source address failed\n"),
-                            one.failure("setting policy selector failed\n"), noOut}});
-    rejects.steps({.call = add(true, [](Record& r) { r.spi_tx_valid = r.encap_mode_valid = 0; }),
-                   .log  = {out, kId.failure("%s SPI value is marked as invalid\n", "TX"),
-                            tmpl.failure("setting template ID failed\n"), noTemplate}});
-    rejects.steps({.call = add(true, [](Record& r) { r.encap_mode = 0; }),
-                   .log  = {out, kMode.failure("invalid XFRM mode 0x%x\n", 0),
-                            tmpl.failure("setting templade mode failed\n"), noTemplate}});
+    rejects({.call  = add(true, same, "nonsense"),
+             .steps = {out, kText.failure("invalid IPv4 address %s\n", "nonsense"),
+                       kSel.failure("setting selector source address failed\n"),
+                       one.failure("setting policy selector failed\n"), noOut}});
+    rejects({.call  = add(true, [](Record& r) { r.spi_tx_valid = r.encap_mode_valid = 0; }),
+             .steps = {out, kId.failure("%s SPI value is marked as invalid\n", "TX"),
+                       tmpl.failure("setting template ID failed\n"), noTemplate}});
+    rejects({.call  = add(true, [](Record& r) { r.encap_mode = 0; }),
+             .steps = {out, kMode.failure("invalid XFRM mode 0x%x\n", 0),
+                       tmpl.failure("setting templade mode failed\n"), noTemplate}});
 }
 
 TEST(Policies, AreRemovedBySelectorAndDirection)
@@ -103,7 +103,7 @@ TEST(Policies, AreRemovedBySelectorAndDirection)
     const LogLine out   = all.notice("removing output XFRM policy\n"),
                   noOut = all.failure("removing outgoing XFRM policy failed\n");
     const LogLine in = all.notice("removing input XFRM policy\n"), fwd = all.notice("removing forward XFRM policy\n");
-    const Log missing = refusedBy(-EPERM, one.failure("sending XFRM policy delete failed\n"));
+    const Log missing = denied(one.failure("sending XFRM policy delete failed\n"));
     const auto remove = [](const std::string& from, const std::string& to, unsigned char proto, bool outbound) {
         return Operation(removeXFRMPolicies, from, to, proto, outbound);
     };
@@ -129,24 +129,24 @@ TEST(Policies, AreRemovedBySelectorAndDirection)
     const std::string cut = "10.0.0.0/" + std::string(53, '0') + "17"; // 64 characters, the last one is cut off
     selects(cut, "10.0.0.0/1:2", selector(ten, 1, ten, 1), {source(cut.c_str(), 1), destination("10.0.0.0/1:2", 1)});
 
-    check.steps({.what  = "in, then fwd, of one protocol",
-                 .call  = remove("10.0.0.0", "", 17, false),
-                 .sends = {deletes(selector(ten, 32, "", 0, 17), XFRM_POLICY_IN),
-                           deletes(selector(ten, 32, "", 0, 17), XFRM_POLICY_FWD)},
-                 .log   = {in, kAcked, fwd, kAcked}});
+    check({.what  = "in, then fwd, of one protocol",
+           .call  = remove("10.0.0.0", "", 17, false),
+           .sends = {deletes(selector(ten, 32, "", 0, 17), XFRM_POLICY_IN),
+                     deletes(selector(ten, 32, "", 0, 17), XFRM_POLICY_FWD)},
+           .steps = {in, kAcked, fwd, kAcked}});
     const Log noSelector{one.failure("setting policy selector failed\n"), noOut};
-    rejects.steps({.call = remove("", "", 17, true),
-                   .log  = {out, kSel.failure("selector must have either source or destination\n"), noSelector}});
-    rejects.steps({.call = remove("10.0.0.1", "host:name/64", 0, true),
-                   .log  = {out, kText.failure("invalid IPv6 address %s\n", "host:name"),
-                            kSel.failure("setting selector destination address failed\n"), noSelector}});
-    refused.steps({.call = remove(ten, "", 0, true), .log = {out, missing, noOut}});
-    refused.steps(
-        {.call = remove(ten, "", 0, false), .log = {in, missing, all.failure("removing incoming XFRM policy failed")}});
-    refused.steps({.what    = "in is gone",
-                   .answers = {{}, {refusal(-EPERM)}},
-                   .call    = remove(ten, "", 0, false),
-                   .log     = {in, kAcked, fwd, missing, all.failure("removing forwarding XFRM policy failed\n")}});
+    rejects({.call  = remove("", "", 17, true),
+             .steps = {out, kSel.failure("selector must have either source or destination\n"), noSelector}});
+    rejects({.call  = remove("10.0.0.1", "host:name/64", 0, true),
+             .steps = {out, kText.failure("invalid IPv6 address %s\n", "host:name"),
+                       kSel.failure("setting selector destination address failed\n"), noSelector}});
+    refused({.call = remove(ten, "", 0, true), .steps = {out, missing, noOut}});
+    refused({.call  = remove(ten, "", 0, false),
+             .steps = {in, missing, all.failure("removing incoming XFRM policy failed")}});
+    refused({.what    = "in is gone",
+             .answers = {{}, {refusal(-EPERM)}},
+             .call    = remove(ten, "", 0, false),
+             .steps   = {in, kAcked, fwd, missing, all.failure("removing forwarding XFRM policy failed\n")}});
 }
 
 TEST(Policies, LetLinkLocalICMPv6Bypass)
@@ -158,8 +158,8 @@ TEST(Policies, LetLinkLocalICMPv6Bypass)
            .sends = {message(XFRM_MSG_NEWPOLICY, kAck, {policy(sel, 2, 10)})},
            .log   = {selected, kAcked}});
     check({.call = {removeXFRMPolicyEx, 2}, .sends = {deletes(sel, 2)}, .log = {selected, kAcked}});
-    refused.steps({.what  = "any direction is sent",
-                   .call  = {addXFRMPolicyEx, 3},
-                   .sends = {message(XFRM_MSG_NEWPOLICY, kAck, {policy(sel, 3, 10)})},
-                   .log   = refusedBy(-EPERM, xfrm("addXFRMPolicyEx").failure("sending XFRM policy failed\n"))});
+    refused({.what  = "any direction is sent",
+             .call  = {addXFRMPolicyEx, 3},
+             .sends = {message(XFRM_MSG_NEWPOLICY, kAck, {policy(sel, 3, 10)})},
+             .steps = denied(xfrm("addXFRMPolicyEx").failure("sending XFRM policy failed\n"))});
 }

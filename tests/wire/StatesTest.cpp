@@ -133,16 +133,16 @@ TEST(States, AreInstalledTxThenRx)
            .log     = {kInsertTx, identity(kTxSpi, noAddress(5)), described(kNoEncap, 0x24, "6"), marks,
                        identity(kRxSpi, noAddress(5)), described(kNoEncap, 0x20, "6"), refusedBy(-EEXIST, kNotSent),
                        kRxFailed}});
-    refused.steps({.call = install(same), .log = {kInsertTx, kNoEncap, refusedBy(-EPERM, kNotSent), kTxFailed}});
+    refused({.call = install(same), .steps = {kInsertTx, kNoEncap, denied(kNotSent), kTxFailed}});
     for (const Change change :
          {Change([](Record& r) { r.udp_encap = 0; }), Change([](Record& r) { r.udp_encap_valid = 0; }),
           Change([](Record& r) { r.udp_encap_port_valid = 0; })}) {
         Record record = v4(inUdp);
         change(record);
-        check.steps({.what  = "UDP needs all three",
-                     .call  = {addXFRMStates, record, 0, 0, 0},
-                     .sends = kAnything,
-                     .log   = {kInsertTx, kNoEncap, kAcked, kInsertRx, kNoEncap, kAcked}});
+        check({.what  = "UDP needs all three",
+               .call  = {addXFRMStates, record, 0, 0, 0},
+               .sends = kAnything,
+               .steps = {kInsertTx, kNoEncap, kAcked, kInsertRx, kNoEncap, kAcked}});
     }
 }
 
@@ -192,15 +192,15 @@ TEST(States, RefuseARecord)
     const LogLine crypto  = kState.failure("setting XFRM state crypto failed\n"),
                   hashing = kState.failure("setting XFRM state auth failed\n");
     const auto refuses    = [](Change change, const LogLine& why, const LogLine& step, int line = __builtin_LINE()) {
-        rejects.steps({.what = why.text.c_str(), .call = install(change), .log = {kInsertTx, why, step, kTxFailed}},
-                         __FILE__, line);
+        rejects({.what = why.text.c_str(), .call = install(change), .steps = {kInsertTx, why, step, kTxFailed}},
+                   __FILE__, line);
     };
     const auto rxRefuses = [](Change change, const LogLine& why, const LogLine& step, int line = __builtin_LINE()) {
-        refused.steps({.answers = {{}},
-                       .call    = install(change),
-                       .error   = EINVAL,
-                       .log     = {kInsertTx, kNoEncap, kAcked, kInsertRx, why, step, kRxFailed}},
-                      __FILE__, line);
+        refused({.answers = {{}},
+                 .call    = install(change),
+                 .error   = EINVAL,
+                 .steps   = {kInsertTx, kNoEncap, kAcked, kInsertRx, why, step, kRxFailed}},
+                __FILE__, line);
     };
     refuses([](Record& r) { r.remote_addr_valid = 0; }, invalid, id);
     refuses([](Record& r) { r.local_addr_valid = r.spi_tx_valid = 0; }, invalid, id);
@@ -379,8 +379,8 @@ TEST(States, AreRemovedWhileTheDumpIsRead)
            .sends   = {kGetSas, deletes(kTxSpi, kPeer6, "fe80 13*00 01"), deletes(kRxSpi, kHere6, "fe80 13*00 02")},
            .log = {removing("removing TX XFRM state\n", kTxSpi), kAcked, removing("removing RX XFRM state\n", kRxSpi),
                    refusedBy(-ESRCH, by.failure("deleting XFRM state failed\n"))}});
-    refused.steps({.call = {removeXFRMStates, v4()},
-                   .log  = {kDumpRefused, xfrm("removeXFRMStates").failure("removing XFRM states failed")}});
+    refused({.call  = {removeXFRMStates, v4()},
+             .steps = {kDumpRefused, xfrm("removeXFRMStates").failure("removing XFRM states failed")}});
 }
 
 TEST(States, AreUpdatedInPlace)
@@ -424,49 +424,47 @@ TEST(States, AreUpdatedInPlace)
         {.call = {updateXFRMStates, v4(), TRO_TECHNOLOGY_NAME_MARKED_RX_V01, 3, 0xff}, .sends = kAnything},
         NETLINK_XFRM);
 
-    updates.steps({.what    = "TX sends what was dumped last, which was RX's; RX sends zeros; others' SAs do not count",
-                   .answers = {{dumped(kTx, value({.oseq = 1, .seq = 2, .bitmap = 3})) +
-                                    dumped(kRx, attr(XFRMA_REPLAY_VAL, "04000000 05000000 06000000 ffffffff")) +
-                                    dumped({.saddr = kPeer}, value({.oseq = 7})),
-                                kEnd}},
-                   .sends   = sends(counters(txId, value({.oseq = 4, .seq = 5, .bitmap = 6})), rxZeros),
-                   .log     = {tx, counted(2, 1), rx, counted(5, 4), all}});
-    updates.steps(
+    updates({.what    = "TX sends what was dumped last, which was RX's; RX sends zeros; others' SAs do not count",
+             .answers = {{dumped(kTx, value({.oseq = 1, .seq = 2, .bitmap = 3})) +
+                              dumped(kRx, attr(XFRMA_REPLAY_VAL, "04000000 05000000 06000000 ffffffff")) +
+                              dumped({.saddr = kPeer}, value({.oseq = 7})),
+                          kEnd}},
+             .sends   = sends(counters(txId, value({.oseq = 4, .seq = 5, .bitmap = 6})), rxZeros),
+             .steps   = {tx, counted(2, 1), rx, counted(5, 4), all}});
+    updates(
         {.what = "after an extended record of TX, what is dumped last is sent as such, of RX and longer though it be",
          .answers = {{dumped(kTx, esn(five)) + dumped(kRx, esn(std::string(longer) + "ffffffff")), kEnd}},
          .sends   = sends(counters(txId, esn(longer)), rxZeros),
-         .log     = {tx, extended(6, 5), rx, extended(3, 2), all}});
-    updates.steps({.what    = "a plain one takes the place of its first 12 bytes",
-                   .answers = {{dumped(kTx, esn(five)) + dumped(kRx, value({.oseq = 2, .seq = 3, .bitmap = 4})), kEnd}},
-                   .sends   = sends(counters(txId, esn(XfrmReplayStateEsn{2, 3, 4, 7, 8, 9})), rxZeros),
-                   .log     = {tx, extended(6, 5), rx, counted(3, 2), all}});
-    updates.steps({.what    = "one of RX is sent for TX, as 12 bytes",
-                   .answers = {{dumped(kRx, esn(five)), kEnd}},
-                   .sends   = sends(counters(noId, value({.seq = 5, .bitmap = 6})), rxZeros),
-                   .log     = {rx, extended(6, 5), all}});
-    updates.steps(
-        {.what    = "records that are too short; a dump that fails stops nothing, and what it had read counts",
-         .answers = {{dumped(kTx, attr(XFRMA_REPLAY_VAL, "8*01") + esn("20*01")), failedReceive(EIO)}},
-         .sends   = sends(counters(txId, value({})), counters(noId, value({}))),
-         .log     = {tx, core("messageDump").failure("receiving NL dump failed. errno=[%d %s]", EIO, strerror(EIO)),
-                     by.failure("failed to query XFRM"), all}});
+         .steps   = {tx, extended(6, 5), rx, extended(3, 2), all}});
+    updates({.what    = "a plain one takes the place of its first 12 bytes",
+             .answers = {{dumped(kTx, esn(five)) + dumped(kRx, value({.oseq = 2, .seq = 3, .bitmap = 4})), kEnd}},
+             .sends   = sends(counters(txId, esn(XfrmReplayStateEsn{2, 3, 4, 7, 8, 9})), rxZeros),
+             .steps   = {tx, extended(6, 5), rx, counted(3, 2), all}});
+    updates({.what    = "one of RX is sent for TX, as 12 bytes",
+             .answers = {{dumped(kRx, esn(five)), kEnd}},
+             .sends   = sends(counters(noId, value({.seq = 5, .bitmap = 6})), rxZeros),
+             .steps   = {rx, extended(6, 5), all}});
+    updates({.what    = "records that are too short; a dump that fails stops nothing, and what it had read counts",
+             .answers = {{dumped(kTx, attr(XFRMA_REPLAY_VAL, "8*01") + esn("20*01")), failedReceive(EIO)}},
+             .sends   = sends(counters(txId, value({})), counters(noId, value({}))),
+             .steps   = {tx, core("messageDump").failure("receiving NL dump failed. errno=[%d %s]", EIO, strerror(EIO)),
+                         by.failure("failed to query XFRM"), all}});
 
-    const Log noCounters = refusedBy(-EPERM, xfrm("updateXFRMSeq").failure("sending XFRM state failed\n"));
+    const Log noCounters = denied(xfrm("updateXFRMSeq").failure("sending XFRM state failed\n"));
     const std::vector<Reply> no{refusal(-EPERM)};
-    updates.steps({.what    = "TX fails: nothing else is tried",
-                   .answers = {{}, no},
-                   .result  = -1,
-                   .error   = EPERM,
-                   .log     = {txUpdate, refusedBy(-EPERM, kNotSent), by.failure("updating TX XFRM state failed\n")}});
-    updates.steps(
-        {.what    = "RX and TX's counters fail: RX's counters decide",
-         .answers = {{}, {}, no, no},
-         .log     = {txUpdate, rxUpdate, refusedBy(-EPERM, kNotSent), by.failure("updating RX XFRM state failed\n"),
-                     txCounters, noCounters, by.failure("updating sequence TX failed\n"), rxCounters, kAcked}});
-    updates.steps({.what    = "RX's counters fail",
-                   .answers = {{}, {}, {}, {}, no},
-                   .result  = -1,
-                   .error   = EPERM,
-                   .log     = {txUpdate, rxUpdate, kAcked, txCounters, kAcked, rxCounters, noCounters,
-                               by.failure("updating sequence RX failed\n")}});
+    updates({.what    = "TX fails: nothing else is tried",
+             .answers = {{}, no},
+             .result  = -1,
+             .error   = EPERM,
+             .steps   = {txUpdate, denied(kNotSent), by.failure("updating TX XFRM state failed\n")}});
+    updates({.what    = "RX and TX's counters fail: RX's counters decide",
+             .answers = {{}, {}, no, no},
+             .steps = {txUpdate, rxUpdate, denied(kNotSent), by.failure("updating RX XFRM state failed\n"), txCounters,
+                       noCounters, by.failure("updating sequence TX failed\n"), rxCounters, kAcked}});
+    updates({.what    = "RX's counters fail",
+             .answers = {{}, {}, {}, {}, no},
+             .result  = -1,
+             .error   = EPERM,
+             .steps   = {txUpdate, rxUpdate, kAcked, txCounters, kAcked, rxCounters, noCounters,
+                         by.failure("updating sequence RX failed\n")}});
 }

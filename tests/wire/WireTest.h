@@ -30,6 +30,11 @@ inline const LogLine kAcked   = acknowledged();
 inline const LogLine kNoText  = core("extack").notice("No EXTACK content");
 inline const Log kDumpRefused = core("messageDump").failure("kernel reports errno [%d, %s]", EPERM, strerror(EPERM));
 
+inline Log denied(const LogLine& operation)
+{
+    return refusedBy(-EPERM, operation);
+}
+
 inline LogLine miscounted(int sent, unsigned length)
 {
     return core("messageSend").failure("sending full NL message failed: %d of %u", sent, length);
@@ -73,7 +78,8 @@ struct Case {
     std::optional<Result> result               = {}; // 0
     std::optional<int> error                   = {}; // errno after it; a failure names it, of a success only dumps do
     Said<Sends> sends                          = {};
-    Said<Log> log                              = {};
+    Said<Log> log                              = {}; // all lines, or
+    Said<Log> steps                            = {}; // those of level 3 and 4
 };
 
 // Runs cases. What a case leaves out is as in the one that is given here; what that leaves out is nothing, 0, or what
@@ -86,19 +92,8 @@ public:
 
     void operator()(const Case& row, const char* file = __builtin_FILE(), int line = __builtin_LINE()) const
     {
-        run(row, log_level_verbose, file, line);
-    }
-
-    // Of the log compares the lines of level 3 and 4.
-    void steps(const Case& row, const char* file = __builtin_FILE(), int line = __builtin_LINE()) const
-    {
-        run(row, log_level_notice, file, line);
-    }
-
-private:
-    void run(const Case& row, log_level from, const char* file, int line) const
-    {
-        const std::string what     = row.what != nullptr ? row.what : row.log.empty() ? "" : row.log.front().text;
+        const Said<Log>& said      = row.steps.said ? row.steps : row.log.said ? row.log : usual.log;
+        const std::string what     = row.what != nullptr ? row.what : said.empty() ? "" : said.front().text;
         const std::string expected = row.result.value_or(usual.result.value_or(0)).text;
         const bool fails           = expected.find("-1") != std::string::npos;
         const std::optional named  = row.error || !fails ? row.error : usual.error;
@@ -108,11 +103,12 @@ private:
         if (row.given || usual.given)
             (row.given ? row.given : usual.given)(kernel);
 
-        const Result result     = kernel.run(row.call ? row.call : usual.call);
-        const int error         = errno;
-        const Sends& sends      = row.sends.said ? row.sends : usual.sends;
-        std::string differences = differingFields(kernel.requests(), sends) +
-                                  unmet(kernel, sends, row.log.said ? row.log : usual.log, protocol, from);
+        const Result result = kernel.run(row.call ? row.call : usual.call);
+        const int error     = errno;
+        const Sends& sends  = row.sends.said ? row.sends : usual.sends;
+        std::string differences =
+            differingFields(kernel.requests(), sends) +
+            unmet(kernel, sends, said, protocol, row.steps.said ? log_level_notice : log_level_verbose);
         if (result.text != expected)
             differences += std::string("result ") + result.text + ", not " + expected + '\n';
         if (!named && fails)
@@ -125,6 +121,7 @@ private:
             ADD_FAILURE_AT(file, line) << differences;
     }
 
+private:
     Case usual;
     int protocol;
 };
