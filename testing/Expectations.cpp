@@ -89,20 +89,22 @@ std::string difference(const Piece& piece, const Bytes& expected, const Bytes& a
     return one == other ? "" : name + ' ' + other + ", not " + one + '\n';
 }
 
-// The first difference of a request.
+// The first difference of a request, as what follows the request's name.
 std::string difference(const std::string& digits, const Request& request)
 {
     const std::vector<Bytes> expected = blocksOf(digits), actual = blocksOf(Testing::digits(request));
     for (std::size_t i = 0; i < std::max(expected.size(), actual.size()); ++i) {
-        const std::string name = "block " + std::to_string(i + 1);
-        if (i == expected.size() || i == actual.size())
-            return name + (i == actual.size() ? " is missing\n"
-                                              : ": " + digitsOf(actual[i].data(), actual[i].size()) + " is too much\n");
+        std::string block = i == 0 ? "" : ", block " + std::to_string(i + 1);
+        if (i == actual.size())
+            return block + " is missing\n";
+        if (i == expected.size())
+            return block.append(" is too much: ").append(digitsOf(actual[i].data(), actual[i].size())) + '\n';
         for (const Piece& piece : piecesOf(i, std::max(expected[i].size(), actual[i].size())))
             if (const std::string found = difference(piece, expected[i], actual[i]); !found.empty())
-                return i == 0 ? found : name + ": " + found;
+                return block.append(": ").append(found);
     }
-    return difference({0, 4, "nlmsg_len"}, expected[0], actual[0]);
+    const std::string length = difference({0, 4, "nlmsg_len"}, expected[0], actual[0]);
+    return length.empty() ? "" : ": " + length;
 }
 
 bool openedAsUsual(const Request& request)
@@ -204,10 +206,10 @@ std::string unmet(const ScriptedKernel& kernel, const Sends& sends, const Log& l
         if (!openedAsUsual(requests[i]))
             text += name + ": its socket was not opened as usual\n";
         if (requests[i].protocol != protocol)
-            text += name + ": protocol " + std::to_string(requests[i].protocol) + '\n';
+            text.append(name).append(": protocol ").append(std::to_string(requests[i].protocol)) += '\n';
         if (!sends.any && i < sends.digits.size())
             if (const std::string found = difference(sends.digits[i], requests[i]); !found.empty())
-                text += name + (found[0] == 'b' ? ", " : ": ") + found;
+                text.append(name).append(found);
     }
     if (!sends.any && sends.digits.size() != requests.size())
         text += "requests: " + std::to_string(requests.size()) + ", not " + std::to_string(sends.digits.size()) + '\n';
