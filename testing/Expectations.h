@@ -45,8 +45,8 @@ public:
 /// A log line by its source, level, format, and what fills the format.
 LogLine logLine(const std::string& source, log_level level, const char* format, ...);
 
-/// Makes the lines that a function of the library logs, as in `core("extack").notice("No EXTACK content")`. A format goes
-/// without the "%s(): " before it; one that begins differently is given whole.
+/// Makes the lines that a function of the library logs, as in `core("extack").notice("No EXTACK content")`. A format
+/// goes without the "%s(): " before it; one that begins differently is given whole.
 struct LoggedBy {
     const char* source;   ///< as the logger is given it
     const char* function; ///< the name that the line begins with

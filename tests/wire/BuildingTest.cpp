@@ -80,7 +80,7 @@ TEST(Building, GoesOnWithoutWhatCannotBeAdded)
 {
     const LoggedBy attribute = core("addNLAttribute");
     const LogLine noPayload  = core("addMsgPayload").failure("adding payload failed");
-    const auto outOfMemory   = [](int nth) { return [=](ScriptedKernel& k) { k.fail(Call::Allocate, 0, nth); }; };
+    const auto outOfMemory   = [](int nth) { return failing(Call::Allocate, 0, nth); };
     const auto badHandle     = [](std::size_t index, const char* mistake) {
         return core("endNestedNLAttribute").failure("invalid attribute handle %zu: %s", index, mistake);
     };

@@ -13,8 +13,8 @@ static const auto [check, acked, rejects, refused] = Checks(NETLINK_ROUTE);
 static const LoggedBy kTransact = core("messageTransact"), kQuery = core("messageQuery"), kDumped = core("messageDump");
 static const std::string kOther = message(26, 0), kShortError = "23000000 0200 0000 8*00 00000000 15*00 00";
 
-// An exchange of a request that is none of the kernel's. What it found is the types of the messages that its callback saw, to each of
-// which that gave this verdict; then the result, and the kernel's error where there was one.
+// An exchange of a request that is none of the kernel's. What it found is the types of the messages that its callback
+// saw, to each of which that gave this verdict; then the result, and the kernel's error where there was one.
 static Operation exchange(int (NetlinkMessage::*run)(), unsigned short flags, int verdict = NetlinkQueryContinue,
                           bool responseRequired = false)
 {

@@ -56,18 +56,35 @@ TEST(Operations, SetTheGSOSize)
              .log  = denied(by.failure("configuring gso max size failed for dev %s", "lo"))});
 }
 
+// Entries of the table of labels, for interface 3. Of two attributes of a type the last one counts.
+static std::string entry(const std::string& attributes, const std::string& prefix = "40",
+                         const std::string& family = "0a")
+{
+    return message(RTM_NEWADDRLABEL, kMulti, {family + " 00 " + prefix + " 00 03000000 00000000", attributes});
+}
+
+static std::string label(unsigned value)
+{
+    return attr(IFAL_LABEL, value);
+}
+
+static std::string address(const std::string& digits)
+{
+    return attr(IFAL_ADDRESS, digits);
+}
+
+static const std::string kOwn = address("fe80 13*00 01"), kOther = address("fe80 13*00 02");
+
 TEST(Operations, ModifyLabels)
 {
     const LoggedBy by = labels("addrlabelModify");
 
     acked({.call  = {addrlabelAdd, "fe80::1", 64, 0x12345, 3},
-           .sends = {message(
-               RTM_NEWADDRLABEL, kNew,
-               {"0a 00 40 00 03000000 00000000", attr(IFAL_LABEL, 0x12345), attr(IFAL_ADDRESS, "fe80 13*00 01")})}});
-    acked({.what  = "a prefix length's low 8 bits",
-           .call  = {addrlabelDel, "192.0.2.1", 0x118, 0, 3},
-           .sends = {message(RTM_DELADDRLABEL, kAck,
-                             {"02 00 18 00 03000000 00000000", attr(IFAL_LABEL, 0), attr(IFAL_ADDRESS, "c0000201")})}});
+           .sends = {message(RTM_NEWADDRLABEL, kNew, {"0a 00 40 00 03000000 00000000", label(0x12345), kOwn})}});
+    acked(
+        {.what  = "a prefix length's low 8 bits",
+         .call  = {addrlabelDel, "192.0.2.1", 0x118, 0, 3},
+         .sends = {message(RTM_DELADDRLABEL, kAck, {"02 00 18 00 03000000 00000000", label(0), address("c0000201")})}});
     rejects({.call  = {addrlabelAdd, "none", 64, 7, 3},
              .error = EAFNOSUPPORT,
              .log   = by.failure("%S(): invalid addr family %u", 0)});
@@ -154,7 +171,7 @@ TEST(Routes, AreInstalledAndRemovedThroughTheGateway)
            .sends   = sends(RTM_DELROUTE, NLM_F_REQUEST),
            .log     = {kFound, core("messageTransact").detail("not requesting ACK for NL message\n"),
                        del.verbose("Successfully removed ip route")}});
-    refused({.given   = [](ScriptedKernel& kernel) { kernel.fail(Call::SendMsg, EPERM, 2); },
+    refused({.given   = failing(Call::SendMsg, EPERM, 2),
              .answers = {found},
              .call    = change(RTNetlinkDeleteRoute),
              .log     = {kFound, withErrno(core("messageSend"), "sending NL message failed. errno=[%d, %s]", EPERM),
@@ -249,25 +266,6 @@ TEST(Rules, AreFoundByPriorityAndTable)
            .error   = EPERM,
            .log     = {kDumpRefused, get.failure("Getting rules failed for dev %s", "wlan0")}});
 }
-
-// Entries of the table of labels, for interface 3. Of two attributes of a type the last one counts.
-static std::string entry(const std::string& attributes, const std::string& prefix = "40",
-                         const std::string& family = "0a")
-{
-    return message(RTM_NEWADDRLABEL, kMulti, {family + " 00 " + prefix + " 00 03000000 00000000", attributes});
-}
-
-static std::string label(unsigned value)
-{
-    return attr(IFAL_LABEL, value);
-}
-
-static std::string address(const std::string& digits)
-{
-    return attr(IFAL_ADDRESS, digits);
-}
-
-static const std::string kOwn = address("fe80 13*00 01"), kOther = address("fe80 13*00 02");
 
 static const std::string kOtherType = message(RTM_DELADDRLABEL, 0), kTooShort = "1b000000 4800 0000 8*00 11*00 00";
 

@@ -79,7 +79,7 @@ TEST(Policies, SteerASelectorIntoATemplate)
              .steps   = {in, kAcked, fwd, exists, all.failure("inserting forwarding XFRM policy failed\n")}});
 
     rejects({.what  = "the template is added first; without it nothing is sent",
-             .given = [](ScriptedKernel& k) { k.fail(Call::Allocate, 0); },
+             .given = failing(Call::Allocate, 0),
              .call  = add(true),
              .error = ENOMEM,
              .steps = {out, core("addNLAttribute").failure("adding attribute of type %d failed", XFRMA_TMPL),

@@ -56,6 +56,11 @@ struct Kernel : ScriptedKernel {
     ~Kernel() { EXPECT_EQ(undescribed(requests()), ""); }
 };
 
+inline auto failing(Call call, int error, int nth = 1)
+{
+    return [=](ScriptedKernel& kernel) { kernel.fail(call, error, nth); };
+}
+
 using Answers = std::vector<std::vector<Reply>>; // to each request; an empty one is the usual
 
 // What a row says of its requests or its log. One that says nothing means the usual, kNothing that there are none.
