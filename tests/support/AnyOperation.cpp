@@ -104,6 +104,8 @@ AnyOperation row(const char* name, Returned (*operation)(Parameters...), const a
             }};
 }
 
+#define ROW(operation, ...) row(#operation, operation, __VA_ARGS__)
+
 // What the operations do not take as arguments, or do not say by a number
 
 int family(std::string name, unsigned char version, unsigned short id)
@@ -170,26 +172,26 @@ const std::vector<AnyOperation>& anyOperations()
         row("queryGenericNetlinkFamily", family, "nlctrl", 2, 0),
         row("NetlinkMessage::extack", explain, std::vector<std::uint8_t>()),
         row("NetlinkMessage::parseAttributes", parse, std::vector<std::uint8_t>(), 6),
-        row("RTNetlinkAddressCfg", RTNetlinkAddressCfg, "wlan0", "fe80::1", 64, AddressAdd, 0),
-        row("RTNetlinkSetGSOMaxSize", RTNetlinkSetGSOMaxSize, "wlan0", 1500),
+        ROW(RTNetlinkAddressCfg, "wlan0", "fe80::1", 64, AddressAdd, 0),
+        ROW(RTNetlinkSetGSOMaxSize, "wlan0", 1500),
         row("RTNetlinkGetRoute", gateway, "198.51.100.7", 42, AF_INET),
-        row("RTNetlinkAddRoute", RTNetlinkAddRoute, "198.51.100.7", 42, AF_INET, 1000, 3),
-        row("RTNetlinkDeleteRoute", RTNetlinkDeleteRoute, "198.51.100.7", 42, AF_INET, 1000, 3),
-        row("RTNetlinkGetRule", RTNetlinkGetRule, "wlan0"),
-        row("RTNetlinkTCQdisc", RTNetlinkTCQdisc, "wlan0", "pfifo", 0, 0x10000, 0),
-        row("RTNetlinkTCPrio", RTNetlinkTCPrio, "wlan0", 0, 0x10000, 0),
-        row("RTNetlinkFlowControl", RTNetlinkFlowControl, "wlan0", 0, 0x10000, 1, 2),
-        row("addrlabelAdd", addrlabelAdd, "fe80::1", 64, 20, 3),
-        row("addrlabelDel", addrlabelDel, "fe80::1", 64, 20, 3),
+        ROW(RTNetlinkAddRoute, "198.51.100.7", 42, AF_INET, 1000, 3),
+        ROW(RTNetlinkDeleteRoute, "198.51.100.7", 42, AF_INET, 1000, 3),
+        ROW(RTNetlinkGetRule, "wlan0"),
+        ROW(RTNetlinkTCQdisc, "wlan0", "pfifo", 0, 0x10000, 0),
+        ROW(RTNetlinkTCPrio, "wlan0", 0, 0x10000, 0),
+        ROW(RTNetlinkFlowControl, "wlan0", 0, 0x10000, 1, 2),
+        ROW(addrlabelAdd, "fe80::1", 64, 20, 3),
+        ROW(addrlabelDel, "fe80::1", 64, 20, 3),
         row("addrlabelGenerate", generate, AF_INET6, false),
-        row("addrlabelPurge", addrlabelPurge, "fe80::1", 64, 3),
-        row("addXFRMStates", addXFRMStates, record, technology, 1, 1),
-        row("updateXFRMStates", updateXFRMStates, record, technology, 1, 1),
-        row("removeXFRMStates", removeXFRMStates, record),
-        row("addXFRMPolicies", addXFRMPolicies, record, here, there, 0, false),
-        row("removeXFRMPolicies", removeXFRMPolicies, here, there, 0, false),
-        row("addXFRMPolicyEx", addXFRMPolicyEx, 1),
-        row("removeXFRMPolicyEx", removeXFRMPolicyEx, 1),
+        ROW(addrlabelPurge, "fe80::1", 64, 3),
+        ROW(addXFRMStates, record, technology, 1, 1),
+        ROW(updateXFRMStates, record, technology, 1, 1),
+        ROW(removeXFRMStates, record),
+        ROW(addXFRMPolicies, record, here, there, 0, false),
+        ROW(removeXFRMPolicies, here, there, 0, false),
+        ROW(addXFRMPolicyEx, 1),
+        ROW(removeXFRMPolicyEx, 1),
         row("migrateXFRMInfo", migrate, record, moved, true, here, there, 0),
     };
     return all;

@@ -8,9 +8,11 @@ using namespace wire;
 
 static const Operation kAdd(addrlabelAdd, "fe80::1", 64, 7, 3);
 
-static std::string label(int type, int flags, const std::string& payload, const std::string& value)
+static std::string label(int type, int flags, unsigned value = 7, const std::string& prefix = "40")
 {
-    return message(type, flags, {payload, attr(IFAL_LABEL, value), attr(IFAL_ADDRESS, "fe80 13*00 01")});
+    return message(
+        type, flags,
+        {"0a 00 " + prefix + " 00 03000000 00000000", attr(IFAL_LABEL, value), attr(IFAL_ADDRESS, "fe80 13*00 01")});
 }
 
 TEST(Diagnosis, NamesWhatDiffers)
@@ -22,20 +24,18 @@ TEST(Diagnosis, NamesWhatDiffers)
         EXPECT_EQ(differingFields(kernel.requests(), sends), field);
         EXPECT_EQ(unmet(kernel, sends, acknowledged()), piece);
     };
-    const std::string payload = "0a 00 40 00 03000000 00000000";
 
-    tells("", "", {label(72, kNew, payload, "07000000")});
+    tells("", "", {label(72, kNew)});
     tells("request 1: nlmsghdr nlmsg_type RTM_NEWADDRLABEL, not RTM_DELADDRLABEL\n",
-          "request 1: nlmsg_type 0x48, not 0x49\n", {label(73, kNew, payload, "07000000")});
+          "request 1: nlmsg_type 0x48, not 0x49\n", {label(73, kNew)});
     tells("request 1: nlmsghdr nlmsg_flags REQUEST ACK EXCL CREATE, not REQUEST ACK\n",
-          "request 1: nlmsg_flags 0x605, not 0x5\n", {label(72, kAck, payload, "07000000")});
+          "request 1: nlmsg_flags 0x605, not 0x5\n", {label(72, kAck)});
     tells("request 1: ifaddrlblmsg ifal_prefixlen 64, not 65\n",
-          "request 1, block 2: offset 0: 0a004000, not 0a004100\n",
-          {label(72, kNew, "0a 00 41 00 03000000 00000000", "07000000")});
+          "request 1, block 2: offset 0: 0a004000, not 0a004100\n", {label(72, kNew, 7, "41")});
     tells("request 1: IFAL_LABEL 7, not 263\n", "request 1, block 3: offset 4: 07000000, not 07010000\n",
-          {label(72, kNew, payload, "07010000")});
+          {label(72, kNew, 263)});
     tells("request 1: the end, not rest\n", "request 1, block 5 is missing\n",
-          {label(72, kNew, payload, "07000000") + '|' + attr(IFAL_ADDRESS, "00")});
+          {label(72, kNew) + '|' + attr(IFAL_ADDRESS, "00")});
     tells("", "requests: 1, not 0\n", {});
 }
 
