@@ -3,7 +3,9 @@
 #include <FormatLogLine.h>
 
 #include <algorithm>
+#include <cstring>
 #include <iterator>
+#include <sstream>
 
 #include <arpa/inet.h>
 
@@ -12,24 +14,6 @@ namespace Vesk::Testing {
 namespace {
 
 using Lines = std::vector<std::string>;
-
-// Four bytes a line, so that a difference shows the field.
-Lines inLines(const std::string& digits)
-{
-    Lines lines{""};
-    std::size_t count = 0;
-    for (const char c : digits) {
-        if (c == '|' || (count != 0 && count % 8 == 0)) {
-            lines.emplace_back(c == '|' ? "| " : "  ");
-            count = 0;
-        }
-        if (c != '|') {
-            lines.back() += c;
-            ++count;
-        }
-    }
-    return lines;
-}
 
 Lines inLines(const std::vector<LogLine>& log, log_level from, std::string LogLine::*part)
 {
@@ -44,26 +28,83 @@ Lines inLines(const std::vector<LogLine>& log, log_level from, std::string LogLi
     return lines;
 }
 
-// The first difference, looked for from a line on, with two lines around it.
-std::string difference(const std::string& what, Lines expected, Lines actual, std::ptrdiff_t from = 0)
+// The first line that differs.
+std::string difference(const std::string& what, Lines expected, Lines actual)
 {
     if (expected == actual)
         return "";
-    expected.emplace_back("(the end)");
-    actual.emplace_back("(the end)");
-    const auto [one, other] =
-        std::mismatch(expected.begin() + from, expected.end(), actual.begin() + from, actual.end());
-    const auto at = one == expected.end() ? 0 : one - expected.begin(); // 0: it is in what was passed over
+    expected.emplace_back("the end");
+    actual.emplace_back("the end");
+    const auto [one, other] = std::mismatch(expected.begin(), expected.end(), actual.begin(), actual.end());
+    return what + ", line " + std::to_string(one - expected.begin() + 1) + ": " + *other + ", not " + *one + '\n';
+}
 
-    std::string text = what + ", line " + std::to_string(at + 1) + ":\n";
-    const auto show  = [&text](const char* mark, const Lines& lines, std::ptrdiff_t first, std::ptrdiff_t last) {
-        for (auto i = std::max<std::ptrdiff_t>(first, 0); i < std::min(last, std::ssize(lines)); ++i)
-            text += (i == first ? mark : "           ") + lines[static_cast<std::size_t>(i)] + '\n';
-    };
-    show("           ", expected, at - 2, at);
-    show("  expected ", expected, at, at + 3);
-    show("  actual   ", actual, at, at + 3);
-    return text;
+std::vector<Bytes> blocksOf(const std::string& digits)
+{
+    std::vector<Bytes> blocks;
+    std::istringstream divided(spelledOut(digits) + '|');
+    for (std::string block; std::getline(divided, block, '|');)
+        blocks.push_back(hex(block));
+    return blocks;
+}
+
+// A field by its name, or what lies at an offset.
+struct Piece {
+    std::size_t offset, size;
+    const char* name = nullptr;
+};
+
+// Of a request's block, in the order in which a difference tells most: an attribute's length follows from the rest.
+std::vector<Piece> piecesOf(std::size_t block, std::size_t size)
+{
+    if (block == 0)
+        return {{4, 2, "nlmsg_type"}, {6, 2, "nlmsg_flags"}, {8, 4, "nlmsg_seq"}, {12, 4, "nlmsg_pid"}};
+    const bool isAttribute = block > 1; // what is behind header and payload
+    std::vector<Piece> pieces;
+    if (isAttribute)
+        pieces.push_back({2, 2, "nla_type"});
+    for (std::size_t at = isAttribute ? NLA_HDRLEN : 0; at < size; at += 4)
+        pieces.push_back({at, 4});
+    if (isAttribute)
+        pieces.push_back({0, 2, "nla_len"});
+    return pieces;
+}
+
+std::string text(const Piece& piece, const Bytes& block)
+{
+    const std::size_t begin = std::min(piece.offset, block.size()), size = std::min(piece.size, block.size() - begin);
+    if (piece.name == nullptr || size < piece.size)
+        return size == 0 ? "the end" : digitsOf(&block[begin], size);
+    std::uint32_t number = 0;
+    std::memcpy(&number, &block[begin], size);
+    char digits[16];
+    std::snprintf(digits, sizeof digits, "0x%x", number);
+    return digits;
+}
+
+std::string difference(const Piece& piece, const Bytes& expected, const Bytes& actual)
+{
+    const std::string one = text(piece, expected), other = text(piece, actual);
+    const std::string name = piece.name != nullptr ? piece.name : "offset " + std::to_string(piece.offset) + ':';
+    return one == other ? "" : name + ' ' + other + ", not " + one + '\n';
+}
+
+// The first difference of a request, as what follows the request's name.
+std::string difference(const std::string& digits, const Request& request)
+{
+    const std::vector<Bytes> expected = blocksOf(digits), actual = blocksOf(Testing::digits(request));
+    for (std::size_t i = 0; i < std::max(expected.size(), actual.size()); ++i) {
+        std::string block = i == 0 ? "" : ", block " + std::to_string(i + 1);
+        if (i == actual.size())
+            return block + " is missing\n";
+        if (i == expected.size())
+            return block.append(" is too much: ").append(digitsOf(actual[i].data(), actual[i].size())) + '\n';
+        for (const Piece& piece : piecesOf(i, std::max(expected[i].size(), actual[i].size())))
+            if (const std::string found = difference(piece, expected[i], actual[i]); !found.empty())
+                return block.append(": ").append(found);
+    }
+    const std::string length = difference({0, 4, "nlmsg_len"}, expected[0], actual[0]);
+    return length.empty() ? "" : ": " + length;
 }
 
 bool openedAsUsual(const Request& request)
@@ -93,14 +134,20 @@ Log::Log(std::initializer_list<Log> parts)
         insert(end(), part.begin(), part.end());
 }
 
-LogLine logLine(const std::string& source, int level, const char* format, ...)
+LogLine logLine(const std::string& source, log_level level, const char* format, ...)
 {
     char text[2048];
     std::va_list arguments;
     va_start(arguments, format);
     formatLogLine(text, sizeof text, format, arguments);
     va_end(arguments);
-    return {static_cast<log_level>(level), source, format, text};
+    return {level, source, format, text};
+}
+
+std::string LoggedBy::whole(const std::string& format)
+{
+    const bool isWhole = format.starts_with("%s()") || format.starts_with("%S()");
+    return (isWhole ? "" : format[0] == '\t' ? "%s():" : "%s(): ") + format;
 }
 
 LoggedBy core(const char* function)
@@ -125,13 +172,13 @@ LoggedBy xfrm(const char* function)
 
 LogLine acknowledged()
 {
-    return core("messageTransact")(3, "NL ACK received form kernel");
+    return core("messageTransact").notice("NL ACK received form kernel");
 }
 
 Log refusedBy(int error, const Log& operation)
 {
-    return {core("messageTransact")(4, "kernel reports error %d", error), core("extack")(3, "No EXTACK content"),
-            operation};
+    return {core("messageTransact").failure("kernel reports error %d", error),
+            core("extack").notice("No EXTACK content"), operation};
 }
 
 sockaddr_storage socketAddress(const char* text)
@@ -147,25 +194,25 @@ sockaddr_storage socketAddress(const char* text)
 std::string unmet(const ScriptedKernel& kernel, const Sends& sends, const Log& log, int protocol, log_level from)
 {
     std::string text;
-    for (const auto part : {&LogLine::text, &LogLine::format})
-        if (text.empty())
-            text = difference(part == &LogLine::text ? "log" : "formats of the log", inLines(log, from, part),
-                              inLines(kernel.log(), from, part));
-
     const std::vector<Request>& requests = kernel.requests();
-    std::string differing;
     for (std::size_t i = 0; i < requests.size(); ++i) {
         const std::string name = "request " + std::to_string(i + 1);
         if (!openedAsUsual(requests[i]))
             text += name + ": its socket was not opened as usual\n";
         if (requests[i].protocol != protocol)
-            text += name + ": protocol " + std::to_string(requests[i].protocol) + '\n';
-        if (!sends.any && i < sends.digits.size() && differing.empty())
-            differing = difference(name, inLines(spelledOut(sends.digits[i])), inLines(digits(requests[i])), 1);
+            text.append(name).append(": protocol ").append(std::to_string(requests[i].protocol)) += '\n';
+        if (!sends.any && i < sends.digits.size())
+            if (const std::string found = difference(sends.digits[i], requests[i]); !found.empty())
+                text.append(name).append(found);
     }
-    text += differing;
     if (!sends.any && sends.digits.size() != requests.size())
         text += "requests: " + std::to_string(requests.size()) + ", not " + std::to_string(sends.digits.size()) + '\n';
+
+    const auto inLog = [&](const char* what, std::string LogLine::*part) {
+        return difference(what, inLines(log, from, part), inLines(kernel.log(), from, part));
+    };
+    const std::string texts = inLog("log", &LogLine::text);
+    text += texts.empty() ? inLog("formats of the log", &LogLine::format) : texts;
 
     const auto left = [](std::size_t count, const char* what) {
         return count == 0 ? "" : std::to_string(count) + ' ' + what + '\n';

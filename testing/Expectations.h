@@ -4,7 +4,7 @@
  *
  *     const LoggedBy transact = core("messageTransact");
  *     EXPECT_EQ(unmet(kernel, {message(RTM_DELADDRLABEL, NLM_F_REQUEST | NLM_F_ACK, {"12*00", attr(IFAL_LABEL, 7)})},
- *                     {transact(3, "NL ACK received form kernel")}),
+ *                     {transact.notice("NL ACK received form kernel")}),
  *               "");
  */
 #ifndef VESK_EXPECTATIONS_H
@@ -48,27 +48,41 @@ public:
 };
 
 /// A log line by its source, level, format, and what fills the format.
-LogLine logLine(const std::string& source, int level, const char* format, ...);
+LogLine logLine(const std::string& source, log_level level, const char* format, ...);
 
-/// Makes the lines that a function of the library logs.
+/// Makes the lines that a function of the library logs, as in `core("extack").notice("No EXTACK content")`. A format
+/// goes without the "%s(): " before it; one that begins differently is given whole.
 struct LoggedBy {
     const char* source;   ///< as the logger is given it
     const char* function; ///< the name that the line begins with
 
-    /// As in `core("messageTransact")(4, "kernel reports error %d", -17)`: the format without "%s():" and a space.
+    /// A line of level 4.
     template <typename... Arguments>
-    LogLine operator()(int level, const char* format, Arguments... arguments) const
+    LogLine failure(const char* format, Arguments... arguments) const
     {
-        const std::string whole = (format[0] == '\t' ? "%s():" : "%s(): ") + std::string(format);
-        return logLine(source, level, whole.c_str(), function, arguments...);
+        return logLine(source, log_level_failure, whole(format).c_str(), function, arguments...);
+    }
+    /// A line of level 3.
+    template <typename... Arguments>
+    LogLine notice(const char* format, Arguments... arguments) const
+    {
+        return logLine(source, log_level_notice, whole(format).c_str(), function, arguments...);
+    }
+    /// A line of level 2.
+    template <typename... Arguments>
+    LogLine detail(const char* format, Arguments... arguments) const
+    {
+        return logLine(source, log_level_detail, whole(format).c_str(), function, arguments...);
+    }
+    /// A line of level 1.
+    template <typename... Arguments>
+    LogLine verbose(const char* format, Arguments... arguments) const
+    {
+        return logLine(source, log_level_verbose, whole(format).c_str(), function, arguments...);
     }
 
-    /// The whole format, where it begins differently.
-    template <typename... Arguments>
-    LogLine entire(int level, const char* format, Arguments... arguments) const
-    {
-        return logLine(source, level, format, function, arguments...);
-    }
+private:
+    static std::string whole(const std::string& format);
 };
 
 LoggedBy core(const char* function);   ///< of the library's NetlinkHelper
@@ -93,8 +107,9 @@ sockaddr_storage socketAddress(const char* text);
  * @param log       the lines
  * @param protocol  of each request
  * @param from      lines of lower levels are not compared
- * @return where the log differs first, and where the requests do, with two lines around each (of requests four bytes a
- *         line, and a message's own length last, since it follows from the rest); empty when nothing differs
+ * @return a line for each request that differs, as in "request 1: nlmsg_flags 0x501, not 0x500" or "request 1, block 3:
+ *         offset 4: 08000000, not 07000000" (a length is told of when nothing else differs, since it follows from the
+ *         rest), one for the log, and one for whatever else does; empty when nothing differs
  */
 std::string unmet(const ScriptedKernel& kernel, const Sends& sends, const Log& log, int protocol = NETLINK_ROUTE,
                   log_level from = log_level_verbose);

@@ -1,7 +1,5 @@
 #include "ScriptedKernel.h"
 
-#include "ReplyRecorder.h"
-
 #include <FormatLogLine.h>
 #include <Wipe.h>
 
@@ -26,6 +24,7 @@ int living                          = 0;
 thread_local ScriptedKernel* active = nullptr;
 thread_local LogCapture* capture    = nullptr;
 thread_local bool watching          = false; // allocations are those of the code under test
+ReplyWatcher* replyWatcher          = nullptr;
 
 // Of this thread. Not told to ThreadSanitizer, which asks for the size of a page before it can be told of anything.
 __attribute__((no_sanitize("thread"))) ScriptedKernel* here()
@@ -85,6 +84,11 @@ std::string endOfDump(int status)
 bool LogLine::operator==(const LogLine& other) const
 {
     return level == other.level && source == other.source && format == other.format && text == other.text;
+}
+
+void watchReplies(ReplyWatcher* watcher)
+{
+    replyWatcher = watcher;
 }
 
 LogCapture::LogCapture()
@@ -432,8 +436,8 @@ ssize_t recvfrom(int descriptor, void* buffer, std::size_t size, int flags, sock
     const Pause pause;
     if (!Hooks::owns(descriptor)) {
         const ssize_t received = syscall(SYS_recvfrom, descriptor, buffer, size, flags, address, length);
-        if (received > 0)
-            recordReply(descriptor, buffer, std::min(size, static_cast<std::size_t>(received)));
+        if (received > 0 && replyWatcher != nullptr)
+            replyWatcher(descriptor, buffer, std::min(size, static_cast<std::size_t>(received)));
         return received;
     }
     const ssize_t received = Hooks::recvfrom(descriptor, buffer, size, flags, address);
@@ -455,7 +459,8 @@ int close(int descriptor)
 {
     const Pause pause;
     if (!Hooks::owns(descriptor)) {
-        endRecording(descriptor);
+        if (replyWatcher != nullptr)
+            replyWatcher(descriptor, nullptr, 0);
         return static_cast<int>(syscall(SYS_close, descriptor));
     }
     return Hooks::close(descriptor);

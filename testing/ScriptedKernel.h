@@ -114,6 +114,12 @@ public:
     bool drop = false;          ///< Keep none from here on: the logger returns at once.
 };
 
+/// Is told of each datagram that a real kernel answers with and, without one, of each descriptor that is closed.
+using ReplyWatcher = void(int descriptor, const void* datagram, std::size_t size);
+
+/// Tells it of those of all threads from now on; nobody when it is null, as at first.
+void watchReplies(ReplyWatcher* watcher);
+
 /// A kernel that says what a test tells it to say.
 class ScriptedKernel {
 public:

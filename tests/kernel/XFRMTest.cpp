@@ -64,10 +64,14 @@ TEST_F(States, TakeEveryAlgorithm)
     const auto installs = [](const char* local, const char* remote, std::uint32_t protocol, std::uint32_t mode,
                              std::uint32_t cipher, std::uint32_t aesMode, std::uint32_t cipherKey, std::uint32_t hash,
                              std::uint32_t hashKey, std::initializer_list<const char*> pieces) {
-        Record record         = espTunnel(local, remote);
-        record.ipsec_protocol = protocol, record.encap_mode = mode;
-        record.crypto_algo = cipher, record.aes_mode = aesMode, record.aes_mode_valid = 1;
-        record.hash_algo = hash, record.crypto_key_tx_len = record.crypto_key_rx_len = cipherKey;
+        Record record            = espTunnel(local, remote);
+        record.ipsec_protocol    = protocol;
+        record.encap_mode        = mode;
+        record.crypto_algo       = cipher;
+        record.aes_mode          = aesMode;
+        record.aes_mode_valid    = 1;
+        record.hash_algo         = hash;
+        record.crypto_key_tx_len = record.crypto_key_rx_len = cipherKey;
         record.hash_key_tx_len = record.hash_key_rx_len = hashKey;
         for (std::uint8_t i = 0; i < 64; ++i) // DES wants keys that are not weak
             record.crypto_key_tx[i] = record.crypto_key_rx[i] = record.hash_key_tx[i] = record.hash_key_rx[i] = i;

@@ -1,7 +1,10 @@
 // Runs the tests in a network of their own, thrown away with the process.
 #include <RealKernel.h>
+#include <ReplyRecorder.h>
 
 #include <cstdio>
+#include <cstdlib>
+
 #include <sys/utsname.h>
 #include <unistd.h>
 
@@ -16,6 +19,8 @@ int main(int argc, char** argv)
         std::puts("SKIPPED: root alone may have a network of its own");
         return 77;
     }
+    if (const char* const folder = std::getenv("VESK_RECORD_REPLIES"))
+        Vesk::Testing::recordReplies(folder);
     utsname kernel{};
     uname(&kernel);
     std::printf("On Linux %s, pages of %d KiB\n", kernel.release, getpagesize() / 1024);

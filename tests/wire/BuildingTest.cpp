@@ -10,26 +10,32 @@ using M = NetlinkMessage;
 
 static unsigned char kBytes[] = {0xa1, 0xa2, 0xa3, 0xa4, 0xa5, 0xa6};
 
-// Builds and transacts a request of type 0x1234.
+// Builds and transacts a request that is none of the kernel's.
 static Operation request(void (*build)(M&))
 {
     return [=] {
         M msg;
-        msg.setNLMsgHeader(NETLINK_ROUTE, 0x1234, kAck);
+        msg.setNLMsgHeader(NETLINK_ROUTE, kMadeUp, kAck);
         build(msg);
         return msg.messageTransact();
     };
 }
 
 // What it sends when nothing went wrong.
-static const auto sent = [](Blocks blocks) { return Sends{message(0x1234, kAck, blocks)}; };
+static Sends sent(Blocks blocks)
+{
+    return Sends{message(kMadeUp, kAck, blocks)};
+}
 
 TEST(Building, PutsBlocksOnTheWire)
 {
     const Check check({.log = kAcked});
 
     check({.what  = "a second payload replaces the first, its length too, and is padded with zeros",
-           .call  = request([](M& m) { m.addMsgPayload(4, kBytes), m.addMsgPayload(5, kBytes); }),
+           .call  = request([](M& m) {
+               m.addMsgPayload(4, kBytes);
+               m.addMsgPayload(5, kBytes);
+           }),
            .sends = sent({"a1a2a3a4 a5000000"})});
     check({.what  = "an empty payload is a block of no bytes",
            .call  = request([](M& m) { m.addMsgPayload(0, nullptr); }),
@@ -40,9 +46,15 @@ TEST(Building, PutsBlocksOnTheWire)
                std::string two("a\0b", 3);
                m.addNLAttribute(1, static_cast<unsigned char>(0x11));
                m.addNLAttribute(2, static_cast<unsigned short>(0x2222));
-               m.addNLAttribute(3, 0x33333333u), m.addNLAttribute(0x14004, 5, kBytes), m.addMsgPayload(4, kBytes);
-               m.addNLAttribute(5, text), m.addNLAttribute(6, ""), m.addNLAttribute(7, two);
-               m.addNLAttribute(8, 0, nullptr), m.addNLAttribute(9, -1, kBytes), m.addNLAttribute(0x800a, 0, nullptr);
+               m.addNLAttribute(3, 0x33333333u);
+               m.addNLAttribute(0x14004, 5, kBytes);
+               m.addMsgPayload(4, kBytes);
+               m.addNLAttribute(5, text);
+               m.addNLAttribute(6, "");
+               m.addNLAttribute(7, two);
+               m.addNLAttribute(8, 0, nullptr);
+               m.addNLAttribute(9, -1, kBytes);
+               m.addNLAttribute(0x800a, 0, nullptr);
            }),
            .sends = sent({"a1a2a3a4", "0500 0100 11000000", "0600 0200 22220000", "0800 0300 33333333",
                           "0900 0440 a1a2a3a4 a5000000", "0900 0500 7072696f 00000000", "0500 0600 00000000",
@@ -50,10 +62,15 @@ TEST(Building, PutsBlocksOnTheWire)
     check({.what  = "a nest counts its children, those of a nest inside it too, and nothing that follows",
            .call  = request([](M& m) {
                NestedAttrHandle outer, inner, empty;
-               m.addNLAttribute(1, 0u), m.startNestedNLAttribute(2, outer), m.startNestedNLAttribute(3, inner);
-               m.addNLAttribute(4, 0x44444444u), m.endNestedNLAttribute(inner);
-               m.addNLAttribute(5, static_cast<unsigned char>(0x55)), m.endNestedNLAttribute(outer);
-               m.startNestedNLAttribute(6, empty), m.endNestedNLAttribute(empty);
+               m.addNLAttribute(1, 0u);
+               m.startNestedNLAttribute(2, outer);
+               m.startNestedNLAttribute(3, inner);
+               m.addNLAttribute(4, 0x44444444u);
+               m.endNestedNLAttribute(inner);
+               m.addNLAttribute(5, static_cast<unsigned char>(0x55));
+               m.endNestedNLAttribute(outer);
+               m.startNestedNLAttribute(6, empty);
+               m.endNestedNLAttribute(empty);
            }),
            .sends = sent({"0800 0100 00000000", "1800 0280", "0c00 0380", "0800 0400 44444444", "0500 0500 55000000",
                           "0400 0680"})});
@@ -62,48 +79,64 @@ TEST(Building, PutsBlocksOnTheWire)
 TEST(Building, GoesOnWithoutWhatCannotBeAdded)
 {
     const LoggedBy attribute = core("addNLAttribute");
-    const LogLine noPayload  = core("addMsgPayload")(4, "adding payload failed");
-    const auto outOfMemory   = [](int nth) { return [=](ScriptedKernel& k) { k.fail(Call::Allocate, 0, nth); }; };
+    const LogLine noPayload  = core("addMsgPayload").failure("adding payload failed");
+    const auto outOfMemory   = [](int nth) { return failing(Call::Allocate, 0, nth); };
     const auto badHandle     = [](std::size_t index, const char* mistake) {
-        return core("endNestedNLAttribute")(4, "invalid attribute handle %zu: %s", index, mistake);
+        return core("endNestedNLAttribute").failure("invalid attribute handle %zu: %s", index, mistake);
     };
     const Check check({.sends = sent({attr(3, 3)})});
 
     check({.what   = "no memory for a payload: the earlier one is gone, its length still counts",
            .given  = outOfMemory(2),
-           .call   = request([](M& m) { m.addMsgPayload(4, kBytes), m.addMsgPayload(6, kBytes); }),
+           .call   = request([](M& m) {
+               m.addMsgPayload(4, kBytes);
+               m.addMsgPayload(6, kBytes);
+           }),
            .result = -1,
            .error  = EMSGSIZE,
            .sends  = {"14000000 3412 0500 8*00"},
            .log    = {noPayload, miscounted(16, 20)}});
     check({.what = "a negative length is a failed allocation",
-           .call = request([](M& m) { m.addNLAttribute(3, 3u), m.addMsgPayload(-5, kBytes); }),
+           .call = request([](M& m) {
+               m.addNLAttribute(3, 3u);
+               m.addMsgPayload(-5, kBytes);
+           }),
            .log  = {noPayload, kAcked}});
     check({.given = outOfMemory(1),
-           .call  = request([](M& m) { m.addNLAttribute(9, 1u), m.addNLAttribute(3, 3u); }),
-           .log   = {attribute(4, "adding attribute of type %d failed", 9), kAcked}});
+           .call  = request([](M& m) {
+               m.addNLAttribute(9, 1u);
+               m.addNLAttribute(3, 3u);
+           }),
+           .log   = {attribute.failure("adding attribute of type %d failed", 9), kAcked}});
     check({.what  = "no memory for a nest: its end does not touch the child in its place",
            .given = outOfMemory(1),
            .call  = request([](M& m) {
                NestedAttrHandle handle;
-               m.startNestedNLAttribute(2, handle), m.addNLAttribute(3, 3u), m.endNestedNLAttribute(handle);
+               m.startNestedNLAttribute(2, handle);
+               m.addNLAttribute(3, 3u);
+               m.endNestedNLAttribute(handle);
            }),
-           .log = {attribute(4, "adding attribute of type %d failed", 0x8002), badHandle(SIZE_MAX, "no such attribute"),
-                   kAcked}});
+           .log   = {attribute.failure("adding attribute of type %d failed", 0x8002),
+                     badHandle(SIZE_MAX, "no such attribute"), kAcked}});
     check({.what  = "of two nests the second has no memory: its end does not touch the first",
            .given = outOfMemory(2),
            .call  = request([](M& m) {
                NestedAttrHandle first, second;
-               m.startNestedNLAttribute(2, first), m.endNestedNLAttribute(first);
-               m.startNestedNLAttribute(4, second), m.addNLAttribute(3, 3u), m.endNestedNLAttribute(second);
+               m.startNestedNLAttribute(2, first);
+               m.endNestedNLAttribute(first);
+               m.startNestedNLAttribute(4, second);
+               m.addNLAttribute(3, 3u);
+               m.endNestedNLAttribute(second);
            }),
            .sends = sent({"0400 0280", attr(3, 3)}),
-           .log = {attribute(4, "adding attribute of type %d failed", 0x8004), badHandle(SIZE_MAX, "no such attribute"),
-                   kAcked}});
+           .log   = {attribute.failure("adding attribute of type %d failed", 0x8004),
+                     badHandle(SIZE_MAX, "no such attribute"), kAcked}});
     check({.what = "handles of no nest: one past the last block, with a start behind the end, and an attribute's",
            .call = request([](M& m) {
                NestedAttrHandle past{99, 1}, plain{0, 0};
-               m.addNLAttribute(3, 3u), m.endNestedNLAttribute(past), m.endNestedNLAttribute(plain);
+               m.addNLAttribute(3, 3u);
+               m.endNestedNLAttribute(past);
+               m.endNestedNLAttribute(plain);
            }),
            .log  = {badHandle(1, "no such attribute"), badHandle(0, "not a nested attribute"), kAcked}});
     check({.what   = "a value that the length field cannot hold is never sent whole",
@@ -119,7 +152,7 @@ TEST(Building, GoesOnWithoutWhatCannotBeAdded)
              .call   = request([](M& m) { m.addMsgPayload(4, kBytes); }),
              .result = -1,
              .error  = ENOMEM,
-             .log    = core("messageSend")(4, "msg allocation failed")});
+             .log    = core("messageSend").failure("msg allocation failed")});
 }
 
 TEST(Building, ServesOneRequest)
@@ -129,7 +162,7 @@ TEST(Building, ServesOneRequest)
            .call =
                [] {
                    M msg;
-                   msg.setNLMsgHeader(NETLINK_ROUTE, 0x1234, kAck);
+                   msg.setNLMsgHeader(NETLINK_ROUTE, kMadeUp, kAck);
                    msg.addMsgPayload(4, kBytes);
                    return 10 * msg.messageTransact() + msg.messageTransact();
                },
@@ -138,24 +171,30 @@ TEST(Building, ServesOneRequest)
            .sends  = {"14000000 3412 0500 8*00 | a1a2a3a4", "24000000 3412 0500 8*00 | a1a2a3a4"},
            .log    = {kAcked, miscounted(20, 36)}});
     check({.what   = "a cleared payload still counts",
-           .call   = request([](M& m) { m.addMsgPayload(4, kBytes), m.clearMsgPayload(); }),
+           .call   = request([](M& m) {
+               m.addMsgPayload(4, kBytes);
+               m.clearMsgPayload();
+           }),
            .result = -1,
            .error  = EMSGSIZE,
            .sends  = {"14000000 3412 0500 8*00"},
            .log    = miscounted(16, 20)});
     check({.what = "cleared attributes are freed once", .call = [] {
                M msg;
-               msg.addNLAttribute(1, 1u), msg.clearAttributes();
+               msg.addNLAttribute(1, 1u);
+               msg.clearAttributes();
                return 0;
            }});
 }
 
 TEST(Building, WipesWhatItFrees)
 {
-    ScriptedKernel kernel;
+    Kernel kernel;
     kernel.run(request([](M& m) {
         static unsigned char secret[12] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12};
-        m.addMsgPayload(12, secret), m.addMsgPayload(12, secret), m.addNLAttribute(1, 8, secret);
+        m.addMsgPayload(12, secret);
+        m.addMsgPayload(12, secret);
+        m.addNLAttribute(1, 8, secret);
     }));
     EXPECT_EQ(std::count(kernel.freedBlocks().begin(), kernel.freedBlocks().end(), Bytes(12)), 3);
 }
@@ -171,7 +210,7 @@ TEST(BuildingDeathTest, EndsTheProcess)
     EXPECT_EXIT(msg.addNLAttribute(1, INT_MAX, kBytes), killed, "addNLAttribute.*overflow");
     EXPECT_EXIT(msg.endNestedNLAttribute(later), killed, "endNestedNLAttribute.*overflow");
 
-    ScriptedKernel kernel;
+    Kernel kernel;
     kernel.fail(Call::AllocateOrThrow, 0); // the list of attributes
     EXPECT_EXIT(kernel.run(request([](M& m) { m.addNLAttribute(1, 1u); })), killed, "");
 }

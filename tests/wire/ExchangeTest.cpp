@@ -7,13 +7,14 @@
 #include <linux/genetlink.h>
 
 using namespace wire;
-using namespace wire::routing;
+
+static const auto [check, acked, rejects, refused] = Checks(NETLINK_ROUTE);
 
 static const LoggedBy kTransact = core("messageTransact"), kQuery = core("messageQuery"), kDumped = core("messageDump");
 static const std::string kOther = message(26, 0), kShortError = "23000000 0200 0000 8*00 00000000 15*00 00";
 
-// An exchange of a request of type 26. What it found is the types of the messages that its callback saw, to each of
-// which that gave this verdict; then the result, and the kernel's error where there was one.
+// An exchange of a request that is none of the kernel's. What it found is the types of the messages that its callback
+// saw, to each of which that gave this verdict; then the result, and the kernel's error where there was one.
 static Operation exchange(int (NetlinkMessage::*run)(), unsigned short flags, int verdict = NetlinkQueryContinue,
                           bool responseRequired = false)
 {
@@ -25,7 +26,7 @@ static Operation exchange(int (NetlinkMessage::*run)(), unsigned short flags, in
             return static_cast<VeskNetlinkQueryReturn>(says);
         };
         NetlinkMessage msg;
-        msg.setNLMsgHeader(NETLINK_ROUTE, 26, flags);
+        msg.setNLMsgHeader(NETLINK_ROUTE, kMadeUp, flags);
         msg.setQueryCb(see, &seen, responseRequired);
         msg.setDumpCb([](nlmsghdr* shown, void* context) { decltype(see)()(shown, context); }, &seen);
         const int result = (msg.*run)();
@@ -34,13 +35,23 @@ static Operation exchange(int (NetlinkMessage::*run)(), unsigned short flags, in
     };
 }
 
-static const auto transact = [](unsigned short flags = kAck) {
+static Operation transact(unsigned short flags = kAck)
+{
     return exchange(&NetlinkMessage::messageTransact, flags);
-};
-static const auto query = [](int verdict = NetlinkQueryDone, bool required = false) {
+}
+
+static Operation query(int verdict = NetlinkQueryDone, bool required = false)
+{
     return exchange(&NetlinkMessage::messageQuery, NLM_F_REQUEST, verdict, required);
-};
-static const auto dump = [] { return exchange(&NetlinkMessage::messageDump, kDump); };
+}
+
+static Operation dump()
+{
+    return exchange(&NetlinkMessage::messageDump, kDump);
+}
+
+// What programs were built with
+static_assert(NetlinkQueryFailed == 0 && NetlinkQueryDone == 1 && NetlinkQueryContinue == 2);
 
 TEST(Exchange, NeedsASocket)
 {
@@ -49,66 +60,84 @@ TEST(Exchange, NeedsASocket)
     for (const Operation& any : {transact(), query(NetlinkQueryDone, true), dump()}) {
         const Check gets({.call = any, .result = -1});
         const auto fails = [&](Call call, int error, const LogLine& line) {
-            gets({.given = [=](ScriptedKernel& k) { k.fail(call, error), k.fail(Call::Close, EIO); },
+            gets({.given =
+                      [=](ScriptedKernel& k) {
+                          k.fail(call, error);
+                          k.fail(Call::Close, EIO);
+                      },
                   .error = error,
                   .log   = line});
         };
-        fails(Call::Socket, EMFILE, failure(open, "opening NL socket failed: errno=[%d, %s]", EMFILE));
-        fails(Call::Bind, EACCES, failure(open, "binding NL socket failed: errno=[%d, %s]", EACCES));
-        fails(Call::SendMsg, EPERM, failure(core("messageSend"), "sending NL message failed. errno=[%d, %s]", EPERM));
+        fails(Call::Socket, EMFILE, withErrno(open, "opening NL socket failed: errno=[%d, %s]", EMFILE));
+        fails(Call::Bind, EACCES, withErrno(open, "binding NL socket failed: errno=[%d, %s]", EACCES));
+        fails(Call::SendMsg, EPERM, withErrno(core("messageSend"), "sending NL message failed. errno=[%d, %s]", EPERM));
         for (const int counted : {0, 17})
-            gets({.given = [=](ScriptedKernel& k) { k.miscountSends(counted - 16), k.answer({}); },
+            gets({.given =
+                      [=](ScriptedKernel& k) {
+                          k.miscountSends(counted - 16);
+                          k.answer({});
+                      },
                   .error = EMSGSIZE,
                   .sends = kAnything,
                   .log   = miscounted(counted, 16)});
     }
     rejects({.call  = [] { return NetlinkMessage().messageTransact(); },
              .error = EINVAL,
-             .log   = open(4, "NL protocol not yet set. Aborting")});
+             .log   = open.failure("NL protocol not yet set. Aborting")});
 
-    ScriptedKernel kernel;
+    Kernel kernel;
     kernel.fail(Call::SetSockOpt, ENOPROTOOPT);
     EXPECT_STREQ(transact()().text, "0") << "extended acknowledgements are not essential";
-    EXPECT_EQ(kernel.log(), (Log{open(3, "EXTACK not supported"), kAcked}));
+    EXPECT_EQ(kernel.log(), (Log{open.notice("EXTACK not supported"), kAcked}));
     EXPECT_NE(kernel.log().at(0).line, 0u);
 }
 
 TEST(Exchange, KeepsItsSocket)
 {
-    const auto twoExchanges = [](int (NetlinkMessage::*then)()) {
+    const auto twoExchanges = [](int (*then)(NetlinkMessage&)) {
         return [=] {
             NetlinkMessage msg;
             msg.setNLMsgHeader(NETLINK_ROUTE, 16, kAck);
-            msg.setQueryCb([](nlmsghdr*, void*) { return NetlinkQueryDone; }, nullptr, false);
             const int first = msg.messageTransact();
             msg.addMsgPayload(0, nullptr); // the length anew
-            const int second = (msg.*then)();
+            const int second = then(msg);
             return std::to_string(first) + ' ' + std::to_string(second) + ' ' + std::to_string(msg.getKernelError());
         };
     };
     const auto opensTwice = [] {
         NetlinkMessage msg;
-        msg.setNLMsgHeader(NETLINK_ROUTE, 16, kAck);
-        return msg.openSocket() + msg.openSocket() + msg.messageTransact();
+        msg.setNLMsgHeader(NETLINK_ROUTE, 16, NLM_F_REQUEST);
+        return msg.openSocket() + msg.openSocket() + msg.messageSend();
     };
     const Check gets({.sends = kAnything});
-    gets({.what    = "two exchanges go through one socket, 0 though it be; a success leaves the error",
-          .given   = [](ScriptedKernel& k) { k.numberSockets(0), k.fail(Call::Socket, EMFILE, 2); },
+    gets({.what = "two exchanges go through one socket, 0 though it be; a success leaves the error",
+          .given =
+              [](ScriptedKernel& k) {
+                  k.numberSockets(0);
+                  k.fail(Call::Socket, EMFILE, 2);
+              },
           .answers = {{refusal(-ENOENT)}},
-          .call    = twoExchanges(&NetlinkMessage::messageTransact),
+          .call    = twoExchanges([](NetlinkMessage& msg) { return msg.messageTransact(); }),
           .result  = "-1 0 -2",
           .error   = ENOENT,
           .log     = {refusedBy(-ENOENT), kAcked}});
     gets({.what    = "an acknowledgement fails a query, with its error",
           .answers = {{refusal(-ENOENT)}},
-          .call    = twoExchanges(&NetlinkMessage::messageQuery),
+          .call    = twoExchanges([](NetlinkMessage& msg) {
+              return msg.messageQuery([](nlmsghdr*, void*) { return NetlinkQueryDone; }, nullptr, false);
+          }),
           .result  = "-1 -1 0",
           .error   = EBADMSG,
-          .log     = {refusedBy(-ENOENT), kQuery(4, "kernel reports error %d", 0), kNoText}});
-    gets({.what  = "opened twice, the first one is closed, 0 though it be",
+          .log     = {refusedBy(-ENOENT), kQuery.failure("kernel reports error %d", 0), kNoText}});
+    gets({.what    = "a dump leaves the error, too",
+          .answers = {{refusal(-ENOENT)}, {kEnd}},
+          .call   = twoExchanges([](NetlinkMessage& msg) { return msg.messageDump([](nlmsghdr*, void*) {}, nullptr); }),
+          .result = "-1 0 -2",
+          .error  = 0,
+          .log    = refusedBy(-ENOENT)});
+    gets({.what  = "opened twice, the first one is closed, 0 though it be; nothing is awaited",
           .given = [](ScriptedKernel& k) { k.numberSockets(0); },
-          .call  = opensTwice,
-          .log   = kAcked});
+          .call  = opensTwice});
 }
 
 // As much as kernels put into a datagram, and into zeros.
@@ -118,7 +147,7 @@ TEST(Exchange, ReceivesAPageOfTheMachineAndAtMost8KiB)
         for (const auto& [any, whole, cut] :
              {std::tuple(transact(), "0", "-1"), {query(), "26 0", "26 0"}, {dump(), "26 2 -1", "26 -1"}})
             for (const unsigned beyond : {0u, 4u}) { // bytes of the acknowledgement
-                ScriptedKernel kernel;
+                Kernel kernel;
                 kernel.setPageSize(page);
                 kernel.answer({message(26, 0, {std::to_string(size + beyond - 16 - 36) + "*00"}) + acknowledgement()});
                 EXPECT_STREQ(any().text, beyond == 0 ? whole : cut) << page;
@@ -128,8 +157,8 @@ TEST(Exchange, ReceivesAPageOfTheMachineAndAtMost8KiB)
 
 TEST(Exchange, TransactTakesTheFirstError)
 {
-    const Check gets({.call = transact(), .result = -1, .error = EBADMSG, .sends = {message(26, kAck)}});
-    const Log none        = kTransact(4, "no NL ACK received from kernel");
+    const Check gets({.call = transact(), .result = -1, .error = EBADMSG, .sends = {message(kMadeUp, kAck)}});
+    const Log none        = kTransact.failure("no NL ACK received from kernel");
     const std::string yes = acknowledgement(), no = refusal(-ENOENT);
 
     gets({.what = "others before it are skipped", .answers = {{kOther + kEnd + yes}}, .result = 0, .log = kAcked});
@@ -146,17 +175,17 @@ TEST(Exchange, TransactTakesTheFirstError)
           .answers = {{message(26, 0, {"4048*00"}) + "25000000 0200 0000 8*00 ffffffff 16*00 00"}},
           .error   = EMSGSIZE,
           .log     = none});
-    gets({.answers = {{kShortError}}, .log = kTransact(4, "invalid NL error received")});
+    gets({.answers = {{kShortError}}, .log = kTransact.failure("invalid NL error received")});
     gets({.what = "an ordinary message, nothing else", .answers = {{kOther}}, .log = none});
     gets({.what = "nothing", .answers = {{""}}, .log = none});
     gets({.what = "a byte is missing", .answers = {{"25" + yes.substr(2)}}, .log = none});
     gets({.answers = {{failedReceive(ENOBUFS)}},
           .error   = ENOBUFS,
-          .log     = failure(kTransact, "receiving NL ACK from kernel failed: errno=[%d, %s]", ENOBUFS)});
+          .log     = withErrno(kTransact, "receiving NL ACK from kernel failed: errno=[%d, %s]", ENOBUFS)});
     gets({.call   = transact(0xfcfb), // all flags but this one, and those of a dump
           .result = 0,
-          .sends  = {message(26, 0xfcfb)},
-          .log    = kTransact(2, "not requesting ACK for NL message\n")});
+          .sends  = {message(kMadeUp, 0xfcfb)},
+          .log    = kTransact.detail("not requesting ACK for NL message\n")});
 }
 
 // A datagram that fills the receive and ends inside a message was longer. What ends otherwise is dropped.
@@ -165,7 +194,9 @@ TEST(Exchange, FailsWhenAReplyIsCutOff)
     const auto full = [](const std::string& left, unsigned bytes) { // the last of a receive, after a message
         return message(26, 0, {std::to_string(4096 - 16 - bytes) + "*00"}) + left;
     };
-    const auto cut = [](const LoggedBy& by) { return by(4, "NL reply was cut off at %zu bytes", std::size_t{4096}); };
+    const auto cut = [](const LoggedBy& by) {
+        return by.failure("NL reply was cut off at %zu bytes", std::size_t{4096});
+    };
     const auto pageOf4K = [](ScriptedKernel& k) { k.setPageSize(4096); };
     const Check drops({.given = pageOf4K, .call = dump(), .result = "26 0", .error = 0, .sends = kAnything});
     const Check dumps({.given  = pageOf4K,
@@ -209,7 +240,9 @@ static Operation explain(const std::vector<const char*>& refusals, int protocol 
 
 TEST(Exchange, FindsExtendedText)
 {
-    const auto reports = [](const std::string& text) { return core("extack")(4, "EXTACK reports %s", text.c_str()); };
+    const auto reports = [](const std::string& text) {
+        return core("extack").failure("EXTACK reports %s", text.c_str());
+    };
     const std::vector<const char*> ofRoutes = {
         "14000000 4800 0506 0c000200 aaaaaaaa bbbbbbbb 0800 0100 6f6e6500", // the echo ends in attributes: "one"
         "14000000 4800 0506 00000000 00000000 bbbbbbbb 0800 0100 6e6f7400", // it does not
@@ -235,14 +268,14 @@ TEST(Exchange, FindsExtendedText)
 TEST(Exchange, QueryStopsWhenTheCallbackIsSatisfied)
 {
     const Check gets(
-        {.answers = {{kOther + kOther}}, .call = query(), .result = -1, .sends = {message(26, NLM_F_REQUEST)}});
-    const auto reported = [](int error) { return Log{kQuery(4, "kernel reports error %d", error), kNoText}; };
+        {.answers = {{kOther + kOther}}, .call = query(), .result = -1, .sends = {message(kMadeUp, NLM_F_REQUEST)}});
+    const auto reported = [](int error) { return Log{kQuery.failure("kernel reports error %d", error), kNoText}; };
 
     gets({.what = "found", .call = query(NetlinkQueryDone, true), .result = "26 0"});
     gets({.call   = query(NetlinkQueryFailed),
           .result = "26 -1",
           .error  = ECANCELED,
-          .log    = kQuery(4, "netlink query cb reports failure")});
+          .log    = kQuery.failure("netlink query cb reports failure")});
     gets({.what    = "not found in a dump, whose end is shown too",
           .answers = {{kOther + kEnd}},
           .call    = query(NetlinkQueryContinue),
@@ -251,21 +284,21 @@ TEST(Exchange, QueryStopsWhenTheCallbackIsSatisfied)
           .call   = query(3, true),
           .result = "26 26 -1",
           .error  = ENOENT,
-          .log    = kQuery(4, "netlink query response not found")});
+          .log    = kQuery.failure("netlink query response not found")});
     gets({.what = "an acknowledgement", .answers = {{acknowledgement()}}, .error = EBADMSG, .log = reported(0)});
     gets({.answers = {{refusal(-ENOENT)}}, .result = "-1/-2", .error = ENOENT, .log = reported(-ENOENT)});
-    gets({.answers = {{kShortError}}, .error = EBADMSG, .log = kQuery(4, "invalid NL error received")});
+    gets({.answers = {{kShortError}}, .error = EBADMSG, .log = kQuery.failure("invalid NL error received")});
     gets({.answers = {{failedReceive(EINTR)}},
           .error   = EINTR,
-          .log     = failure(kQuery, "receiving query response from kernel failed: errno=[%d, %s]", EINTR)});
+          .log     = withErrno(kQuery, "receiving query response from kernel failed: errno=[%d, %s]", EINTR)});
     rejects({.call  = [] { return NetlinkMessage().messageQuery(); },
              .error = EINVAL,
-             .log   = kQuery(4, "attempting to query without valid callback. Aborting")});
+             .log   = kQuery.failure("attempting to query without valid callback. Aborting")});
 }
 
 TEST(Exchange, DumpGoesOnUntilDone)
 {
-    const Check gets({.call = dump(), .result = -1, .sends = {message(26, kDump)}});
+    const Check gets({.call = dump(), .result = -1, .sends = {message(kMadeUp, kDump)}});
     const std::string other = message(17, 0, {"aabbccdd"});
     const std::string odd   = "11000000 1200 0000 8*00 aa"; // padded by "000000", or the end
     const Answers walk      = {{other + other, odd, "", other.substr(0, 30), kOther + odd + "000000" + kOther,
@@ -285,33 +318,33 @@ TEST(Exchange, DumpGoesOnUntilDone)
           .answers = {{message(NLMSG_ERROR, NLM_F_DUMP_INTR, {"20*00"}) + message(26, NLM_F_DUMP_INTR), kEnd}},
           .result  = "2 26 0",
           .error   = EINTR,
-          .log     = kDumped(3, "NL dump was interrupted")});
+          .log     = kDumped.notice("NL dump was interrupted")});
     gets({.answers = {{kOther, refusal(-ENOENT) + kEnd}},
           .result  = "26 -1/-2",
           .error   = ENOENT,
-          .log     = failure(kDumped, "kernel reports errno [%d, %s]", ENOENT)});
+          .log     = withErrno(kDumped, "kernel reports errno [%d, %s]", ENOENT)});
     gets({.answers = {{refusal(2)}},
           .result  = "-1/2",
           .error   = EBADMSG,
-          .log     = failure(kDumped, "kernel reports errno [%d, %s]", -2)});
-    gets({.answers = {{kShortError}}, .error = EBADMSG, .log = kDumped(4, "invalid NL ERR received")});
+          .log     = withErrno(kDumped, "kernel reports errno [%d, %s]", -2)});
+    gets({.answers = {{kShortError}}, .error = EBADMSG, .log = kDumped.failure("invalid NL ERR received")});
     gets({.what    = "no refusal of the request",
           .answers = {{endOfDump(-EBUSY)}},
           .error   = EBUSY,
-          .log     = failure(kDumped, "NL dump reports errno [%d, %s]", EBUSY)});
+          .log     = withErrno(kDumped, "NL dump reports errno [%d, %s]", EBUSY)});
     gets({.answers = {{endOfDump(-4096)}},
           .error   = EBADMSG,
-          .log     = failure(kDumped, "NL dump reports errno [%d, %s]", 4096)});
+          .log     = withErrno(kDumped, "NL dump reports errno [%d, %s]", 4096)});
     gets({.answers = {{"13000000 0300 0200 8*00 000000 00"}},
           .error   = EBADMSG,
-          .log     = kDumped(4, "invalid dump done message")});
+          .log     = kDumped.failure("invalid dump done message")});
     gets({.answers = {{kOther, failedReceive(ENOBUFS)}},
           .result  = "26 -1",
           .error   = ENOBUFS,
-          .log     = failure(kDumped, "receiving NL dump failed. errno=[%d %s]", ENOBUFS)});
+          .log     = withErrno(kDumped, "receiving NL dump failed. errno=[%d %s]", ENOBUFS)});
     rejects({.call  = [] { return NetlinkMessage().messageDump(); },
              .error = EINVAL,
-             .log   = kDumped(4, "attempting to dump without valid callback. Aborting")});
+             .log   = kDumped.failure("attempting to dump without valid callback. Aborting")});
 }
 
 TEST(Attributes, AreFoundByType)
@@ -347,7 +380,7 @@ static Operation lookUp(std::string name, unsigned char version = 2)
 
 TEST(GenericFamily, IsLookedUpByName)
 {
-    const LogLine failed = core("queryGenericNetlinkFamily")(4, "Netlink query failed");
+    const LogLine failed = core("queryGenericNetlinkFamily").failure("Netlink query failed");
     const Check gets({.result = -1, .sends = kAnything}, NETLINK_GENERIC);
     const auto family        = [](Blocks attributes) { return message(GENL_ID_CTRL, 0, attributes); };
     const std::string header = "01020000";
@@ -368,12 +401,12 @@ TEST(GenericFamily, IsLookedUpByName)
           .answers = {{family({header, attr(CTRL_ATTR_FAMILY_ID, "10")})}},
           .call    = lookUp("x"),
           .error   = ENOENT,
-          .log     = {kQuery(4, "netlink query response not found"), failed}});
+          .log     = {kQuery.failure("netlink query response not found"), failed}});
     gets({.what    = "an unknown name",
           .answers = {{refusal(-ENOENT)}},
           .call    = lookUp("x"),
           .error   = ENOENT,
-          .log     = {kQuery(4, "kernel reports error %d", -ENOENT), kNoText, failed}});
+          .log     = {kQuery.failure("kernel reports error %d", -ENOENT), kNoText, failed}});
 }
 
 // The library's own, whose place is taken in all other tests.
@@ -408,7 +441,7 @@ TEST(ExchangeDeathTest, EndsTheProcess)
     EXPECT_EXIT(NetlinkMessage::parseAttributes(reinterpret_cast<nlattr*>(unpadded), map, 5, 6), killed,
                 "parseAttributes.*overflow");
 
-    ScriptedKernel kernel;
+    Kernel kernel;
     kernel.answer({message(GENL_ID_CTRL, 0)});
     EXPECT_EXIT(lookUp("x")(), killed, "queryGENLCb.*overflow");
 }

@@ -14,36 +14,52 @@ namespace wire::ipsec {
 using Record = tro_ipsec_static_sa_config_ex_info_ind_msg_v01;
 using Change = void (*)(Record&);
 
+// What no row would notice
+static_assert(TRO_IPSEC_CRYPTO_ALGO_AES_V01 == 12 && TRO_IPSEC_CRYPTO_ALGO_AES_19_V01 == 19);
+
 inline constexpr const char *kHere = "192.0.2.1", *kPeer = "198.51.100.7", *kHere6 = "fe80::1", *kPeer6 = "fe80::2";
 inline constexpr unsigned kTxSpi = 0x11223344, kRxSpi = 0x55667788;
 
-inline const auto same = [](Record&) {};
-inline const auto v4   = [](Change change = same, const char* here = kHere, const char* peer = kPeer) {
+inline void same(Record&) {}
+
+inline Record v4(Change change = same, const char* here = kHere, const char* peer = kPeer)
+{
     Record record = espTunnel(here, peer);
     change(record);
     return record;
-};
-inline const auto v6 = [](Change change = same) { return v4(change, kHere6, kPeer6); };
+}
 
-// `whole` compares the whole log, the others its lines of level 3 and 4.
-inline const Check whole({}, NETLINK_XFRM);
-inline const Check check({}, NETLINK_XFRM, log_level_notice);
-inline const Check rejects({.result = -1, .error = EINVAL}, NETLINK_XFRM, log_level_notice); // sends nothing
-inline const Check refused({.answers = {{refusal(-EPERM)}}, .result = -1, .error = EPERM, .sends = kAnything},
-                           NETLINK_XFRM, log_level_notice);
+// In UDP, from port 0x1234, and with flags of any value but 0.
+inline void inUdp(Record& r)
+{
+    for (auto* flag :
+         {&r.spi_rx_valid, &r.spi_tx_valid, &r.ipsec_protocol_valid, &r.encap_mode_valid, &r.remote_addr_valid,
+          &r.local_addr_valid, &r.hash_algo_valid, &r.crypto_algo_valid, &r.crypto_key_rx_valid, &r.crypto_key_tx_valid,
+          &r.udp_encap_valid, &r.udp_encap, &r.udp_encap_port_valid, &r.hash_key_rx_valid, &r.hash_key_tx_valid})
+        *flag = 0x80;
+    r.udp_encap_port = htons(0x1234);
+}
+
+inline Record v6(Change change = same)
+{
+    return v4(change, kHere6, kPeer6);
+}
+
+static const auto [check, acked, rejects, refused] = Checks(NETLINK_XFRM);
 
 inline const LoggedBy kId = xfrm("setXFRMIdFromBexa"), kMode = xfrm("setXFRMMode"), kEncap = xfrm("setXFRMEncap");
-inline const LogLine kNoEncap = kEncap(3, "not setting encapsulation params\n");
-inline const auto noAddress   = [](unsigned type) {
-    return xfrm("setXFRMAddrFromBexa")(4, "invalid addr family %u\n", type);
-};
+inline const LogLine kNoEncap = kEncap.notice("not setting encapsulation params\n");
+inline LogLine noAddress(unsigned type)
+{
+    return xfrm("setXFRMAddrFromBexa").failure("invalid addr family %u\n", type);
+}
 
-inline const auto identity = [](unsigned spi, const Log& addresses = {}, const char* proto = "esp",
-                                const char* mode = "tunnel") {
-    return Log{kId(2, "\t..id.proto = %s\n", proto), kId(2, "\t..saddr = %s\n", ""),
-               kId(2, "\t..id.daddr = %s\n", ""),    addresses,
-               kId(2, "\t..id.spi = 0x%x\n", spi),   kMode(2, "\t..mode = %s\n", mode)};
-};
+inline Log identity(unsigned spi, const Log& addresses = {}, const char* proto = "esp", const char* mode = "tunnel")
+{
+    return Log{kId.detail("\t..id.proto = %s\n", proto), kId.detail("\t..saddr = %s\n", ""),
+               kId.detail("\t..id.daddr = %s\n", ""),    addresses,
+               kId.detail("\t..id.spi = 0x%x\n", spi),   kMode.detail("\t..mode = %s\n", mode)};
+}
 
 inline XfrmSelector selector(const char* saddr, int sourcePrefix, const char* daddr, int destinationPrefix,
                              int protocol = 0, int family = AF_INET)

@@ -5,16 +5,18 @@ using namespace wire;
 using namespace wire::ipsec;
 
 static const LoggedBy kAll = xfrm("migrateXFRMInfo"), kOne = xfrm("migrateOneXFRM");
-static const LogLine kOut = kAll(3, "migrating outgoing XFRM info\n"), kIn = kAll(3, "migrating incoming XFRM info\n");
-static const LogLine kFwd   = kAll(3, "migrating forwarding XFRM info\n");
-static const LogLine kNoOut = kAll(4, "migrating TX XFRM info failed\n"),
-                     kNoIn  = kAll(4, "migrating RX XFRM info failed\n"),
-                     kNoFwd = kAll(4, "migrating FWD XFRM info failed\n");
-static const Log kNo        = refusedBy(-EPERM, kOne(4, "sending XFRM migration failed\n"));
+static const LogLine kOut   = kAll.notice("migrating outgoing XFRM info\n"),
+                     kIn    = kAll.notice("migrating incoming XFRM info\n");
+static const LogLine kFwd   = kAll.notice("migrating forwarding XFRM info\n");
+static const LogLine kNoOut = kAll.failure("migrating TX XFRM info failed\n"),
+                     kNoIn  = kAll.failure("migrating RX XFRM info failed\n"),
+                     kNoFwd = kAll.failure("migrating FWD XFRM info failed\n");
+static const Log kNo        = denied(kOne.failure("sending XFRM migration failed\n"));
 
-static const auto migrate = [](const Record& before, const Record& after, const char* local = "10.0.0.0/8") {
+static Operation migrate(const Record& before, const Record& after, const char* local = "10.0.0.0/8")
+{
     return Operation(migrateXFRMInfo, before, after, local, "10.1.0.0/16", 17);
-};
+}
 
 struct Address {
     const char* text;
@@ -42,11 +44,14 @@ static std::string migrates(int dir, const char* peer, Address from, Address to,
 TEST(Migration, MovesTheLocalAddressAndBackWhenItFails)
 {
     const Record before = v4([](Record& r) {
-        r.ipsec_protocol = r.encap_mode = 2, r.remote_addr.addr[4] = 9;
+        r.ipsec_protocol = r.encap_mode = 2;
+        r.remote_addr.addr[4]           = 9;
     }); // the 4 bytes before it count
     Record after = before, unread = before;
-    after.local_addr = modemAddress("fe80::9"), after.remote_addr = modemAddress(kPeer), after.remote_addr.addr_len = 9;
-    after.udp_encap_port_valid = after.udp_encap_valid = after.udp_encap = 1, after.udp_encap_port = 0x3412;
+    after.local_addr           = modemAddress("fe80::9");
+    after.remote_addr          = modemAddress(kPeer);
+    after.remote_addr.addr_len = 9;
+    inUdp(after);
     unread.encap_mode_valid = 0;
 
     const auto there = [](int dir) {
@@ -61,25 +66,25 @@ TEST(Migration, MovesTheLocalAddressAndBackWhenItFails)
     };
     const std::string out = there(XFRM_POLICY_OUT), in = there(XFRM_POLICY_IN), fwd = there(XFRM_POLICY_FWD);
     const std::vector<Reply> no{refusal(-EPERM)};
-    const Check fails({.call = migrate(before, after), .result = -1, .error = EPERM}, NETLINK_XFRM, log_level_notice);
+    const Check fails({.call = migrate(before, after), .result = -1, .error = EPERM}, NETLINK_XFRM);
     const std::vector<Reply> gone{refusal(-ESRCH)};
-    const Log noneThere = refusedBy(-ESRCH, kOne(4, "sending XFRM migration failed\n"));
+    const Log noneThere = refusedBy(-ESRCH, kOne.failure("sending XFRM migration failed\n"));
 
     check({.what  = "three directions; the mode is that of the new record",
            .call  = migrate(unread, after),
            .sends = {out, in, fwd},
-           .log   = {kOut, kAcked, kIn, kAcked, kFwd, kAcked}});
-    fails({.what = "out fails: nothing to move back", .answers = {no}, .sends = {out}, .log = {kOut, kNo, kNoOut}});
+           .steps = {kOut, kAcked, kIn, kAcked, kFwd, kAcked}});
+    fails({.what = "out fails: nothing to move back", .answers = {no}, .sends = {out}, .steps = {kOut, kNo, kNoOut}});
     fails({.what    = "in fails: out is moved back, which fails too",
            .answers = {{}, no, gone},
            .sends   = {out, in, back(XFRM_POLICY_OUT)},
-           .log     = {kOut, kAcked, kIn, kNo, kNoIn, kNoEncap, noneThere,
-                       kAll(4, "rolling back TX XFRM migration failed\n")}});
+           .steps   = {kOut, kAcked, kIn, kNo, kNoIn, kNoEncap, noneThere,
+                       kAll.failure("rolling back TX XFRM migration failed\n")}});
     fails({.what    = "fwd fails: in, which fails too, and out are moved back",
            .answers = {{}, {}, no, gone},
            .sends   = {out, in, fwd, back(XFRM_POLICY_IN), back(XFRM_POLICY_OUT)},
-           .log     = {kOut, kAcked, kIn, kAcked, kFwd, kNo, kNoFwd, kNoEncap, noneThere,
-                       kAll(4, "rolling back RX XFRM migration failed\n"), kNoEncap, kAcked}});
+           .steps   = {kOut, kAcked, kIn, kAcked, kFwd, kNo, kNoFwd, kNoEncap, noneThere,
+                       kAll.failure("rolling back RX XFRM migration failed\n"), kNoEncap, kAcked}});
 }
 
 TEST(Migration, SendsAnAddressOfNoFamilyAsZeros)
@@ -91,11 +96,14 @@ TEST(Migration, SendsAnAddressOfNoFamilyAsZeros)
     const Log step{noAddress(5), kNoEncap};
     refused({.what    = "and back, where the peer is that of the record that it comes from, as far as it reaches",
              .answers = {{}, {}, {refusal(-EPERM)}},
-             .call    = migrate(v6(), v6([](Record& r) { r.local_addr.ip_type = 5, r.remote_addr.addr_len = 8; })),
+             .call    = migrate(v6(), v6([](Record& r) {
+                                 r.local_addr.ip_type   = 5;
+                                 r.remote_addr.addr_len = 8;
+                             })),
              .sends   = {sends(XFRM_POLICY_OUT, kPeer6, here, none), sends(XFRM_POLICY_IN, kPeer6, here, none),
                          sends(XFRM_POLICY_FWD, kPeer6, here, none), sends(XFRM_POLICY_IN, "fe80::", none, here),
                          sends(XFRM_POLICY_OUT, "fe80::", none, here)},
-             .log     = {kOut, step, kAcked, kIn, step, kAcked, kFwd, step, kNo, kNoFwd, step, kAcked, step, kAcked}});
+             .steps   = {kOut, step, kAcked, kIn, step, kAcked, kFwd, step, kNo, kNoFwd, step, kAcked, step, kAcked}});
 }
 
 TEST(Migration, RefusesOtherChanges)
@@ -103,13 +111,14 @@ TEST(Migration, RefusesOtherChanges)
     const auto refuses = [](Change change, const Log& log, const Record& before = v4(), int line = __builtin_LINE()) {
         Record after = before;
         change(after);
-        rejects({.call = migrate(before, after), .log = log}, __FILE__, line);
+        rejects({.call = migrate(before, after), .steps = log}, __FILE__, line);
     };
-    const LogLine peer = kAll(4, "remote address has changed\n");
+    const LogLine peer = kAll.failure("remote address has changed\n");
 
     refuses([](Record& r) { r.encap_mode = r.ipsec_protocol = r.remote_addr.ip_type = 2; },
-            kAll(4, "XFRM mode has changed\n"));
-    refuses([](Record& r) { r.ipsec_protocol = r.remote_addr.ip_type = 2; }, kAll(4, "XFRM protocol has changed\n"));
+            kAll.failure("XFRM mode has changed\n"));
+    refuses([](Record& r) { r.ipsec_protocol = r.remote_addr.ip_type = 2; },
+            kAll.failure("XFRM protocol has changed\n"));
     refuses([](Record& r) { r.remote_addr.addr[3] ^= 1; }, peer);
     refuses([](Record& r) { r.remote_addr.ip_type = 6; }, peer);
     refuses(same, peer, v4([](Record& r) { r.remote_addr.ip_type = 5; }));
@@ -117,12 +126,14 @@ TEST(Migration, RefusesOtherChanges)
     for (const unsigned protocol : {0x102u, 0x103u}) { // the whole value counts
         Record record         = v4();
         record.ipsec_protocol = protocol;
-        refuses(same, {kOut, kOne(4, "invalid IPSEC protocol %d\n", protocol), kNoOut}, record);
+        refuses(same, {kOut, kOne.failure("invalid IPSEC protocol %d\n", protocol), kNoOut}, record);
     }
-    refuses(same, {kOut, kMode(4, "invalid XFRM mode 0x%x\n", 0), kOne(4, "setting XFRM state mode failed\n"), kNoOut},
-            v4([](Record& r) { r.encap_mode = 0; }));
-    rejects({.call = migrate(v4(), v4(), "nonsense"),
-             .log  = {kOut, kNoEncap, xfrm("setXFRMAddress")(4, "invalid IPv4 address %s\n", "nonsense"),
-                      xfrm("setXFRMSel")(4, "setting selector source address failed\n"),
-                      kOne(4, "setting policy selector failed\n"), kNoOut}});
+    refuses(
+        same,
+        {kOut, kMode.failure("invalid XFRM mode 0x%x\n", 0), kOne.failure("setting XFRM state mode failed\n"), kNoOut},
+        v4([](Record& r) { r.encap_mode = 0; }));
+    rejects({.call  = migrate(v4(), v4(), "nonsense"),
+             .steps = {kOut, kNoEncap, xfrm("setXFRMAddress").failure("invalid IPv4 address %s\n", "nonsense"),
+                       xfrm("setXFRMSel").failure("setting selector source address failed\n"),
+                       kOne.failure("setting policy selector failed\n"), kNoOut}});
 }

@@ -6,7 +6,11 @@
 #include <linux/rtnetlink.h>
 
 using namespace wire;
-using namespace wire::routing;
+
+static const auto [check, acked, rejects, refused] = Checks(NETLINK_ROUTE);
+
+// What programs were built with
+static_assert(AddressAdd == 0 && AddressDeprecate == 1 && AddressRenew == 2 && AddressAddDeprecated == 3);
 
 TEST(Operations, ConfigureAnAddress)
 {
@@ -30,12 +34,12 @@ TEST(Operations, ConfigureAnAddress)
                {"00 08 00 00 01000000", attr(IFA_LOCAL, "20010db8 11*00 01"), attr(IFA_CACHEINFO, "8*ff 8*00")})}});
     rejects({.call  = {RTNetlinkAddressCfg, "wlan9", "none", 24, 0, 0},
              .error = ENODEV,
-             .log   = by(4, "no duch device %s", "wlan9")});
+             .log   = by.failure("no duch device %s", "wlan9")});
     rejects({.call  = {RTNetlinkAddressCfg, "wlan0", "none", 24, 0, 0},
              .error = EAFNOSUPPORT,
-             .log   = by(4, "invalid addr family %u", 0)});
+             .log   = by.failure("invalid addr family %u", 0)});
     refused({.call = {RTNetlinkAddressCfg, "wlan0", "::", 24, 0, 0},
-             .log  = refusedBy(-EPERM, by(4, "configuring address failed"))});
+             .log  = denied(by.failure("configuring address failed"))});
 }
 
 TEST(Operations, SetTheGSOSize)
@@ -44,30 +48,47 @@ TEST(Operations, SetTheGSOSize)
 
     check({.call  = {RTNetlinkSetGSOMaxSize, "wlan0", 65534},
            .sends = {message(RTM_NEWLINK, kAck, {"00 00 0000 03000000 8*00", attr(IFLA_GSO_MAX_SIZE, "feff")})},
-           .log   = {kAcked, by(1, "configured gso max size %u for dev %s", 65534, "wlan0")}});
-    rejects(
-        {.call = {RTNetlinkSetGSOMaxSize, "wlan9", 1}, .error = ENODEV, .log = by(4, "no such device %s", "wlan9")});
+           .log   = {kAcked, by.verbose("configured gso max size %u for dev %s", 65534, "wlan0")}});
+    rejects({.call  = {RTNetlinkSetGSOMaxSize, "wlan9", 1},
+             .error = ENODEV,
+             .log   = by.failure("no such device %s", "wlan9")});
     refused({.call = {RTNetlinkSetGSOMaxSize, "lo", 1},
-             .log  = refusedBy(-EPERM, by(4, "configuring gso max size failed for dev %s", "lo"))});
+             .log  = denied(by.failure("configuring gso max size failed for dev %s", "lo"))});
 }
+
+// Entries of the table of labels, for interface 3. Of two attributes of a type the last one counts.
+static std::string entry(const std::string& attributes, const std::string& prefix = "40",
+                         const std::string& family = "0a")
+{
+    return message(RTM_NEWADDRLABEL, kMulti, {family + " 00 " + prefix + " 00 03000000 00000000", attributes});
+}
+
+static std::string label(unsigned value)
+{
+    return attr(IFAL_LABEL, value);
+}
+
+static std::string address(const std::string& digits)
+{
+    return attr(IFAL_ADDRESS, digits);
+}
+
+static const std::string kOwn = address("fe80 13*00 01"), kOther = address("fe80 13*00 02");
 
 TEST(Operations, ModifyLabels)
 {
     const LoggedBy by = labels("addrlabelModify");
 
     acked({.call  = {addrlabelAdd, "fe80::1", 64, 0x12345, 3},
-           .sends = {message(
-               RTM_NEWADDRLABEL, kNew,
-               {"0a 00 40 00 03000000 00000000", attr(IFAL_LABEL, 0x12345), attr(IFAL_ADDRESS, "fe80 13*00 01")})}});
-    acked({.what  = "a prefix length's low 8 bits",
-           .call  = {addrlabelDel, "192.0.2.1", 0x118, 7, 3},
-           .sends = {message(RTM_DELADDRLABEL, kAck,
-                             {"02 00 18 00 03000000 00000000", attr(IFAL_LABEL, 7), attr(IFAL_ADDRESS, "c0000201")})}});
+           .sends = {message(RTM_NEWADDRLABEL, kNew, {"0a 00 40 00 03000000 00000000", label(0x12345), kOwn})}});
+    acked(
+        {.what  = "a prefix length's low 8 bits",
+         .call  = {addrlabelDel, "192.0.2.1", 0x118, 0, 3},
+         .sends = {message(RTM_DELADDRLABEL, kAck, {"02 00 18 00 03000000 00000000", label(0), address("c0000201")})}});
     rejects({.call  = {addrlabelAdd, "none", 64, 7, 3},
              .error = EAFNOSUPPORT,
-             .log   = by.entire(4, "%S(): invalid addr family %u", 0)});
-    refused(
-        {.call = {addrlabelAdd, "::", 64, 7, 3}, .log = refusedBy(-EPERM, by(4, "modifying address label failed"))});
+             .log   = by.failure("%S(): invalid addr family %u", 0)});
+    refused({.call = {addrlabelAdd, "::", 64, 7, 3}, .log = denied(by.failure("modifying address label failed"))});
 }
 
 // The look-up of 198.51.100.7 under mark 42. The answer: table 1000, gateway 192.0.2.1, device 3.
@@ -75,16 +96,17 @@ static const std::string kLookUp = message(
     RTM_GETROUTE, NLM_F_REQUEST, {"02 20 00 00 00 00 00 00 00100000", attr(RTA_DST, "c6336407"), attr(RTA_MARK, 42)});
 static const std::string kTable = attr(RTA_TABLE, 1000), kGateway = attr(RTA_GATEWAY, "c0000201"),
                          kOutput = attr(RTA_OIF, 3);
-static const auto answer         = [](const std::string& attributes) {
+static std::string answer(const std::string& attributes)
+{
     return message(RTM_NEWROUTE, kMulti, {"12*00", attributes});
-};
+}
 
 static const LoggedBy kGet = rtnl("RTNetlinkGetRoute"), kCb = rtnl("getRouterAddress");
-static const LogLine kNone    = kGet(1, "Got router address %s", "");
-static const Log kFound       = {kCb(1, "Table %u gateway address %s device %s", 1000, "192.0.2.1", "wlan0"),
-                                 kGet(1, "Got router address %s", "192.0.2.1")};
-static const Log kUnreachable = {core("messageQuery")(4, "kernel reports error %d", -EPERM), kNoText,
-                                 kGet(4, "Getting routes failed")};
+static const LogLine kNone    = kGet.verbose("Got router address %s", "");
+static const Log kFound       = {kCb.verbose("Table %u gateway address %s device %s", 1000, "192.0.2.1", "wlan0"),
+                                 kGet.verbose("Got router address %s", "192.0.2.1")};
+static const Log kUnreachable = {core("messageQuery").failure("kernel reports error %d", -EPERM), kNoText,
+                                 kGet.failure("Getting routes failed")};
 
 TEST(Routes, AreLookedUpUnderAMark)
 {
@@ -96,16 +118,16 @@ TEST(Routes, AreLookedUpUnderAMark)
                     .log     = {line, kNone}},
                    __FILE__, at);
     };
-    passes(message(25, 0), kCb(4, "Wrong message type %d", 25));
-    passes("1b000000 1800 0000 8*00 11*00 00", kCb(4, "Wrong message length %d, need %d more bytes", 27, 1));
-    passes(answer(""), kCb(4, "Table attribute is missing in NEWROUTE message"));
-    passes(answer(good + attr(RTA_TABLE, "e8030000 00")), kCb(4, "Table attribute is malformed"));
-    passes(answer(kTable), kCb(4, "Gateway attribute is missing in NEWROUTE message"));
-    passes(answer(good + attr(RTA_GATEWAY, "c00002")), kCb(4, "Gateway attribute is malformed"));
-    passes(answer(kTable + kGateway), kCb(4, "Outgoing interface attribute is missing in NEWROUTE message"));
-    passes(answer(good + attr(RTA_OIF, "03000000 00")), kCb(4, "Outgoing interface attribute is malformed"));
+    passes(message(25, 0), kCb.failure("Wrong message type %d", 25));
+    passes("1b000000 1800 0000 8*00 11*00 00", kCb.failure("Wrong message length %d, need %d more bytes", 27, 1));
+    passes(answer(""), kCb.failure("Table attribute is missing in NEWROUTE message"));
+    passes(answer(good + attr(RTA_TABLE, "e8030000 00")), kCb.failure("Table attribute is malformed"));
+    passes(answer(kTable), kCb.failure("Gateway attribute is missing in NEWROUTE message"));
+    passes(answer(good + attr(RTA_GATEWAY, "c00002")), kCb.failure("Gateway attribute is malformed"));
+    passes(answer(kTable + kGateway), kCb.failure("Outgoing interface attribute is missing in NEWROUTE message"));
+    passes(answer(good + attr(RTA_OIF, "03000000 00")), kCb.failure("Outgoing interface attribute is malformed"));
     passes(answer(good + attr(RTA_OIF, 9)),
-           failure(kCb, "Outgoing interface device lookup failed with error - %d %s", ENXIO));
+           withErrno(kCb, "Outgoing interface device lookup failed with error - %d %s", ENXIO));
     check({.what    = "the first answer that will do; an IPv6 gateway is none",
            .answers = {{answer(good + attr(RTA_GATEWAY, "16*01")) + answer(good) +
                         answer(good + attr(RTA_GATEWAY, "c0000202"))}},
@@ -114,13 +136,13 @@ TEST(Routes, AreLookedUpUnderAMark)
            .sends   = {message(
                  RTM_GETROUTE, NLM_F_REQUEST,
                  {"0a 80 00 00 00 00 00 00 00100000", attr(RTA_DST, "20010db8 11*00 01"), attr(RTA_MARK, 0)})},
-           .log     = {kCb(4, "Gateway attribute is malformed"), kFound}});
+           .log     = {kCb.failure("Gateway attribute is malformed"), kFound}});
     rejects({.call  = {RTNetlinkGetRoute, "10.0.0.300", 0, 0},
              .error = EAFNOSUPPORT,
-             .log   = kGet(4, "Invalid family %u", 0)});
+             .log   = kGet.failure("Invalid family %u", 0)});
     rejects({.call  = {RTNetlinkGetRoute, "10.0.0.300", 0, AF_INET},
              .error = EINVAL,
-             .log   = kGet(4, "inet_pton failed on destonation address %s with error %d", "10.0.0.300", 0)});
+             .log   = kGet.failure("inet_pton failed on destonation address %s with error %d", "10.0.0.300", 0)});
     refused({.call = {RTNetlinkGetRoute, "198.51.100.7", 42, AF_INET}, .log = kUnreachable});
 }
 
@@ -140,20 +162,20 @@ TEST(Routes, AreInstalledAndRemovedThroughTheGateway)
     check({.answers = {found},
            .call    = change(RTNetlinkAddRoute),
            .sends   = sends(RTM_NEWROUTE, kNew),
-           .log     = {kFound, kAcked, add(1, "Successfully installed ip route")}});
+           .log     = {kFound, kAcked, add.verbose("Successfully installed ip route")}});
     refused({.answers = {found, {refusal(-EPERM)}},
              .call    = change(RTNetlinkAddRoute),
-             .log     = {kFound, refusedBy(-EPERM, add(4, "Failed to install ip route"))}});
+             .log     = {kFound, denied(add.failure("Failed to install ip route"))}});
     check({.answers = {found},
            .call    = change(RTNetlinkDeleteRoute),
            .sends   = sends(RTM_DELROUTE, NLM_F_REQUEST),
-           .log     = {kFound, core("messageTransact")(2, "not requesting ACK for NL message\n"),
-                       del(1, "Successfully removed ip route")}});
-    refused({.given   = [](ScriptedKernel& kernel) { kernel.fail(Call::SendMsg, EPERM, 2); },
+           .log     = {kFound, core("messageTransact").detail("not requesting ACK for NL message\n"),
+                       del.verbose("Successfully removed ip route")}});
+    refused({.given   = failing(Call::SendMsg, EPERM, 2),
              .answers = {found},
              .call    = change(RTNetlinkDeleteRoute),
-             .log     = {kFound, failure(core("messageSend"), "sending NL message failed. errno=[%d, %s]", EPERM),
-                         del(4, "Failed to remove ip route")}});
+             .log     = {kFound, withErrno(core("messageSend"), "sending NL message failed. errno=[%d, %s]", EPERM),
+                         del.failure("Failed to remove ip route")}});
 
     for (const auto& [operation, by, badDestination, badGateway] :
          {std::tuple(&RTNetlinkAddRoute, add, "inet_pton failed on destination address %s with error %d",
@@ -162,22 +184,23 @@ TEST(Routes, AreInstalledAndRemovedThroughTheGateway)
                      "inet_pton failed on source address %s - rc %d")}) {
         rejects({.call  = change(operation, "10.0.0.300", 18),
                  .error = EAFNOSUPPORT,
-                 .log   = by(4, "Invalid family %u", 18)});
-        rejects({.call = change(operation, "fe80::1"), .error = EINVAL, .log = by(4, badDestination, "fe80::1", 0)});
+                 .log   = by.failure("Invalid family %u", 18)});
+        rejects(
+            {.call = change(operation, "fe80::1"), .error = EINVAL, .log = by.failure(badDestination, "fe80::1", 0)});
         refused({.answers = {{""}},
                  .call    = change(operation),
                  .error   = ENOENT,
                  .sends   = {kLookUp},
-                 .log     = {kNone, by(4, badGateway, "", 0)}});
+                 .log     = {kNone, by.failure(badGateway, "", 0)}});
         refused({.what    = "IPv6, whose gateway would be one of IPv4",
                  .answers = {found},
                  .call    = change(operation, "2001:db8::7", AF_INET6),
                  .error   = ENOENT,
-                 .log     = {kFound, by(4, badGateway, "192.0.2.1", 0)}});
+                 .log     = {kFound, by.failure(badGateway, "192.0.2.1", 0)}});
         refused({.call  = change(operation),
                  .sends = {kLookUp},
-                 .log   = {kUnreachable, by(4, "Unable to get gateway address address %s mark %u with error %d",
-                                            "198.51.100.7", 42, -1)}});
+                 .log   = {kUnreachable, by.failure("Unable to get gateway address address %s mark %u with error %d",
+                                                    "198.51.100.7", 42, -1)}});
     }
 }
 
@@ -189,9 +212,9 @@ TEST(Rules, AreFoundByPriorityAndTable)
     const std::string good =
         priority + mark + mask + attr(FRA_TABLE, 1003); // of two attributes of a type the last one counts
     const auto rule = [](const std::string& attributes) { return message(RTM_NEWRULE, kMulti, {"12*00", attributes}); };
-    const auto seen = [&](unsigned m, unsigned k) { return cb(1, "fwmark 0x%04x/0x%04x", m, k); };
+    const auto seen = [&](unsigned m, unsigned k) { return cb.verbose("fwmark 0x%04x/0x%04x", m, k); };
     const auto none = [&](unsigned m, unsigned k, const char* device) {
-        return get(4, "Invalid fwmark 0x%04x/0x%04x for dev %s", m, k, device);
+        return get.failure("Invalid fwmark 0x%04x/0x%04x for dev %s", m, k, device);
     };
     const Check finds({.answers = {{rule(good), kEnd}},
                        .call    = {RTNetlinkGetRule, "wlan0"},
@@ -207,51 +230,42 @@ TEST(Rules, AreFoundByPriorityAndTable)
            .result  = "0x12345/0x1ff",
            .error   = 0,
            .log     = {seen(0x10, 0xff), seen(0x12345, 0x1ff),
-                       get(1, "Got rule fwmark 0x%04x/0x%04x for dev %s", 0x12345, 0x1ff, "wlan0")}});
+                       get.verbose("Got rule fwmark 0x%04x/0x%04x for dev %s", 0x12345, 0x1ff, "wlan0")}});
     finds({.answers = {{rule(good + attr(FRA_FWMASK, 0)), kEnd}}, .log = {seen(0x10, 0), none(0x10, 0, "wlan0")}});
     finds({.answers = {{rule(good + attr(FRA_FWMARK, 0)), kEnd}}, .log = {seen(0, 0xff), none(0, 0xff, "wlan0")}});
-    passes(message(33, 0), cb(4, "Wrong message type %d", 33));
-    passes("1b000000 2000 0000 8*00 11*00 00", cb(4, "Wrong message length %d, need %d more bytes", 27, 1));
-    passes(rule(""), cb(3, "Priority attribute is missing in NEWRULE message"));
-    passes(rule(good + attr(FRA_PRIORITY, "803e0000 00")), cb(4, "Mark attribute is malformed"));
-    passes(rule(attr(FRA_PRIORITY, 16001)), cb(3, "Mark attribute is not as expected"));
-    passes(rule(priority), cb(4, "Mark attribute is missing in NEWRULE message"));
-    passes(rule(good + attr(FRA_FWMARK, "10000000 00")), cb(4, "Mark attribute is malformed"));
-    passes(rule(priority + mark), cb(4, "Mask attribute is missing in NEWRULE message"));
-    passes(rule(good + attr(FRA_FWMASK, "ff000000 00")), cb(4, "Mask attribute is malformed"));
-    passes(rule(priority + mark + mask), cb(4, "Table attribute is missing in NEWRULE message"));
-    passes(rule(good + attr(FRA_TABLE, "eb030000 00")), cb(4, "Table attribute is malformed"));
-    passes(rule(good + attr(FRA_TABLE, 1002)), cb(3, "Table index is not as expected for dev %s", "wlan0"));
+    passes(message(33, 0), cb.failure("Wrong message type %d", 33));
+    passes("1b000000 2000 0000 8*00 11*00 00", cb.failure("Wrong message length %d, need %d more bytes", 27, 1));
+    passes(rule(""), cb.notice("Priority attribute is missing in NEWRULE message"));
+    passes(rule(good + attr(FRA_PRIORITY, "803e0000 00")), cb.failure("Mark attribute is malformed"));
+    passes(rule(attr(FRA_PRIORITY, 16001)), cb.notice("Mark attribute is not as expected"));
+    passes(rule(priority), cb.failure("Mark attribute is missing in NEWRULE message"));
+    passes(rule(good + attr(FRA_FWMARK, "10000000 00")), cb.failure("Mark attribute is malformed"));
+    passes(rule(priority + mark), cb.failure("Mask attribute is missing in NEWRULE message"));
+    passes(rule(good + attr(FRA_FWMASK, "ff000000 00")), cb.failure("Mask attribute is malformed"));
+    passes(rule(priority + mark + mask), cb.failure("Table attribute is missing in NEWRULE message"));
+    passes(rule(good + attr(FRA_TABLE, "eb030000 00")), cb.failure("Table attribute is malformed"));
+    passes(rule(good + attr(FRA_TABLE, 1002)), cb.notice("Table index is not as expected for dev %s", "wlan0"));
     finds({.call = {RTNetlinkGetRule, "wlan9"},
-           .log  = {cb(4, "Unable to ifindex for dev %s", "wlan9"), none(0, 0, "wlan9")}});
+           .log  = {cb.failure("Unable to ifindex for dev %s", "wlan9"), none(0, 0, "wlan9")}});
     finds({.what    = "an index whose table would pass 32 bits",
            .given   = [](ScriptedKernel& kernel) { kernel.addInterface("last", 0xffffffff); },
            .answers = {{rule(good + attr(FRA_TABLE, 999)), kEnd}},
            .call    = {RTNetlinkGetRule, "last"},
-           .log     = {cb(3, "Table index is not as expected for dev %s", "last"), none(0, 0, "last")}});
+           .log     = {cb.notice("Table index is not as expected for dev %s", "last"), none(0, 0, "last")}});
     const std::string interrupted = message(NLMSG_DONE, NLM_F_DUMP_INTR, {"00000000"});
     finds({.what    = "an interrupted dump is no failure",
            .answers = {{rule(good), interrupted}},
            .result  = "0x10/0xff",
            .error   = EINTR,
-           .log     = {seen(0x10, 0xff), get(1, "Got rule fwmark 0x%04x/0x%04x for dev %s", 0x10, 0xff, "wlan0")}});
+           .log = {seen(0x10, 0xff), get.verbose("Got rule fwmark 0x%04x/0x%04x for dev %s", 0x10, 0xff, "wlan0")}});
     finds({.what    = "unless it may have missed the rule",
            .answers = {{interrupted}},
            .error   = EINTR,
            .log     = none(0, 0, "wlan0")});
     finds({.answers = {{refusal(-EPERM)}},
            .error   = EPERM,
-           .log     = {kDumpRefused, get(4, "Getting rules failed for dev %s", "wlan0")}});
+           .log     = {kDumpRefused, get.failure("Getting rules failed for dev %s", "wlan0")}});
 }
-
-// Entries of the table of labels, for interface 3. Of two attributes of a type the last one counts.
-static const auto entry = [](const std::string& attributes, const std::string& prefix = "40",
-                             const std::string& family = "0a") {
-    return message(RTM_NEWADDRLABEL, kMulti, {family + " 00 " + prefix + " 00 03000000 00000000", attributes});
-};
-static const auto label       = [](unsigned value) { return attr(IFAL_LABEL, value); };
-static const auto address     = [](const std::string& digits) { return attr(IFAL_ADDRESS, digits); };
-static const std::string kOwn = address("fe80 13*00 01"), kOther = address("fe80 13*00 02");
 
 static const std::string kOtherType = message(RTM_DELADDRLABEL, 0), kTooShort = "1b000000 4800 0000 8*00 11*00 00";
 
@@ -275,7 +289,7 @@ TEST(Labels, AreGeneratedBelowTheFirstGap)
             datagram += entry(label(value));
         return Answers{{datagram, kEnd}};
     };
-    const LogLine malformed = cb(4, "label attribute is malformed");
+    const LogLine malformed = cb.failure("label attribute is malformed");
     const auto random       = [](int value) { return [=](ScriptedKernel& kernel) { kernel.setRandom(value); }; };
     const auto dump         = [](const char* family) {
         return message(RTM_GETADDRLABEL, kDump, {family + std::string("11*00")});
@@ -283,10 +297,10 @@ TEST(Labels, AreGeneratedBelowTheFirstGap)
     const Check proposes({.given = random(5), .call = generate(AF_INET6), .sends = {dump("0a ")}});
 
     check({.what = "the default", .call = generate(3, true), .result = 1, .error = 0});
-    rejects({.call = generate(258), .error = EAFNOSUPPORT, .log = by(4, "invalid addr type 0x%x", 258)});
+    rejects({.call = generate(258), .error = EAFNOSUPPORT, .log = by.failure("invalid addr type 0x%x", 258)});
     refused({.call  = generate(AF_INET),
              .sends = {dump("02 ")},
-             .log   = {kDumpRefused, by(4, "gathering list of currentl labels failed")}});
+             .log   = {kDumpRefused, by.failure("gathering list of currentl labels failed")}});
     proposes({.what = "none of its own", .given = random(0), .answers = all({0, 1, 13, 20}), .result = 20, .error = 0});
     proposes({.what    = "an interrupted dump",
               .answers = {{message(NLMSG_DONE, NLM_F_DUMP_INTR, {"00000000"})}},
@@ -298,19 +312,22 @@ TEST(Labels, AreGeneratedBelowTheFirstGap)
     proposes({.what = "a lone label has no gap", .answers = all({30}), .result = 35});
     proposes({.answers = all({20, 21, 22, 22, 21}),
               .result  = 27,
-              .log     = {cb(4, "inserting label %u failed", 22), cb(4, "inserting label %u failed", 21)}});
+              .log     = {cb.failure("inserting label %u failed", 22), cb.failure("inserting label %u failed", 21)}});
     proposes(
         {.what = "the highest sum", .given = random(0x7fffffff), .answers = all({0x7fffffff}), .result = "4294967294"});
+    proposes({.answers = all({0x80000000}),
+              .result  = -1,
+              .error   = ENOSPC,
+              .log     = by.failure("generating unique label failed")});
     proposes(
-        {.answers = all({0x80000000}), .result = -1, .error = ENOSPC, .log = by(4, "generating unique label failed")});
-    proposes({.answers = {{kOtherType + kTooShort + entry("") + entry(attr(IFAL_LABEL, "1500")) +
-                               entry(attr(IFAL_LABEL, "15000000 00000000")),
-                           kEnd}},
-              .result  = 25,
-              .log     = {cb(1, "ignoring non-NEWADDRLABEL message"), cb(4, "invalid NEWADDRLABEL message received"),
-                          cb(4, "label attribute is missing in NEWADDRLABEL message"), malformed, malformed}});
+        {.answers = {{kOtherType + kTooShort + entry("") + entry(attr(IFAL_LABEL, "1500")) +
+                          entry(attr(IFAL_LABEL, "15000000 00000000")),
+                      kEnd}},
+         .result  = 25,
+         .log = {cb.verbose("ignoring non-NEWADDRLABEL message"), cb.failure("invalid NEWADDRLABEL message received"),
+                 cb.failure("label attribute is missing in NEWADDRLABEL message"), malformed, malformed}});
 
-    ScriptedKernel kernel;
+    Kernel kernel;
     kernel.answerEach(all({30, 31})); // the first one is compared with the second
     EXPECT_EXIT(generate(AF_INET6)(), testing::KilledBySignal(SIGABRT), "addrlabelGenerate.*overflow");
 }
@@ -318,8 +335,9 @@ TEST(Labels, AreGeneratedBelowTheFirstGap)
 TEST(Labels, ArePurgedWithTheirCompanions)
 {
     const LoggedBy by = labels("addrlabelPurge"), cb = labels("addrlabelPurgeDumpCb"),
-                   parse = labels("addrlabelPurgeNLMsgParse");
-    const LogLine own = by.entire(2, "Matches address"), companion = by.entire(2, "Label match for");
+                   parse      = labels("addrlabelPurgeNLMsgParse");
+    const LogLine own         = logLine(by.source, log_level_detail, "Matches address"),
+                  companion   = logLine(by.source, log_level_detail, "Label match for");
     const std::string payload = "0a 00 80 00 03000000 00000000", v4 = "02 00 20 00 03000000 00000000";
     const std::string query = message(RTM_GETADDRLABEL, NLM_F_REQUEST, {payload, kOwn}),
                       dump  = message(RTM_GETADDRLABEL, kDump, {payload});
@@ -337,8 +355,8 @@ TEST(Labels, ArePurgedWithTheirCompanions)
            .call    = {addrlabelPurge, "fe80::1", 255, 3},
            .sends   = {query, dump, deletes(label(7), kOwn, "ff"), deletes(label(20), kOther, "ff")},
            .log     = {own, kAcked, companion,
-                       refusedBy(-ESRCH, labels("addrlabelModify")(4, "modifying address label failed")),
-                       cb(4, "purging address with label %u failed", 20)}});
+                       refusedBy(-ESRCH, labels("addrlabelModify").failure("modifying address label failed")),
+                       cb.failure("purging address with label %u failed", 20)}});
     const std::string beyond    = address("fe80 5*00 ff 8*00") + label(1),
                       elsewhere = message(RTM_NEWADDRLABEL, kMulti, {"0a 00 3f 00 00000000 00000000", beyond});
     check({.what    = "of a prefix of 63 bits 7 bytes are compared; other prefixes and interfaces stay",
@@ -352,8 +370,8 @@ TEST(Labels, ArePurgedWithTheirCompanions)
            .result  = -1,
            .error   = EINTR,
            .sends   = {query, dump, deletes(label(7), kOwn, "07")},
-           .log     = {own, kAcked, failure(core("messageDump"), "NL dump reports errno [%d, %s]", EINTR),
-                       by(4, "dumping labels failed")}});
+           .log     = {own, kAcked, withErrno(core("messageDump"), "NL dump reports errno [%d, %s]", EINTR),
+                       by.failure("dumping labels failed")}});
     check({.what    = "IPv4: the whole address counts, whatever the prefix",
            .answers = {{entry(address("c0000200") + label(20), "18", "02")},
                        {entry(address("c0000202") + label(20), "18", "02") +
@@ -370,11 +388,11 @@ TEST(Labels, ArePurgedWithTheirCompanions)
                         entry(kOwn + label(0))}},
            .call    = {addrlabelPurge, "fe80::1", 64, 3},
            .sends   = {query},
-           .log     = {parse(1, "ignoring non-NEWADDRLABEL message"),
-                       parse.entire(4, "%S(): invalid NEWADDRLABEL message received"),
-                       parse(4, "address/label is missing in NEWADDRLABEL message"),
-                       parse(4, "address/label is missing in NEWADDRLABEL message"),
-                       parse(4, "address/label is missing in NEWADDRLABEL message")}});
+           .log     = {parse.verbose("ignoring non-NEWADDRLABEL message"),
+                       parse.failure("%S(): invalid NEWADDRLABEL message received"),
+                       parse.failure("address/label is missing in NEWADDRLABEL message"),
+                       parse.failure("address/label is missing in NEWADDRLABEL message"),
+                       parse.failure("address/label is missing in NEWADDRLABEL message")}});
     const auto twice = [] {
         sockaddr_storage from = socketAddress("fe80::1");
         return 10 * addrlabelPurge(&from, 64, 3) + addrlabelPurge(&from, 64, 3);
@@ -387,16 +405,17 @@ TEST(Labels, ArePurgedWithTheirCompanions)
                        {entry(address("16*00") + label(1), "00")}},
            .call    = twice,
            .sends   = {query, dump, query}});
-    rejects(
-        {.call = {addrlabelPurge, "none", 64, 3}, .error = EAFNOSUPPORT, .log = by(4, "invalid addr type 0x%x", 0)});
-    refused(
-        {.call = {addrlabelPurge, "fe80::1", 64, 3},
-         .log = {core("messageQuery")(4, "kernel reports error %d", -EPERM), kNoText, by(4, "querying label failed")}});
+    rejects({.call  = {addrlabelPurge, "none", 64, 3},
+             .error = EAFNOSUPPORT,
+             .log   = by.failure("invalid addr type 0x%x", 0)});
+    refused({.call = {addrlabelPurge, "fe80::1", 64, 3},
+             .log  = {core("messageQuery").failure("kernel reports error %d", -EPERM), kNoText,
+                      by.failure("querying label failed")}});
 }
 
 TEST(Qdiscs, AreAddedDeletedAndChanged)
 {
-    const LoggedBy any = rtnl("RTNetlinkTCQdisc"), prio = rtnl("RTNetlinkTCPrio"), flow = rtnl("RTNetlinkFlowControl");
+    const LoggedBy tc = rtnl("RTNetlinkTCQdisc"), prio = rtnl("RTNetlinkTCPrio"), flow = rtnl("RTNetlinkFlowControl");
     const std::string root  = "00 000000 03000000 00000100 ffffffff 00000000",
                       child = "00 000000 03000000 00000100 01000200 00000000";
     const std::string pfifo = attr(TCA_KIND, "70666966 6f00"), kind = attr(TCA_KIND, "7072696f 00");
@@ -406,8 +425,8 @@ TEST(Qdiscs, AreAddedDeletedAndChanged)
         return options("03000000 01020202 01020000 01010101 01010101 " + enable + " 010101");
     };
     const auto trace = [&](const char* word, unsigned parent, const char* state) {
-        return flow(1, "sending nlmsg \"tc qdisc %s dev %s parent:0x%x hndl:0x%x prio flow %s", word, "wlan0", parent,
-                    0x10000, state);
+        return flow.verbose("sending nlmsg \"tc qdisc %s dev %s parent:0x%x hndl:0x%x prio flow %s", word, "wlan0",
+                            parent, 0x10000, state);
     };
     const auto qdisc = [](unsigned parent, int operation, const char* device = "wlan0") {
         return Operation(RTNetlinkTCQdisc, device, "pfifo", parent, 0x10000, operation);
@@ -429,11 +448,11 @@ TEST(Qdiscs, AreAddedDeletedAndChanged)
            .log   = {trace("change", 0x20001, "disable"), kAcked}});
     refused({.call  = control(0, 0, 1),
              .sends = {message(RTM_DELQDISC, kAck, {root, kind})},
-             .log = {trace("del", 0xffffffff, "disable"), refusedBy(-EPERM, flow(4, "tc qdisc transaction failed"))}});
-    refused({.call = qdisc(0, 1), .log = refusedBy(-EPERM, any(4, "tc qdisc transaction failed"))});
-    refused({.call = bands(1), .log = refusedBy(-EPERM, prio(4, "tc qdisc transaction failed"))});
-    rejects({.call = qdisc(0, 9, "wlan9"), .error = ENODEV, .log = any(4, "no such device %s", "wlan9")});
-    rejects({.call = qdisc(0, 2), .error = EINVAL, .log = any(4, "tc qdisc invalid flag operation")});
-    rejects({.call = bands(2), .error = EINVAL, .log = prio(4, "tc qdisc invalid flag operation")});
-    rejects({.call = control(0, 1, 3), .error = EINVAL, .log = flow(4, "tc qdisc invalid flag operation")});
+             .log   = {trace("del", 0xffffffff, "disable"), denied(flow.failure("tc qdisc transaction failed"))}});
+    refused({.call = qdisc(0, 1), .log = denied(tc.failure("tc qdisc transaction failed"))});
+    refused({.call = bands(1), .log = denied(prio.failure("tc qdisc transaction failed"))});
+    rejects({.call = qdisc(0, 9, "wlan9"), .error = ENODEV, .log = tc.failure("no such device %s", "wlan9")});
+    rejects({.call = qdisc(0, 2), .error = EINVAL, .log = tc.failure("tc qdisc invalid flag operation")});
+    rejects({.call = bands(2), .error = EINVAL, .log = prio.failure("tc qdisc invalid flag operation")});
+    rejects({.call = control(0, 1, 3), .error = EINVAL, .log = flow.failure("tc qdisc invalid flag operation")});
 }

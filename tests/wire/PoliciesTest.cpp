@@ -5,52 +5,64 @@ using namespace wire;
 using namespace wire::ipsec;
 
 static const LoggedBy kSel = xfrm("setXFRMSel"), kText = xfrm("setXFRMAddress");
-static const auto source = [](const char* text, unsigned prefix) {
-    return kSel.entire(2, "%s()\t..sel.saddr = %s/%u\n", text, prefix);
-};
-static const auto destination = [](const char* text, unsigned prefix) {
-    return kSel.entire(2, "%s()\t..sel.daddr = %s/%u\n", text, prefix);
-};
-static const auto protocol = [](unsigned number) { return kSel.entire(2, "%s()\t..sel.proto = %u\n", number); };
+static LogLine source(const char* text, unsigned prefix)
+{
+    return kSel.detail("%s()\t..sel.saddr = %s/%u\n", text, prefix);
+}
 
-static const auto policy = [](const XfrmSelector& sel, int dir, int priority) {
+static LogLine destination(const char* text, unsigned prefix)
+{
+    return kSel.detail("%s()\t..sel.daddr = %s/%u\n", text, prefix);
+}
+
+static LogLine protocol(unsigned number)
+{
+    return kSel.detail("%s()\t..sel.proto = %u\n", number);
+}
+
+static std::string policy(const XfrmSelector& sel, int dir, int priority)
+{
     return std::string(XfrmUserpolicyInfo{.sel = sel, .lft = XFRM_INF, .priority = priority, .dir = dir});
-};
-static const auto deletes = [](const XfrmSelector& sel, int dir) {
+}
+
+static std::string deletes(const XfrmSelector& sel, int dir)
+{
     return message(XFRM_MSG_DELPOLICY, kAck, {XfrmUserpolicyId{.sel = sel, .dir = dir}});
-};
+}
 
 TEST(Policies, SteerASelectorIntoATemplate)
 {
     const LoggedBy all = xfrm("addXFRMPolicies"), one = xfrm("addXFRMPolicy"), tmpl = xfrm("setXFRMTmpl");
-    const LogLine out   = all(3, "inserting output XFRM policy\n"),
-                  noOut = all(4, "setting outgoing XFRM policy failed\n");
-    const LogLine in = all(3, "inserting input XFRM policy\n"), fwd = all(3, "inserting forward XFRM policy\n");
-    const Log exists  = refusedBy(-EPERM, one(4, "sending XFRM policy failed\n"));
-    const auto family = [&](const char* suffix) {
-        return tmpl.entire(2, "%s(): \t..tmpl.family = AF_INET%s\n", suffix);
-    };
-    const auto adds = [](int dir, const char* saddr, const char* daddr, unsigned spi, int ofSource) {
+    const LogLine out   = all.notice("inserting output XFRM policy\n"),
+                  noOut = all.failure("setting outgoing XFRM policy failed\n");
+    const LogLine in = all.notice("inserting input XFRM policy\n"), fwd = all.notice("inserting forward XFRM policy\n");
+    const Log exists  = denied(one.failure("sending XFRM policy failed\n"));
+    const auto family = [&](const char* suffix) { return tmpl.detail("%s(): \t..tmpl.family = AF_INET%s\n", suffix); };
+    const auto adds   = [](int dir, const char* saddr, const char* daddr, unsigned spi, int ofSource) {
         return message(XFRM_MSG_NEWPOLICY, kAck,
-                       {policy(selector("10.0.0.0", 8, "10.1.0.0", 16, 17), dir, 100),
+                         {policy(selector("10.0.0.0", 8, "10.1.0.0", 16, 17), dir, 100),
                         attr(XFRMA_TMPL, XfrmUserTmpl{.daddr  = daddr,
-                                                      .spi    = spi,
-                                                      .proto  = IPPROTO_ESP,
-                                                      .family = ofSource,
-                                                      .saddr  = saddr,
-                                                      .mode   = XFRM_MODE_TUNNEL,
-                                                      .algos  = 0xffffffff})});
+                                                        .spi    = spi,
+                                                        .proto  = IPPROTO_ESP,
+                                                        .family = ofSource,
+                                                        .saddr  = saddr,
+                                                        .mode   = XFRM_MODE_TUNNEL,
+                                                        .algos  = 0xffffffff})});
     };
     const auto add = [](bool outbound, Change change = same, const char* from = "10.0.0.0/8") {
         return Operation(addXFRMPolicies, v4(change), from, "10.1.0.0/16", 17, outbound);
     };
 
-    whole({.call  = add(true),
+    check({.call  = add(true),
            .sends = {adds(XFRM_POLICY_OUT, kHere, kPeer, kTxSpi, AF_INET)},
            .log   = {out, source("10.0.0.0/8", 8), destination("10.1.0.0/16", 16), protocol(17), identity(kTxSpi),
                      family(""), kAcked}});
-    whole({.what  = "addresses of no family",
-           .call  = add(true, [](Record& r) { r.local_addr.ip_type = 5, r.remote_addr.ip_type = 7; }),
+    check({.what  = "addresses of no family",
+           .call  = add(true,
+                        [](Record& r) {
+                           r.local_addr.ip_type  = 5;
+                           r.remote_addr.ip_type = 7;
+                       }),
            .sends = {adds(XFRM_POLICY_OUT, "", "", kTxSpi, 0)},
            .log   = {out, source("10.0.0.0/8", 8), destination("10.1.0.0/16", 16), protocol(17),
                      identity(kTxSpi, {noAddress(5), noAddress(7)}), family("6"), kAcked}});
@@ -58,46 +70,46 @@ TEST(Policies, SteerASelectorIntoATemplate)
            .call  = add(false, [](Record& r) { r.remote_addr = modemAddress(kPeer6); }),
            .sends = {adds(XFRM_POLICY_IN, kPeer6, kHere, kRxSpi, AF_INET6),
                      adds(XFRM_POLICY_FWD, kPeer6, kHere, kRxSpi, AF_INET6)},
-           .log   = {in, kAcked, fwd, kAcked}});
-    refused({.call = add(true), .log = {out, exists, noOut}});
-    refused({.call = add(false), .log = {in, exists, all(4, "inserting incoming XFRM policy failed")}});
+           .steps = {in, kAcked, fwd, kAcked}});
+    refused({.call = add(true), .steps = {out, exists, noOut}});
+    refused({.call = add(false), .steps = {in, exists, all.failure("inserting incoming XFRM policy failed")}});
     refused({.what    = "in stays",
              .answers = {{}, {refusal(-EPERM)}},
              .call    = add(false),
-             .log     = {in, kAcked, fwd, exists, all(4, "inserting forwarding XFRM policy failed\n")}});
+             .steps   = {in, kAcked, fwd, exists, all.failure("inserting forwarding XFRM policy failed\n")}});
 
     rejects({.what  = "the template is added first; without it nothing is sent",
-             .given = [](ScriptedKernel& k) { k.fail(Call::Allocate, 0); },
+             .given = failing(Call::Allocate, 0),
              .call  = add(true),
              .error = ENOMEM,
-             .log   = {out, core("addNLAttribute")(4, "adding attribute of type %d failed", XFRMA_TMPL),
-                       one(4, "sending XFRM policy failed\n"), noOut}});
-    const Log noTemplate{one(4, "setting policy templace failed\n"), noOut};
-    rejects({.call = add(true, same, "nonsense"),
-             .log  = {out, kText(4, "invalid IPv4 address %s\n", "nonsense"),
-                      kSel(4, "setting selector source address failed\n"), one(4, "setting policy selector failed\n"),
-                      noOut}});
-    rejects({.call = add(true, [](Record& r) { r.spi_tx_valid = r.encap_mode_valid = 0; }),
-             .log  = {out, kId(4, "%s SPI value is marked as invalid\n", "TX"), tmpl(4, "setting template ID failed\n"),
-                      noTemplate}});
-    rejects(
-        {.call = add(true, [](Record& r) { r.encap_mode = 0; }),
-         .log = {out, kMode(4, "invalid XFRM mode 0x%x\n", 0), tmpl(4, "setting templade mode failed\n"), noTemplate}});
+             .steps = {out, core("addNLAttribute").failure("adding attribute of type %d failed", XFRMA_TMPL),
+                       one.failure("sending XFRM policy failed\n"), noOut}});
+    const Log noTemplate{one.failure("setting policy templace failed\n"), noOut};
+    rejects({.call  = add(true, same, "nonsense"),
+             .steps = {out, kText.failure("invalid IPv4 address %s\n", "nonsense"),
+                       kSel.failure("setting selector source address failed\n"),
+                       one.failure("setting policy selector failed\n"), noOut}});
+    rejects({.call  = add(true, [](Record& r) { r.spi_tx_valid = r.encap_mode_valid = 0; }),
+             .steps = {out, kId.failure("%s SPI value is marked as invalid\n", "TX"),
+                       tmpl.failure("setting template ID failed\n"), noTemplate}});
+    rejects({.call  = add(true, [](Record& r) { r.encap_mode = 0; }),
+             .steps = {out, kMode.failure("invalid XFRM mode 0x%x\n", 0),
+                       tmpl.failure("setting templade mode failed\n"), noTemplate}});
 }
 
 TEST(Policies, AreRemovedBySelectorAndDirection)
 {
     const LoggedBy all = xfrm("removeXFRMPolicies"), one = xfrm("removeXFRMPolicy");
-    const LogLine out   = all(3, "removing output XFRM policy\n"),
-                  noOut = all(4, "removing outgoing XFRM policy failed\n");
-    const LogLine in = all(3, "removing input XFRM policy\n"), fwd = all(3, "removing forward XFRM policy\n");
-    const Log missing = refusedBy(-EPERM, one(4, "sending XFRM policy delete failed\n"));
+    const LogLine out   = all.notice("removing output XFRM policy\n"),
+                  noOut = all.failure("removing outgoing XFRM policy failed\n");
+    const LogLine in = all.notice("removing input XFRM policy\n"), fwd = all.notice("removing forward XFRM policy\n");
+    const Log missing = denied(one.failure("sending XFRM policy delete failed\n"));
     const auto remove = [](const std::string& from, const std::string& to, unsigned char proto, bool outbound) {
         return Operation(removeXFRMPolicies, from, to, proto, outbound);
     };
     const auto selects = [&](const std::string& from, const std::string& to, const XfrmSelector& sel, const Log& log,
                              int line = __builtin_LINE()) {
-        whole({.what  = from.c_str(),
+        check({.what  = from.c_str(),
                .call  = remove(from, to, 0, true),
                .sends = {deletes(sel, XFRM_POLICY_OUT)},
                .log   = {out, log, kAcked}},
@@ -121,19 +133,20 @@ TEST(Policies, AreRemovedBySelectorAndDirection)
            .call  = remove("10.0.0.0", "", 17, false),
            .sends = {deletes(selector(ten, 32, "", 0, 17), XFRM_POLICY_IN),
                      deletes(selector(ten, 32, "", 0, 17), XFRM_POLICY_FWD)},
-           .log   = {in, kAcked, fwd, kAcked}});
-    const Log noSelector{one(4, "setting policy selector failed\n"), noOut};
-    rejects({.call = remove("", "", 17, true),
-             .log  = {out, kSel(4, "selector must have either source or destination\n"), noSelector}});
-    rejects({.call = remove("10.0.0.1", "host:name/64", 0, true),
-             .log  = {out, kText(4, "invalid IPv6 address %s\n", "host:name"),
-                      kSel(4, "setting selector destination address failed\n"), noSelector}});
-    refused({.call = remove(ten, "", 0, true), .log = {out, missing, noOut}});
-    refused({.call = remove(ten, "", 0, false), .log = {in, missing, all(4, "removing incoming XFRM policy failed")}});
+           .steps = {in, kAcked, fwd, kAcked}});
+    const Log noSelector{one.failure("setting policy selector failed\n"), noOut};
+    rejects({.call  = remove("", "", 17, true),
+             .steps = {out, kSel.failure("selector must have either source or destination\n"), noSelector}});
+    rejects({.call  = remove("10.0.0.1", "host:name/64", 0, true),
+             .steps = {out, kText.failure("invalid IPv6 address %s\n", "host:name"),
+                       kSel.failure("setting selector destination address failed\n"), noSelector}});
+    refused({.call = remove(ten, "", 0, true), .steps = {out, missing, noOut}});
+    refused({.call  = remove(ten, "", 0, false),
+             .steps = {in, missing, all.failure("removing incoming XFRM policy failed")}});
     refused({.what    = "in is gone",
              .answers = {{}, {refusal(-EPERM)}},
              .call    = remove(ten, "", 0, false),
-             .log     = {in, kAcked, fwd, missing, all(4, "removing forwarding XFRM policy failed\n")}});
+             .steps   = {in, kAcked, fwd, missing, all.failure("removing forwarding XFRM policy failed\n")}});
 }
 
 TEST(Policies, LetLinkLocalICMPv6Bypass)
@@ -141,12 +154,12 @@ TEST(Policies, LetLinkLocalICMPv6Bypass)
     const XfrmSelector sel = selector("", 0, "fe80::", 64, IPPROTO_ICMPV6, AF_INET6);
     const Log selected{destination("fe80::/64", 64), protocol(58)};
 
-    whole({.call  = {addXFRMPolicyEx, 2},
+    check({.call  = {addXFRMPolicyEx, 2},
            .sends = {message(XFRM_MSG_NEWPOLICY, kAck, {policy(sel, 2, 10)})},
            .log   = {selected, kAcked}});
-    whole({.call = {removeXFRMPolicyEx, 2}, .sends = {deletes(sel, 2)}, .log = {selected, kAcked}});
+    check({.call = {removeXFRMPolicyEx, 2}, .sends = {deletes(sel, 2)}, .log = {selected, kAcked}});
     refused({.what  = "any direction is sent",
              .call  = {addXFRMPolicyEx, 3},
              .sends = {message(XFRM_MSG_NEWPOLICY, kAck, {policy(sel, 3, 10)})},
-             .log   = refusedBy(-EPERM, xfrm("addXFRMPolicyEx")(4, "sending XFRM policy failed\n"))});
+             .steps = denied(xfrm("addXFRMPolicyEx").failure("sending XFRM policy failed\n"))});
 }

@@ -34,15 +34,20 @@ struct Sa {
 };
 static const Sa kTx, kRx{.saddr = kPeer, .daddr = kHere, .spi = kRxSpi};
 
-static const auto cipher = [](const char* name, const std::string& key) {
+static std::string cipher(const char* name, const std::string& key)
+{
     return attr(XFRMA_ALG_CRYPT, XfrmAlgo{.alg_name = name, .alg_key = key});
-};
-static const auto hash = [](const char* name, int truncation, const std::string& key) {
+}
+
+static std::string hash(const char* name, int truncation, const std::string& key)
+{
     return attr(XFRMA_ALG_AUTH_TRUNC, XfrmAlgoAuth{.alg_name = name, .alg_trunc_len = truncation, .alg_key = key});
-};
-static const auto encap = [](int from, int to) {
+}
+
+static std::string encap(int from, int to)
+{
     return '|' + attr(XFRMA_ENCAP, XfrmEncapTmpl{.encap_type = 2, .encap_sport = from, .encap_dport = to});
-};
+}
 
 // The requests that install SAs with the plain record's keys, with what comes before TX's marks or after RX's keys.
 static std::string installsTx(const Sa& sa, const std::string& more = "")
@@ -62,66 +67,65 @@ static std::string installsRx(const Sa& sa, const std::string& more = "")
 
 static const LoggedBy kAdd = xfrm("addXFRMStates"), kState = xfrm("addXFRMState");
 static const LoggedBy kCrypt = xfrm("setXFRMCryptoAlg"), kAuth = xfrm("setXFRMAuthAlg");
-static const LogLine kInsertTx = kAdd(3, "inserting outgoing XFRM state\n");
-static const LogLine kInsertRx = kAdd(3, "inserting incoming XFRM state\n");
-static const LogLine kTxFailed = kAdd(4, "setting TX XFRM state failed\n");
-static const LogLine kRxFailed = kAdd(4, "setting RX XFRM state failed\n");
-static const LogLine kNotSent  = kState(4, "sending XFRM state failed\n");
+static const LogLine kInsertTx = kAdd.notice("inserting outgoing XFRM state\n");
+static const LogLine kInsertRx = kAdd.notice("inserting incoming XFRM state\n");
+static const LogLine kTxFailed = kAdd.failure("setting TX XFRM state failed\n");
+static const LogLine kRxFailed = kAdd.failure("setting RX XFRM state failed\n");
+static const LogLine kNotSent  = kState.failure("sending XFRM state failed\n");
 
-static const auto install = [](Change change) { return Operation(addXFRMStates, v4(change), 1, 3, 0xff); };
+static Operation install(Change change)
+{
+    return Operation(addXFRMStates, v4(change), 1, 3, 0xff);
+}
 
 // What is logged of one SA, from its keys on.
 static Log described(const LogLine& encapsulation, unsigned flags, const char* suffix)
 {
-    return {kCrypt(2, "\t..crypt.alg_name = %s\n", "cbc(aes)"),
-            kCrypt(2, "\t..crypt.alg_key_len = %u\n", 128),
-            kCrypt(2, "\t..crypt.alg_key = %s\n", ""),
-            kAuth(2, "\t..auth.algo = %s\n", "hmac(sha256)"),
-            kAuth(2, "\t..auth.trunc_len = %u\n", 128),
-            kAuth(2, "\t..auth.key_len = %u\n", 256),
-            kAuth(2, "\t..auth.key = %s\n", ""),
+    return {kCrypt.detail("\t..crypt.alg_name = %s\n", "cbc(aes)"),
+            kCrypt.detail("\t..crypt.alg_key_len = %u\n", 128),
+            kCrypt.detail("\t..crypt.alg_key = %s\n", ""),
+            kAuth.detail("\t..auth.algo = %s\n", "hmac(sha256)"),
+            kAuth.detail("\t..auth.trunc_len = %u\n", 128),
+            kAuth.detail("\t..auth.key_len = %u\n", 256),
+            kAuth.detail("\t..auth.key = %s\n", ""),
             encapsulation,
-            kState(2, "\t..sinfo.flags = 0x%x\n", flags),
-            kState(2, "\t..sinfo.family = AF_INET%s\n", suffix)};
+            kState.detail("\t..sinfo.flags = 0x%x\n", flags),
+            kState.detail("\t..sinfo.family = AF_INET%s\n", suffix)};
 }
 
 TEST(States, AreInstalledTxThenRx)
 {
-    const Log marks{kState(2, "\t..output_mark = 0x%x\n", 0x20003), kState(2, "\t..output_mask = 0x%x\n", 0x200ff),
-                    kAcked, kInsertRx};
-    const auto ports   = [](int from, int to) { return kEncap(2, "\t..encap = %u -> %u\n", from, to); };
-    const Change inUdp = [](Record& r) { // with flags of any value but 0
-        for (auto* flag : {&r.spi_rx_valid, &r.spi_tx_valid, &r.ipsec_protocol_valid, &r.encap_mode_valid,
-                           &r.remote_addr_valid, &r.local_addr_valid, &r.hash_algo_valid, &r.crypto_algo_valid,
-                           &r.crypto_key_rx_valid, &r.crypto_key_tx_valid, &r.udp_encap_valid, &r.udp_encap,
-                           &r.udp_encap_port_valid, &r.hash_key_rx_valid, &r.hash_key_tx_valid})
-            *flag = 0x80;
-        r.udp_encap_port = 0x3412; // 0x1234 in network order
-    };
+    const Log marks{kState.detail("\t..output_mark = 0x%x\n", 0x20003),
+                    kState.detail("\t..output_mask = 0x%x\n", 0x200ff), kAcked, kInsertRx};
+    const auto ports = [](int from, int to) { return kEncap.detail("\t..encap = %u -> %u\n", from, to); };
 
-    whole({.what  = "ESP over IPv4, in UDP",
+    check({.what  = "ESP over IPv4, in UDP",
            .call  = install(inUdp),
            .sends = {installsTx(kTx, encap(0x1234, 4500)), installsRx(kRx, encap(4500, 0x1234))},
            .log   = {kInsertTx, identity(kTxSpi), described(ports(0x1234, 4500), 0x24, ""), marks, identity(kRxSpi),
                      described(ports(4500, 0x1234), 0x20, ""), kAcked}});
     const Change ah = [](Record& r) {
         r.ipsec_protocol = r.encap_mode = 2;
-        r.remote_addr.addr_len = 20, r.local_addr.addr_len = 8; // above 16 counts as 16; 8 leaves the rest zero
+        r.remote_addr.addr_len          = 20;
+        r.local_addr.addr_len           = 8; // above 16 counts as 16; 8 leaves the rest zero
     };
     const Sa ahTx{
         .saddr = "fe80::", .daddr = kPeer6, .proto = IPPROTO_AH, .family = AF_INET6, .mode = XFRM_MODE_TRANSPORT};
     Sa ahRx = ahTx;
-    std::swap(ahRx.saddr, ahRx.daddr), ahRx.spi = kRxSpi;
-    whole({.what  = "AH over IPv6, transport mode, the technology with a mark for RX",
+    std::swap(ahRx.saddr, ahRx.daddr);
+    ahRx.spi = kRxSpi;
+    check({.what  = "AH over IPv6, transport mode, the technology with a mark for RX",
            .call  = {addXFRMStates, v6(ah), TRO_TECHNOLOGY_NAME_MARKED_RX_V01, 0x20003, 0x200ff},
            .sends = {installsTx(ahTx), installsRx(ahRx, '|' + attr(XFRMA_SET_MARK, 0x20002))},
            .log   = {kInsertTx, identity(kTxSpi, {}, "ah", "transport"), described(kNoEncap, 0x24, "6"), marks,
                      identity(kRxSpi, {}, "ah", "transport"), described(kNoEncap, 0x20, "6"),
-                     kState(2, "\t..output_mark = 0x%x\n", 0x20002), kAcked}});
-    whole({.what = "the source's family counts, an address of none is zero, a protocol's low byte; RX fails, TX stays",
+                     kState.detail("\t..output_mark = 0x%x\n", 0x20002), kAcked}});
+    check({.what = "the source's family counts, an address of none is zero, a protocol's low byte; RX fails, TX stays",
            .answers = {{}, {refusal(-EEXIST)}},
            .call    = install([](Record& r) {
-               r.local_addr.ip_type = 5, r.remote_addr = modemAddress(kPeer6), r.ipsec_protocol = 0x103;
+               r.local_addr.ip_type = 5;
+               r.remote_addr        = modemAddress(kPeer6);
+               r.ipsec_protocol     = 0x103;
            }),
            .result  = -1,
            .error   = EEXIST,
@@ -130,7 +134,7 @@ TEST(States, AreInstalledTxThenRx)
            .log     = {kInsertTx, identity(kTxSpi, noAddress(5)), described(kNoEncap, 0x24, "6"), marks,
                        identity(kRxSpi, noAddress(5)), described(kNoEncap, 0x20, "6"), refusedBy(-EEXIST, kNotSent),
                        kRxFailed}});
-    refused({.call = install(same), .log = {kInsertTx, kNoEncap, refusedBy(-EPERM, kNotSent), kTxFailed}});
+    refused({.call = install(same), .steps = {kInsertTx, kNoEncap, denied(kNotSent), kTxFailed}});
     for (const Change change :
          {Change([](Record& r) { r.udp_encap = 0; }), Change([](Record& r) { r.udp_encap_valid = 0; }),
           Change([](Record& r) { r.udp_encap_port_valid = 0; })}) {
@@ -139,14 +143,14 @@ TEST(States, AreInstalledTxThenRx)
         check({.what  = "UDP needs all three",
                .call  = {addXFRMStates, record, 0, 0, 0},
                .sends = kAnything,
-               .log   = {kInsertTx, kNoEncap, kAcked, kInsertRx, kNoEncap, kAcked}});
+               .steps = {kInsertTx, kNoEncap, kAcked, kInsertRx, kNoEncap, kAcked}});
     }
 }
 
 TEST(States, NameTheirAlgorithms)
 {
     const auto sends = [](const Record& record, const std::string& tx, const std::string& rx) {
-        ScriptedKernel kernel;
+        Kernel kernel;
         Operation{addXFRMStates, record, 0, 0, 0}();
         EXPECT_NE((digits(kernel.requests().at(0)) + '|').find('|' + tx + '|'), std::string::npos) << tx;
         EXPECT_NE((digits(kernel.requests().at(1)) + '|').find('|' + rx + '|'), std::string::npos) << rx;
@@ -158,9 +162,12 @@ TEST(States, NameTheirAlgorithms)
                                            {12u, 2u, "rfc3686(ctr(aes))"},
                                            {19u, 0u, "cbc(aes)"},
                                            {19u, 2u, "rfc3686(ctr(aes))"}}) {
-        Record record      = v4();
-        record.crypto_algo = code, record.crypto_key_tx_len = 15, record.crypto_key_rx_len = 0;
-        record.aes_mode_valid = mode != 0, record.aes_mode = mode != 0 ? mode : 2;
+        Record record            = v4();
+        record.crypto_algo       = code;
+        record.crypto_key_tx_len = 15;
+        record.crypto_key_rx_len = 0;
+        record.aes_mode_valid    = mode != 0;
+        record.aes_mode          = mode != 0 ? mode : 2;
         sends(record, cipher(name, "15*c1"), cipher(name, ""));
     }
     for (const auto& [code, name, truncation] : {std::tuple(5u, "hmac(sha1)", 96),
@@ -168,8 +175,10 @@ TEST(States, NameTheirAlgorithms)
                                                  {12u, "xcbc(aes)", 96},
                                                  {20u, "hmac(sha384)", 192},
                                                  {21u, "hmac(sha512)", 256}}) {
-        Record record    = v4();
-        record.hash_algo = code, record.hash_key_tx_len = 20, record.hash_key_rx_len = 440;
+        Record record          = v4();
+        record.hash_algo       = code;
+        record.hash_key_tx_len = 20;
+        record.hash_key_rx_len = 440;
         sends(record, hash(name, truncation, "20*a1"), hash(name, truncation, "32*a2 408*00"));
     }
     sends(v4(), attr(XFRMA_SET_MARK, 0x20000) + '|' + attr(XFRMA_SET_MARK_MASK, 0x20000),
@@ -178,46 +187,51 @@ TEST(States, NameTheirAlgorithms)
 
 TEST(States, RefuseARecord)
 {
-    const LogLine invalid = kId(4, "IPSEC addresses or protocol is marked as invalid\n");
-    const LogLine id      = kState(4, "setting XFRM state ID failed\n"),
-                  mode    = kState(4, "setting XFRM state mode failed\n");
-    const LogLine crypto  = kState(4, "setting XFRM state crypto failed\n"),
-                  hashing = kState(4, "setting XFRM state auth failed\n");
+    const LogLine invalid = kId.failure("IPSEC addresses or protocol is marked as invalid\n");
+    const LogLine id      = kState.failure("setting XFRM state ID failed\n"),
+                  mode    = kState.failure("setting XFRM state mode failed\n");
+    const LogLine crypto  = kState.failure("setting XFRM state crypto failed\n"),
+                  hashing = kState.failure("setting XFRM state auth failed\n");
     const auto refuses    = [](Change change, const LogLine& why, const LogLine& step, int line = __builtin_LINE()) {
-        rejects({.what = why.text.c_str(), .call = install(change), .log = {kInsertTx, why, step, kTxFailed}}, __FILE__,
-                   line);
+        rejects({.what = why.text.c_str(), .call = install(change), .steps = {kInsertTx, why, step, kTxFailed}},
+                   __FILE__, line);
     };
     const auto rxRefuses = [](Change change, const LogLine& why, const LogLine& step, int line = __builtin_LINE()) {
         refused({.answers = {{}},
                  .call    = install(change),
                  .error   = EINVAL,
-                 .log     = {kInsertTx, kNoEncap, kAcked, kInsertRx, why, step, kRxFailed}},
+                 .steps   = {kInsertTx, kNoEncap, kAcked, kInsertRx, why, step, kRxFailed}},
                 __FILE__, line);
     };
     refuses([](Record& r) { r.remote_addr_valid = 0; }, invalid, id);
     refuses([](Record& r) { r.local_addr_valid = r.spi_tx_valid = 0; }, invalid, id);
     refuses([](Record& r) { r.ipsec_protocol_valid = 0; }, invalid, id);
     refuses([](Record& r) { r.ipsec_protocol = r.spi_tx_valid = 0; },
-            kId(4, "%s SPI value is marked as invalid\n", "TX"), id);
-    refuses([](Record& r) { r.ipsec_protocol = 0x204; }, kId(4, "invalid IPSEC protocol %d\n", 0x204), id);
+            kId.failure("%s SPI value is marked as invalid\n", "TX"), id);
+    refuses([](Record& r) { r.ipsec_protocol = 0x204; }, kId.failure("invalid IPSEC protocol %d\n", 0x204), id);
     refuses([](Record& r) { r.encap_mode = r.encap_mode_valid = 0; },
-            kMode(4, "encapsulation mode marked as invalid\n"), mode);
-    refuses([](Record& r) { r.encap_mode = 0x101; }, kMode(4, "invalid XFRM mode 0x%x\n", 0x101), mode);
+            kMode.failure("encapsulation mode marked as invalid\n"), mode);
+    refuses([](Record& r) { r.encap_mode = 0x101; }, kMode.failure("invalid XFRM mode 0x%x\n", 0x101), mode);
     refuses([](Record& r) { r.crypto_algo_valid = r.crypto_key_tx_valid = 0; },
-            kCrypt(4, "crypto algorithm marked as invalid\n"), crypto);
+            kCrypt.failure("crypto algorithm marked as invalid\n"), crypto);
     refuses([](Record& r) { r.crypto_algo = r.crypto_key_tx_valid = 0; },
-            kCrypt(4, "%s crypto key marked as invalid\n", "TX"), crypto);
-    refuses([](Record& r) { r.crypto_algo = 11; }, kCrypt(4, "invalid crypto algo %d\n", 11), crypto);
-    refuses([](Record& r) { r.aes_mode_valid = 0x80, r.aes_mode = 3; }, kCrypt(4, "invalid AES mode %d\n", 3), crypto);
-    refuses([](Record& r) { r.hash_algo_valid = r.hash_key_tx_valid = 0; }, kAuth(4, "hash algo marked as invalid\n"),
+            kCrypt.failure("%s crypto key marked as invalid\n", "TX"), crypto);
+    refuses([](Record& r) { r.crypto_algo = 11; }, kCrypt.failure("invalid crypto algo %d\n", 11), crypto);
+    refuses(
+        [](Record& r) {
+            r.aes_mode_valid = 0x80;
+            r.aes_mode       = 3;
+        },
+        kCrypt.failure("invalid AES mode %d\n", 3), crypto);
+    refuses([](Record& r) { r.hash_algo_valid = r.hash_key_tx_valid = 0; },
+            kAuth.failure("hash algo marked as invalid\n"), hashing);
+    refuses([](Record& r) { r.hash_algo = r.hash_key_tx_valid = 0; }, kAuth.failure("TX hash key marked as invalid\n"),
             hashing);
-    refuses([](Record& r) { r.hash_algo = r.hash_key_tx_valid = 0; }, kAuth(4, "TX hash key marked as invalid\n"),
-            hashing);
-    refuses([](Record& r) { r.hash_algo = 8; }, kAuth(4, "invalid autho algo %d\n", 8), hashing);
-    rxRefuses([](Record& r) { r.spi_rx_valid = 0; }, kId(4, "%s SPI value is marked as invalid\n", "RX"), id);
-    rxRefuses([](Record& r) { r.crypto_key_rx_valid = 0; }, kCrypt(4, "%s crypto key marked as invalid\n", "RX"),
+    refuses([](Record& r) { r.hash_algo = 8; }, kAuth.failure("invalid autho algo %d\n", 8), hashing);
+    rxRefuses([](Record& r) { r.spi_rx_valid = 0; }, kId.failure("%s SPI value is marked as invalid\n", "RX"), id);
+    rxRefuses([](Record& r) { r.crypto_key_rx_valid = 0; }, kCrypt.failure("%s crypto key marked as invalid\n", "RX"),
               crypto);
-    rxRefuses([](Record& r) { r.hash_key_rx_valid = 0; }, kAuth(4, "RX hash key marked as invalid\n"), hashing);
+    rxRefuses([](Record& r) { r.hash_key_rx_valid = 0; }, kAuth.failure("RX hash key marked as invalid\n"), hashing);
 }
 
 // A refusal that ends as its request does, in keys, which may read as a text.
@@ -236,7 +250,7 @@ static const Change kUnknownHash = [](Record& r) { r.hash_algo = 8; };
 TEST(States, KeepTheirKeysToThemselves)
 {
     for (const auto& [change, blocks] : {std::pair(Change(same), 6u), {kUnknownHash, 2u}}) {
-        ScriptedKernel kernel;
+        Kernel kernel;
         kernel.answer({kEcho});
         EXPECT_STREQ(kernel.run(install(change)).text, "-1");
         EXPECT_GE(kernel.freedBlocks().size(), blocks);
@@ -252,8 +266,10 @@ TEST(States, LeaveNoKeyOnTheStack)
     // With keys as long as may be, which the frames of later calls do not cover.
     const auto keyed = [](Change change = same) {
         Record record            = v4(change);
-        record.crypto_key_tx_len = 128, record.hash_key_tx_len = 440;
-        std::fill_n(record.crypto_key_tx, 128, 0xc1), std::fill_n(record.hash_key_tx, 440, 0xa1);
+        record.crypto_key_tx_len = 128;
+        record.hash_key_tx_len   = 440;
+        std::fill_n(record.crypto_key_tx, 128, 0xc1);
+        std::fill_n(record.hash_key_tx, 440, 0xa1);
         return record;
     };
     const char* ten                      = "10.0.0.0/8";
@@ -290,38 +306,41 @@ TEST(States, LeaveNoKeyOnTheStack)
 TEST(StatesDeathTest, EndTheProcessForAKeyBeyondItsField)
 {
     const auto killed = testing::KilledBySignal(SIGABRT);
-    ScriptedKernel kernel; // takes TX
+    Kernel kernel; // takes TX
     EXPECT_EXIT(install([](Record& r) { r.crypto_key_tx_len = 129; })(), killed, "setXFRMCryptoAlg.*overflow");
     EXPECT_EXIT(install([](Record& r) { r.crypto_key_rx_len = 129; })(), killed, "setXFRMCryptoAlg.*overflow");
     EXPECT_EXIT(install([](Record& r) { r.hash_key_tx_len = 441; })(), killed, "setXFRMAuthAlg.*overflow");
 }
 
 static const std::string kGetSas = message(XFRM_MSG_GETSA, kDump);
-static const auto dumped         = [](const Sa& sa, const std::string& attributes = "") {
+static std::string dumped(const Sa& sa, const std::string& attributes = "")
+{
     return message(XFRM_MSG_NEWSA, kMulti, {sa.with(0), attributes});
-};
+}
 
 TEST(States, AreFoundByProtocolSPIAndBothAddresses)
 {
     const LoggedBy by      = xfrm("removeXFRMStateCb");
-    const LogLine protocol = by(1, "ignoring non-matching protocol"), none = by(1, "ignoring non-XFRM state message\n");
-    const LogLine tx = by(1, "ignoring non-matching TX address\n"), rx = by(1, "ignoring non-matching RX address\n");
-    const auto passes = [](const char* what, const Record& record, const std::string& sas, const Log& log,
+    const LogLine protocol = by.verbose("ignoring non-matching protocol"),
+                  none     = by.verbose("ignoring non-XFRM state message\n");
+    const LogLine tx       = by.verbose("ignoring non-matching TX address\n"),
+                  rx       = by.verbose("ignoring non-matching RX address\n");
+    const auto passes      = [](const char* what, const Record& record, const std::string& sas, const Log& log,
                            int line = __builtin_LINE()) {
-        whole({.what    = what,
-               .answers = {{sas, kEnd}},
-               .call    = {removeXFRMStates, record},
-               .sends   = {kGetSas},
-               .log     = log},
-              __FILE__, line);
+        check({.what    = what,
+                    .answers = {{sas, kEnd}},
+                    .call    = {removeXFRMStates, record},
+                    .sends   = {kGetSas},
+                    .log     = log},
+                   __FILE__, line);
     };
     passes("others", v4(),
            message(XFRM_MSG_NEWPOLICY, kMulti) + message(XFRM_MSG_UPDSA, kMulti, {kTx.with(0)}) +
                message(XFRM_MSG_NEWSA, kMulti, {"220*00"}) + dumped({.proto = IPPROTO_AH}) +
                dumped({.proto = IPPROTO_COMP}) + dumped({.spi = 1}) + dumped({.saddr = kPeer}) +
                dumped({.daddr = kHere}) + dumped({.spi = kRxSpi}) + dumped({.saddr = kPeer, .spi = kRxSpi}),
-           {none, none, by(4, "invalid XFRM state message received\n"), protocol, by(1, "ignoring non-ESP/AH protocol"),
-            by(1, "ignoring non-matching SPI\n"), tx, tx, rx, rx});
+           {none, none, by.failure("invalid XFRM state message received\n"), protocol,
+            by.verbose("ignoring non-ESP/AH protocol"), by.verbose("ignoring non-matching SPI\n"), tx, tx, rx, rx});
     passes("ESP for AH, whatever the SPI", v4([](Record& r) { r.ipsec_protocol = 2; }), dumped({.spi = 1}), protocol);
     passes("the whole protocol counts", v4([](Record& r) { r.ipsec_protocol = 0x103; }), dumped(kTx), protocol);
     passes("equal SPIs: TX wins", v4([](Record& r) { r.spi_rx = r.spi_tx; }), dumped({.saddr = kPeer, .daddr = kHere}),
@@ -343,44 +362,48 @@ TEST(States, AreRemovedWhileTheDumpIsRead)
     const Sa tx{.saddr = kHere6, .daddr = kPeer6, .proto = IPPROTO_AH, .family = AF_INET6};
     const Sa rx{.saddr = kPeer6, .daddr = kHere6, .spi = kRxSpi, .proto = IPPROTO_AH, .family = AF_INET6};
     const auto removing = [&](const char* line, unsigned spi) {
-        return Log{by(3, line), by(2, "\t..src %s\n", ""), by(2, "\t..dst %s\n", ""), by(2, "\t..proto %u\n", 51),
-                   by(2, "\t..spi 0x%x\n", spi)};
+        return Log{by.notice(line), by.detail("\t..src %s\n", ""), by.detail("\t..dst %s\n", ""),
+                   by.detail("\t..proto %u\n", 51), by.detail("\t..spi 0x%x\n", spi)};
     };
     const auto deletes = [](unsigned spi, const char* destination, const std::string& source) {
         return message(XFRM_MSG_DELSA, kAck,
                        {XfrmUsersaId{.daddr = destination, .spi = spi, .family = AF_INET6, .proto = IPPROTO_AH},
                         attr(XFRMA_SRCADDR, source)});
     };
-    whole({.what    = "both, whatever the flags say, with and without attributes; the second deletion fails",
+    check({.what    = "both, whatever the flags say, with and without attributes; the second deletion fails",
            .answers = {{dumped(tx) + dumped(rx, attr(1, "00")), kEnd}, {}, {refusal(-ESRCH)}},
            .call    = {removeXFRMStates, v6([](Record& r) {
-                        r.ipsec_protocol = 2, r.local_addr.addr_len = 8; // all 16 bytes are compared
+                        r.ipsec_protocol      = 2;
+                        r.local_addr.addr_len = 8; // all 16 bytes are compared
                         r.spi_tx_valid = r.spi_rx_valid = r.local_addr_valid = r.remote_addr_valid =
                             r.ipsec_protocol_valid                           = 0;
                     })},
            .sends   = {kGetSas, deletes(kTxSpi, kPeer6, "fe80 13*00 01"), deletes(kRxSpi, kHere6, "fe80 13*00 02")},
            .log = {removing("removing TX XFRM state\n", kTxSpi), kAcked, removing("removing RX XFRM state\n", kRxSpi),
-                   refusedBy(-ESRCH, by(4, "deleting XFRM state failed\n"))}});
-    refused({.call = {removeXFRMStates, v4()},
-             .log  = {kDumpRefused, xfrm("removeXFRMStates")(4, "removing XFRM states failed")}});
+                   refusedBy(-ESRCH, by.failure("deleting XFRM state failed\n"))}});
+    refused({.call  = {removeXFRMStates, v4()},
+             .steps = {kDumpRefused, xfrm("removeXFRMStates").failure("removing XFRM states failed")}});
 }
 
 TEST(States, AreUpdatedInPlace)
 {
     const LoggedBy by = xfrm("updateXFRMStates"), cb = xfrm("queryXFRMStateCb");
-    const Log txUpdate{by(3, "updating outgoing XFRM state\n"), kNoEncap},
-        rxUpdate{kAcked, by(3, "updating incoming XFRM state\n"), kNoEncap};
-    const Log txCounters = by(3, "updating Sequence number TX\n"), rxCounters = by(3, "updating Sequence number RX\n");
+    const Log txUpdate{by.notice("updating outgoing XFRM state\n"), kNoEncap},
+        rxUpdate{kAcked, by.notice("updating incoming XFRM state\n"), kNoEncap};
+    const Log txCounters = by.notice("updating Sequence number TX\n"),
+              rxCounters = by.notice("updating Sequence number RX\n");
     const Log all{txUpdate, rxUpdate, kAcked, txCounters, kAcked, rxCounters, kAcked};
-    const LogLine tx = cb(3, "Setting TX seq"), rx = cb(3, "Setting RX seq");
-    const auto counted  = [&](unsigned seq, unsigned oseq) { return cb(3, "Replay Seq: seq: %u oseq: %u", seq, oseq); };
+    const LogLine tx = cb.notice("Setting TX seq"), rx = cb.notice("Setting RX seq");
+    const auto counted = [&](unsigned seq, unsigned oseq) {
+        return cb.notice("Replay Seq: seq: %u oseq: %u", seq, oseq);
+    };
     const auto extended = [&](unsigned seq, unsigned oseq) {
-        return cb(3, "Replay Seq ESN: seq: %u oseq: %u", seq, oseq);
+        return cb.notice("Replay Seq ESN: seq: %u oseq: %u", seq, oseq);
     };
 
     // The requests for SAs differ from those that install in their type; then come the counters.
     const auto sas = [] {
-        ScriptedKernel kernel;
+        Kernel kernel;
         Operation{addXFRMStates, v4(), TRO_TECHNOLOGY_NAME_MARKED_RX_V01, 3, 0xff}();
         return kernel.requests();
     }();
@@ -401,7 +424,7 @@ TEST(States, AreUpdatedInPlace)
         longer{.bmp_len = 1, .oseq = 2, .seq = 3};
     const Check updates(
         {.call = {updateXFRMStates, v4(), TRO_TECHNOLOGY_NAME_MARKED_RX_V01, 3, 0xff}, .sends = kAnything},
-        NETLINK_XFRM, log_level_notice);
+        NETLINK_XFRM);
 
     updates({.what    = "TX sends what was dumped last, which was RX's; RX sends zeros; others' SAs do not count",
              .answers = {{dumped(kTx, value({.oseq = 1, .seq = 2, .bitmap = 3})) +
@@ -409,41 +432,41 @@ TEST(States, AreUpdatedInPlace)
                               dumped({.saddr = kPeer}, value({.oseq = 7})),
                           kEnd}},
              .sends   = sends(counters(txId, value({.oseq = 4, .seq = 5, .bitmap = 6})), rxZeros),
-             .log     = {tx, counted(2, 1), rx, counted(5, 4), all}});
+             .steps   = {tx, counted(2, 1), rx, counted(5, 4), all}});
     updates(
         {.what = "after an extended record of TX, what is dumped last is sent as such, of RX and longer though it be",
          .answers = {{dumped(kTx, esn(five)) + dumped(kRx, esn(std::string(longer) + "ffffffff")), kEnd}},
          .sends   = sends(counters(txId, esn(longer)), rxZeros),
-         .log     = {tx, extended(6, 5), rx, extended(3, 2), all}});
+         .steps   = {tx, extended(6, 5), rx, extended(3, 2), all}});
     updates({.what    = "a plain one takes the place of its first 12 bytes",
              .answers = {{dumped(kTx, esn(five)) + dumped(kRx, value({.oseq = 2, .seq = 3, .bitmap = 4})), kEnd}},
              .sends   = sends(counters(txId, esn(XfrmReplayStateEsn{2, 3, 4, 7, 8, 9})), rxZeros),
-             .log     = {tx, extended(6, 5), rx, counted(3, 2), all}});
+             .steps   = {tx, extended(6, 5), rx, counted(3, 2), all}});
     updates({.what    = "one of RX is sent for TX, as 12 bytes",
              .answers = {{dumped(kRx, esn(five)), kEnd}},
              .sends   = sends(counters(noId, value({.seq = 5, .bitmap = 6})), rxZeros),
-             .log     = {rx, extended(6, 5), all}});
+             .steps   = {rx, extended(6, 5), all}});
     updates({.what    = "records that are too short; a dump that fails stops nothing, and what it had read counts",
              .answers = {{dumped(kTx, attr(XFRMA_REPLAY_VAL, "8*01") + esn("20*01")), failedReceive(EIO)}},
              .sends   = sends(counters(txId, value({})), counters(noId, value({}))),
-             .log     = {tx, core("messageDump")(4, "receiving NL dump failed. errno=[%d %s]", EIO, strerror(EIO)),
-                         by(4, "failed to query XFRM"), all}});
+             .steps   = {tx, core("messageDump").failure("receiving NL dump failed. errno=[%d %s]", EIO, strerror(EIO)),
+                         by.failure("failed to query XFRM"), all}});
 
-    const Log noCounters = refusedBy(-EPERM, xfrm("updateXFRMSeq")(4, "sending XFRM state failed\n"));
+    const Log noCounters = denied(xfrm("updateXFRMSeq").failure("sending XFRM state failed\n"));
     const std::vector<Reply> no{refusal(-EPERM)};
     updates({.what    = "TX fails: nothing else is tried",
              .answers = {{}, no},
              .result  = -1,
              .error   = EPERM,
-             .log     = {txUpdate, refusedBy(-EPERM, kNotSent), by(4, "updating TX XFRM state failed\n")}});
+             .steps   = {txUpdate, denied(kNotSent), by.failure("updating TX XFRM state failed\n")}});
     updates({.what    = "RX and TX's counters fail: RX's counters decide",
              .answers = {{}, {}, no, no},
-             .log     = {txUpdate, rxUpdate, refusedBy(-EPERM, kNotSent), by(4, "updating RX XFRM state failed\n"),
-                         txCounters, noCounters, by(4, "updating sequence TX failed\n"), rxCounters, kAcked}});
+             .steps = {txUpdate, rxUpdate, denied(kNotSent), by.failure("updating RX XFRM state failed\n"), txCounters,
+                       noCounters, by.failure("updating sequence TX failed\n"), rxCounters, kAcked}});
     updates({.what    = "RX's counters fail",
              .answers = {{}, {}, {}, {}, no},
              .result  = -1,
              .error   = EPERM,
-             .log     = {txUpdate, rxUpdate, kAcked, txCounters, kAcked, rxCounters, noCounters,
-                         by(4, "updating sequence RX failed\n")}});
+             .steps   = {txUpdate, rxUpdate, kAcked, txCounters, kAcked, rxCounters, noCounters,
+                         by.failure("updating sequence RX failed\n")}});
 }

@@ -2,16 +2,15 @@
 #ifndef WIRE_TEST_H
 #define WIRE_TEST_H
 
-#include <Expectations.h>
-#include <vesk/netlink.h>
+#include "Described.h"
+
+#include <Operation.h>
 
 #include <cerrno>
 #include <csignal>
-#include <cstdio>
 #include <functional>
 #include <optional>
 #include <string>
-#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -28,122 +27,121 @@ constexpr int kMulti = NLM_F_MULTI;
 
 inline const std::string kEnd = endOfDump();
 inline const LogLine kAcked   = acknowledged();
-inline const LogLine kNoText  = core("extack")(3, "No EXTACK content");
-inline const Log kDumpRefused = core("messageDump")(4, "kernel reports errno [%d, %s]", EPERM, strerror(EPERM));
+inline const LogLine kNoText  = core("extack").notice("No EXTACK content");
+inline const Log kDumpRefused = core("messageDump").failure("kernel reports errno [%d, %s]", EPERM, strerror(EPERM));
 
-inline const auto miscounted = [](int sent, unsigned length) {
-    return core("messageSend")(4, "sending full NL message failed: %d of %u", sent, length);
-};
+inline Log denied(const LogLine& operation)
+{
+    return refusedBy(-EPERM, operation);
+}
+
+inline LogLine miscounted(int sent, unsigned length)
+{
+    return core("messageSend").failure("sending full NL message failed: %d of %u", sent, length);
+}
 
 // A line of level 4 that ends in an errno and its text.
-inline const auto failure = [](const LoggedBy& by, const char* format, int error) {
-    return by(4, format, error, strerror(error));
-};
+inline LogLine withErrno(const LoggedBy& by, const char* format, int error)
+{
+    return by.failure(format, error, strerror(error));
+}
 
-// What a call returned: a number, or what it found. It allocates nothing, so that it leaves no block behind.
-struct Result {
-    Result(int status) { std::snprintf(text, sizeof text, "%d", status); }
-    Result(const std::string& found) { std::snprintf(text, sizeof text, "%s", found.c_str()); }
-    Result(const char* found) : Result(std::string(found)) {}
-    Result(const RouterAddressResult& r) : Result(r.gateway + (r.gateway.empty() ? "" : " ") + std::to_string(r.status))
-    {}
-    Result(const std::optional<std::pair<unsigned, unsigned>>& rule) : Result(-1)
+// A kernel with the devices "lo" and "wlan0", 1 and 3, to which nothing is sent that the description does not know.
+struct Kernel : ScriptedKernel {
+    Kernel()
     {
-        if (rule)
-            std::snprintf(text, sizeof text, "0x%x/0x%x", rule->first, rule->second);
+        addInterface("lo", 1);
+        addInterface("wlan0", 3);
     }
-    char text[64];
+    ~Kernel() { EXPECT_EQ(undescribed(requests()), ""); }
 };
 
-// An argument as it is held between calls.
-template <typename Parameter>
-struct Held {
-    explicit Held(const auto& argument) : value(static_cast<decltype(value)>(argument)) {}
-    auto& pass() { return value; }
-    std::remove_cvref_t<Parameter> value;
-};
-template <>
-struct Held<sockaddr_storage*> {
-    explicit Held(const char* text) : value(socketAddress(text)) {}
-    auto* pass() { return &value; }
-    sockaddr_storage value;
-};
-
-// A lambda, or an exported operation with its arguments, as in {addrlabelAdd, "fe80::1", 64, 7, 3}.
-struct Operation : std::function<Result()> {
-    using function::function;
-    template <typename Returned, typename... Parameters>
-    Operation(Returned (*operation)(Parameters...) noexcept, const auto&... arguments)
-        : function([operation, all = std::tuple(Held<Parameters>(arguments)...)]() mutable {
-              return std::apply([&](auto&... each) { return Result(operation(each.pass()...)); }, all);
-          })
-    {}
-};
+inline auto failing(Call call, int error, int nth = 1)
+{
+    return [=](ScriptedKernel& kernel) { kernel.fail(call, error, nth); };
+}
 
 using Answers = std::vector<std::vector<Reply>>; // to each request; an empty one is the usual
 
+// What a row says of its requests or its log. One that says nothing means the usual, kNothing that there are none.
+inline constexpr struct Nothing {
+} kNothing;
+template <typename Told>
+struct Said : Told {
+    using Told::Told;
+    Said() : said(false) {}
+    Said(const Told& told) : Told(told) {}
+    Said(Nothing) {}
+    bool said = true;
+};
+
 struct Case {
     const char* what                           = nullptr; // the first line of the log, where that says it all
-    std::function<void(ScriptedKernel&)> given = {}; // said to the kernel first; it knows "lo" as 1 and "wlan0" as 3
+    std::function<void(ScriptedKernel&)> given = {};      // said to the kernel first
     Answers answers                            = {};
     Operation call                             = {};
     std::optional<Result> result               = {}; // 0
     std::optional<int> error                   = {}; // errno after it; a failure names it, of a success only dumps do
-    Sends sends                                = {};
-    Log log                                    = {};
+    Said<Sends> sends                          = {};
+    Said<Log> log                              = {}; // all lines, or
+    Said<Log> steps                            = {}; // those of level 3 and 4
 };
 
-// Runs cases. What a case leaves out is as in the one that is given here.
+// Runs cases. What a case leaves out is as in the one that is given here; what that leaves out is nothing, 0, or what
+// kernels say when all is well.
 class Check {
 public:
-    explicit Check(Case common = {}, int protocolOfAll = NETLINK_ROUTE, log_level lowest = log_level_verbose)
-        : usual(std::move(common)), protocol(protocolOfAll), from(lowest)
+    explicit Check(Case common = {}, int protocolOfAll = NETLINK_ROUTE)
+        : usual(std::move(common)), protocol(protocolOfAll)
     {}
 
     void operator()(const Case& row, const char* file = __builtin_FILE(), int line = __builtin_LINE()) const
     {
-        const std::string what     = row.what != nullptr ? row.what : row.log.empty() ? "" : row.log.front().text;
+        const Said<Log>& said      = row.steps.said ? row.steps : row.log.said ? row.log : usual.log;
+        const std::string what     = row.what != nullptr ? row.what : said.empty() ? "" : said.front().text;
         const std::string expected = row.result.value_or(usual.result.value_or(0)).text;
         const bool fails           = expected.find("-1") != std::string::npos;
         const std::optional named  = row.error || !fails ? row.error : usual.error;
-        ScriptedKernel kernel;
-        kernel.addInterface("lo", 1);
-        kernel.addInterface("wlan0", 3);
+        const testing::ScopedTrace trace(file, line, what);
+        Kernel kernel;
         kernel.answerEach(row.answers.empty() ? usual.answers : row.answers);
         if (row.given || usual.given)
             (row.given ? row.given : usual.given)(kernel);
 
-        std::string differences;
-        {
-            const testing::ScopedTrace trace(file, line, what);
-            const Result result = kernel.run(row.call ? row.call : usual.call);
-            const int error     = errno;
-            if (result.text != expected)
-                differences = std::string("result ") + result.text + ", not " + expected + '\n';
-            if (!named && fails)
-                differences += "the row does not say which errno it fails with\n";
-            if (named && error != *named)
-                differences += "errno " + std::to_string(error) + ", not " + std::to_string(*named) + '\n';
-        }
-        const bool sends = row.sends.any || !row.sends.digits.empty();
-        differences +=
-            unmet(kernel, sends ? row.sends : usual.sends, row.log.empty() ? usual.log : row.log, protocol, from);
-        if (!differences.empty()) // in full for the first case of a test that fails, since others tend to fail likewise
-            ADD_FAILURE_AT(file, line) << what << '\n' << (testing::Test::HasFailure() ? "" : differences);
+        const Result result = kernel.run(row.call ? row.call : usual.call);
+        const int error     = errno;
+        const Sends& sends  = row.sends.said ? row.sends : usual.sends;
+        std::string differences =
+            differingFields(kernel.requests(), sends) +
+            unmet(kernel, sends, said, protocol, row.steps.said ? log_level_notice : log_level_verbose);
+        if (result.text != expected)
+            differences += std::string("result ") + result.text + ", not " + expected + '\n';
+        if (!named && fails)
+            differences += "the row does not say which errno it fails with\n";
+        if (named && error != *named)
+            differences += "errno " + std::to_string(error) + ", not " + std::to_string(*named) + '\n';
+        if (testing::Test::HasFailure()) // after the first row of a test that fails others tend to fail likewise
+            differences.resize(differences.find('\n') + 1);
+        if (!differences.empty())
+            ADD_FAILURE_AT(file, line) << differences;
     }
 
 private:
     Case usual;
     int protocol;
-    log_level from;
 };
 
-namespace routing {
-inline const Check check;
-inline const Check acked({.log = kAcked});
-inline const Check rejects({.result = -1}); // sends nothing
-inline const Check refused({.answers = {{refusal(-EPERM)}}, .result = -1, .error = EPERM, .sends = kAnything});
-} // namespace routing
+// The usual ways to check the operations of a protocol.
+struct Checks {
+    explicit Checks(int protocol)
+        : check({}, protocol), acked({.log = kAcked}, protocol), rejects({.result = -1, .error = EINVAL}, protocol),
+          refused({.answers = {{refusal(-EPERM)}}, .result = -1, .error = EPERM, .sends = kAnything}, protocol)
+    {}
+    Check check;
+    Check acked;   // sends, and the kernel acknowledges it
+    Check rejects; // fails, and sends nothing
+    Check refused; // fails, since the kernel refuses the first request
+};
 
 } // namespace wire
 

@@ -6,7 +6,6 @@
 #include "Manual.h"
 
 #include <cerrno>
-#include <cstdlib>
 
 namespace {
 
@@ -54,7 +53,6 @@ int logFrom(const Arguments& arguments, const Answer& answer)
 
 int main(int argc, char** argv)
 {
-    unsetenv("VESK_RECORD_REPLIES"); // tests have answers written to files; here they may hold keys
     const CommandLine line({argv + 1, argv + argc});
     if (line.has("--help"))
         return put(helpOn(line.path()));

@@ -1,14 +1,13 @@
 #include "ReplyRecorder.h"
 
+#include <ScriptedKernel.h>
+
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <map>
 #include <string>
-
-#include <linux/netlink.h>
 
 namespace Vesk::Testing {
 
@@ -16,12 +15,8 @@ namespace {
 
 constexpr std::size_t kEnough = 4096; // of a long dump the rest says nothing new
 
-thread_local std::map<int, std::string> exchanges; // by descriptor, as they are written
-
-const char* folder()
-{
-    return std::getenv("VESK_RECORD_REPLIES");
-}
+std::filesystem::path folder;
+std::map<int, std::string> exchanges; // by descriptor, as they are written
 
 // Exchanges that begin alike and are as long as each other are of a kind: "24-60.bin", of refusals "2-36-17.bin".
 std::string nameOf(const std::string& exchange)
@@ -38,31 +33,27 @@ std::string nameOf(const std::string& exchange)
     return name + ".bin";
 }
 
-} // namespace
-
-void recordReply(int descriptor, const void* datagram, std::size_t size)
+void keep(int descriptor, const void* datagram, std::size_t size)
 {
-    if (folder() == nullptr)
-        return;
     std::string& exchange = exchanges[descriptor];
     const auto length     = static_cast<std::uint16_t>(size);
-    if (exchange.size() > kEnough)
-        return;
-    exchange.append(reinterpret_cast<const char*>(&length), sizeof length);
-    exchange.append(static_cast<const char*>(datagram), size);
+    if (datagram != nullptr && exchange.size() <= kEnough) {
+        exchange.append(reinterpret_cast<const char*>(&length), sizeof length);
+        exchange.append(static_cast<const char*>(datagram), size);
+    } else if (datagram == nullptr) {
+        const auto path = folder / nameOf(exchange);
+        if (!exchange.empty() && !std::filesystem::exists(path))
+            std::ofstream(path, std::ios::binary) << exchange;
+        exchanges.erase(descriptor);
+    }
 }
 
-void endRecording(int descriptor)
+} // namespace
+
+void recordReplies(const char* path)
 {
-    if (folder() == nullptr)
-        return;
-    const auto exchange = exchanges.find(descriptor);
-    if (exchange == exchanges.end())
-        return;
-    const auto path = std::filesystem::path(folder()) / nameOf(exchange->second);
-    if (!std::filesystem::exists(path))
-        std::ofstream(path, std::ios::binary) << exchange->second;
-    exchanges.erase(exchange);
+    folder = path;
+    watchReplies(keep);
 }
 
 } // namespace Vesk::Testing
