@@ -2,7 +2,7 @@
  * @file
  * Changes the kernel's networking state over netlink, one synchronous call at a time.
  *
- * | | |
+ * | name | what it is for |
  * |---|---|
  * | `NetlinkMessage` | a request of your own, and its exchange with the kernel |
  * | `queryGenericNetlinkFamily` | the number of a generic netlink family |
@@ -40,7 +40,7 @@
  *
  * ### Where it may be called
  *
- * | in | |
+ * | in | may it? |
  * |---|---|
  * | any thread | Yes, at any time. One `NetlinkMessage` belongs to one thread. |
  * | a callback | Yes, with other `NetlinkMessage` objects. |
