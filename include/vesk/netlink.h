@@ -96,7 +96,7 @@ namespace Vesk {
 /// What a query callback says. Any other value counts as `NetlinkQueryContinue`.
 enum VeskNetlinkQueryReturn {
     NetlinkQueryFailed   = 0, ///< Stop, the query failed.
-    NetlinkQueryDone     = 1, ///< Stop, the answer was found.
+    NetlinkQueryDone     = 1, ///< Stop, what was asked for was found.
     NetlinkQueryContinue = 2, ///< Show me the next message.
 };
 
@@ -208,7 +208,7 @@ public:
 
     /**
      * Sends the request and shows the messages of one reply datagram to a callback, until it is satisfied.
-     * @warning Query without NLM_F_ACK: an acknowledgement before the answer fails it (EBADMSG).
+     * @warning Query without NLM_F_ACK: an acknowledgement before the reply fails it (EBADMSG).
      * @param cb                called for each message
      * @param ctx               passed to it; may be null
      * @param responseRequired  whether it fails when no message satisfied it
