@@ -32,8 +32,8 @@
  *
  * After a success errno means nothing, except after a dump: see `messageDump`.
  *
- * After a failure the library keeps nothing. An operation of one request was carried out or not; one of several says
- * what stays.
+ * After a failure the library keeps nothing. An operation that sends one request was carried out or not; one that sends
+ * several says below what stays.
  *
  * @warning When memory runs out, operations other than those of IPsec may send a request that lacks a piece, and
  * succeed: a route then goes to another table, for example. The log says "adding attribute ... failed".
@@ -47,7 +47,7 @@
  * | a signal handler | Never: it allocates and logs. |
  * | the child of `fork` | Yes, but in a process of several threads only after `exec`. Share no `NetlinkMessage`. |
  *
- * @warning Receives have no time-out. A signal interrupts them, unless its handler has SA_RESTART.
+ * @warning Receives have no time-out. A signal interrupts them (EINTR), unless its handler has SA_RESTART.
  *
  * ### What ends the process
  *
@@ -141,7 +141,7 @@ public:
 
     /**
      * Copies the structure that follows the header, in place of an earlier one, and pads it to 4 bytes.
-     * @param len   bytes; below -4 counts as missing memory
+     * @param len   bytes; below -4 nothing is added
      * @param data  `len` bytes; may be null for 0
      */
     void addMsgPayload(int len, void* data) noexcept;
@@ -183,7 +183,7 @@ public:
      * Sends the request as one datagram.
      * @return 0, or -1 with errno:
      *   - EBADF: no socket is open
-     *   - EMSGSIZE: too long; or sent, but its length is not the header's
+     *   - EMSGSIZE: too long; or sent, but its header says another length
      */
     int messageSend() noexcept;
 
@@ -228,7 +228,7 @@ public:
 
     /**
      * Sends the request and shows all messages of the reply to a callback, until the kernel says that it is done.
-     * @warning Without NLM_F_DUMP in the flags this waits for ever: the kernel sends no end.
+     * @warning Without NLM_F_DUMP in the flags this may wait for ever: the kernel sends no end.
      * @warning After a result of 0, errno is 0 when the dump was whole, and EINTR when the table changed meanwhile:
      * entries may be missing. Dump again.
      *
@@ -378,7 +378,7 @@ VESK_EXPORT RouterAddressResult RTNetlinkGetRoute(std::string destination, unsig
  * Finds the firewall mark of an interface's IPv4 rule: the last one with priority 16000 and table = index + 1000.
  * @param device  interface name
  * @return mark and mask, with errno as after `messageDump`; or no value, with errno:
- *   - ENOENT: none, or its mark or mask is 0
+ *   - ENOENT: no such interface or rule, or its mark or mask is 0
  *   - EINTR: none was seen, but rules changed meanwhile
  */
 VESK_EXPORT std::optional<std::pair<unsigned int, unsigned int>> RTNetlinkGetRule(std::string device) noexcept;
