@@ -103,14 +103,14 @@ enum VeskNetlinkQueryReturn {
 /// Sees one message of a query's reply, which is valid during the call only.
 using QueryCallback = VeskNetlinkQueryReturn(nlmsghdr* message, void* context);
 
-/// Sees one message of a dump, which is valid during the call only.
+/// The same for a dump.
 using DumpCallback = void(nlmsghdr* message, void* context);
 
 /// Links the start of a nested attribute to its end.
 using NestedAttrHandle = std::pair<std::uint64_t, std::uint64_t>;
 
 /**
- * One request: a header, one payload structure, a list of attributes, and one exchange with the kernel.
+ * One request: header, payload structure, attributes, and one exchange with the kernel.
  *
  *     NetlinkMessage msg;
  *     msg.setNLMsgHeader(NETLINK_ROUTE, RTM_NEWADDRLABEL, NLM_F_REQUEST | NLM_F_ACK | NLM_F_CREATE | NLM_F_EXCL);
@@ -336,7 +336,7 @@ VESK_EXPORT int RTNetlinkSetGSOMaxSize(std::string& device, unsigned short gsoMa
  * @param outputIfIndex  index of the output interface, 0 for the gateway's
  * @return 0, or -1 with errno of `RTNetlinkGetRoute`, or:
  *   - EEXIST: the table has such a route
- *   - ENOENT: the destination is reached without an IPv4 gateway
+ *   - ENOENT: no IPv4 gateway leads there
  *   - ENETUNREACH: that interface is down, missing, or does not reach the gateway
  */
 VESK_EXPORT int RTNetlinkAddRoute(std::string destination, unsigned int mark, unsigned char family, unsigned int table,
@@ -348,7 +348,7 @@ VESK_EXPORT int RTNetlinkAddRoute(std::string destination, unsigned int mark, un
  * table.
  * @warning The gateway is looked up again. When it has changed, the installed route stays.
  * @return 0, or -1 with errno of `RTNetlinkGetRoute`, or:
- *   - ENOENT: the destination is reached without an IPv4 gateway
+ *   - ENOENT: no IPv4 gateway leads there
  */
 VESK_EXPORT int RTNetlinkDeleteRoute(std::string destination, unsigned int mark, unsigned char family,
                                      unsigned int table, unsigned int outputIfIndex) noexcept;
@@ -530,7 +530,7 @@ VESK_EXPORT int removeXFRMStates(tro_ipsec_static_sa_config_ex_info_ind_msg_v01&
  * @warning Check that both selectors have one family, and the record as for `addXFRMStates`: kernels may take others.
  *
  * When fwd fails, in stays.
- * @param record       the SAs that the traffic shall use
+ * @param record       the SAs to use
  * @param source       selector: "address", "address/prefix", or empty for any; at most 63 characters
  * @param destination  likewise; not both may be empty
  * @param protocol     IP protocol number, 0 for any
