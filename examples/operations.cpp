@@ -3,8 +3,10 @@
 
 #include <vesk/netlink.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 
 #include <arpa/inet.h>
@@ -33,7 +35,10 @@ void step(const char* question, int expected, Operation operation)
 {
     std::printf("\n* %s\n", question);
     const int result = operation();
-    std::printf("  -> %d\n", result);
+    if (result == 0)
+        std::puts("  -> 0");
+    else
+        std::printf("  -> %d: %s\n", result, std::strerror(errno));
     expect(question, result == expected);
 }
 

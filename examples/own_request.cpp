@@ -5,6 +5,7 @@
 
 #include <vesk/netlink.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -41,7 +42,13 @@ static int listLinks()
     msg.setNLMsgHeader(NETLINK_ROUTE, RTM_GETLINK, NLM_F_REQUEST | NLM_F_DUMP);
     msg.addMsgPayload(sizeof any, &any);
     int count = 0;
-    return msg.messageDump(printLink, &count) == 0 && count > 0 ? 0 : 1;
+    if (msg.messageDump(printLink, &count) != 0) {
+        std::perror("own_request");
+        return 1;
+    }
+    if (errno == EINTR) // what a dump says of itself when it succeeds
+        std::puts("The interfaces changed meanwhile: some may be missing.");
+    return count > 0 ? 0 : 1;
 }
 
 static int setMTU(const char* device, unsigned int mtu)
@@ -54,7 +61,7 @@ static int setMTU(const char* device, unsigned int mtu)
     msg.addNLAttribute(IFLA_MTU, mtu);
     if (msg.messageTransact() == 0)
         return 0;
-    std::printf("refused: %s\n", std::strerror(-msg.getKernelError()));
+    std::perror(device);
     return 1;
 }
 

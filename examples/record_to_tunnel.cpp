@@ -2,6 +2,8 @@
 // fills the record, with keys that nobody else knows; here it is filled by hand.
 #include <vesk/netlink.h>
 
+#include <cstdio>
+
 int main()
 {
     tro_ipsec_static_sa_config_ex_info_ind_msg_v01 record = {};
@@ -34,8 +36,10 @@ int main()
         *valid = 1;
 
     std::string here = "10.0.0.0/16", there = "10.1.0.0/16";
-    if (Vesk::addXFRMPolicies(record, here, there, 0, true) != 0 || // what goes out
-        Vesk::addXFRMPolicies(record, there, here, 0, false) != 0)  // what comes in, and is forwarded
+    if (Vesk::addXFRMPolicies(record, here, there, 0, true) != 0 ||  // what goes out
+        Vesk::addXFRMPolicies(record, there, here, 0, false) != 0 || // what comes in, and is forwarded
+        Vesk::addXFRMStates(record, {}, 0x1, 0xff) != 0) {
+        std::perror("record_to_tunnel"); // errno says why
         return 1;
-    return Vesk::addXFRMStates(record, {}, 0x1, 0xff) == 0 ? 0 : 1;
+    }
 }

@@ -6,10 +6,14 @@
  * protocol, mode, algorithms and addresses; each has its own SPI and keys. The decoder of the modem's messages
  * fills the record; the library only reads it and keeps no reference to it after a call.
  *
- * Each optional field follows a one-byte flag of the same name with the suffix `_valid`; non-zero means that the
- * field holds a value. Finding SAs again (to remove or update them) compares SPIs, addresses and protocol whatever
- * their flags say; so does a migration with mode, protocol and the peer's address, and it sends addresses and protocol
- * so. Fields that the library never reads are not declared.
+ * Each optional field follows a flag of one byte, of the same name with the suffix `_valid`. A flag other than 0 says
+ * that the field holds a value. Set both, whatever you call:
+ *
+ * - To add or update SAs, and to add policies, a field that is needed and has the flag 0 is refused (EINVAL).
+ * - To find SAs again, for removing or updating them, SPIs, addresses and protocol are compared, whatever the flags.
+ * - To migrate, the flags of the mode and of the UDP encapsulation count, others do not.
+ *
+ * Fields that the library never reads are not declared.
  */
 #ifndef VESK_IPSEC_SA_RECORD_H
 #define VESK_IPSEC_SA_RECORD_H
