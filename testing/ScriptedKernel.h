@@ -53,7 +53,7 @@ namespace Vesk::Testing {
 struct Reply {
     /// A datagram, or the errno of a receive that fails.
     Reply(Bytes bytes, int errorNumber = 0) : datagram(std::move(bytes)), error(errorNumber) {}
-    Reply(const std::string& digits) : Reply(hex(digits)) {} ///< As it stands, cut short or malformed as may be.
+    Reply(const std::string& digits) : Reply(hex(digits)) {} ///< Sent as given, even if it is malformed.
     Reply(const char* digits) : Reply(hex(digits)) {}        ///< The same.
 
     Bytes datagram; ///< what is received, unless it fails
@@ -173,7 +173,7 @@ public:
     const std::vector<Bytes>& freedBlocks() const { return freed; } ///< What they held, in the order of their release.
     std::size_t unreadReplies() const;                              ///< Scripted, but never received.
 
-    /// What a kernel would not have put up with, in words: a receive past the script (it fails with ENODATA), the use
+    /// Misuse that a kernel would refuse, in words: a receive past the script (it fails with ENODATA), the use
     /// of a closed socket, flags and addresses where none belong; and a block released by the other form of delete.
     const std::vector<std::string>& complaints() const { return wrong; }
 

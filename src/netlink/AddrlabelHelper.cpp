@@ -208,7 +208,7 @@ int addrlabelGenerate(int family, bool useDefault, unsigned int* label) noexcept
     }
 
     // A gap is between a label and the one before it. Kept: the first label is compared with the second, if there is
-    // one, so that it ends the process when it is none of the system's.
+    // one, which ends the process when the first is above 20.
     unsigned int last = kLastSystemLabel;
     for (auto it = std::upper_bound(labels.begin(), labels.end(), kLastSystemLabel); it != labels.end(); ++it) {
         const auto partner = it == labels.begin() ? std::next(it) : std::prev(it);

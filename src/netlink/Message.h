@@ -29,8 +29,8 @@ Payload payloadOf(const nlmsghdr* message)
     return payload;
 }
 
-// Shows `visit` the type, without flag bits, and the place of each attribute whose type is at most `maxType`. A length
-// below the header's or beyond the run ends the walk; padding that is missing at the run's end ends the process.
+// Calls `visit` with type (without flag bits) and place of each attribute up to `maxType`. A length that is too small
+// or passes the end stops the walk. Missing padding at the end ends the process.
 template <typename Visit>
 void forEachAttribute(nlattr* first, unsigned int len, unsigned int maxType, Visit visit,
                       const char* operation = __builtin_FUNCTION(), int line = __builtin_LINE())
@@ -97,7 +97,7 @@ inline bool holdsU32(const nlattr* attribute)
     return attributeLength(attribute) == sizeof(__u32);
 }
 
-// The value's first 32 bits; there must be so many.
+// The value's first 32 bits. The caller has checked the length.
 inline __u32 u32Of(nlattr* attribute)
 {
     __u32 value;

@@ -1,4 +1,4 @@
-// A request goes out as one datagram, gathered from the blocks where they lie:
+// A request is sent as one datagram, gathered from its blocks in place:
 //
 //     header          | nlmsg_len (4) | nlmsg_type (2) | nlmsg_flags (2) | nlmsg_seq = 0 (4) | nlmsg_pid = 0 (4) |
 //     payload         | fixed structure, padded to a multiple of 4 |
@@ -50,7 +50,7 @@ constexpr unsigned int kExtAckInsideEcho = 12; // kept
 constexpr unsigned int kExtAckStart      = kEchoStart + NLMSG_HDRLEN - kExtAckInsideEcho;
 constexpr unsigned int kExtAckMaxType    = 6;
 
-// The end of these requests is a key, or part of one, where the walk over the attributes of their refusal starts.
+// These requests may end in a key, and the walk over a refusal's attributes starts inside their echo.
 bool carriesKeys(int protocol, unsigned int type)
 {
     return protocol == NETLINK_XFRM && (type == XFRM_MSG_NEWSA || type == XFRM_MSG_UPDSA);
@@ -67,15 +67,15 @@ int positive(int status)
     return static_cast<int>(0U - static_cast<unsigned int>(status));
 }
 
-// The same as a caller is told it: what is no errno says that the reply is none of a kernel's.
+// The same for the caller. No kernel sends another number: EBADMSG.
 int reasonOf(int status)
 {
     constexpr int kLastErrno = 4095; // that the kernel reports
     return status < 0 && status >= -kLastErrno ? -status : EBADMSG;
 }
 
-// What a kernel puts into one datagram of a dump: as much as a page of the machine holds, and at most 8,192 bytes. With
-// less room, a dump loses what is cut off, and never ends when its end is in there.
+// As much as kernels put into a datagram of the library's own dumps: a page, at most 8,192 bytes. With less room a dump
+// is cut off.
 std::size_t receiveSize()
 {
     return std::min(static_cast<std::size_t>(getpagesize()), kReceiveCapacity);
@@ -388,7 +388,7 @@ int NetlinkMessage::messageTransact() noexcept
     return FAIL_WITH(reply.isCutOff() ? EMSGSIZE : EBADMSG, "%s(): no NL ACK received from kernel");
 }
 
-// What the kernel said of a refusal, in words and as the error of the object.
+// Logs the kernel's words for a refusal, and keeps its error in the object and in errno.
 int NetlinkMessage::refusedBy(nlmsghdr* message, int error) noexcept
 {
     extack(message);

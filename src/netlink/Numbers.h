@@ -1,5 +1,5 @@
-// The numbers that requests carry, and by which things are found again. veskctl, which looks at the kernel before and
-// after, compares with the same.
+// Numbers in requests, also used to find routes, rules, labels and policies again. veskctl, which looks at the kernel
+// before and after, compares with the same.
 #ifndef VESK_NUMBERS_H
 #define VESK_NUMBERS_H
 

@@ -33,8 +33,8 @@ constexpr char kLogSource[] = "src/netlink/RTNetlinkHelper";
 constexpr __u32 kForever          = 0xFFFFFFFF; // a lifetime, in seconds
 constexpr std::size_t kAddressMax = 16;
 
-// Attributes of a higher type are passed over. Those that are read have lower ones; the tables stay this small whatever
-// kernels to come send.
+// Attributes of a higher type are passed over. Those that are read have lower ones; so the tables stay small when
+// newer kernels send more.
 constexpr __u32 kMaxRouteType = 30;
 constexpr __u32 kMaxRuleType  = 30;
 

@@ -171,7 +171,7 @@ __be32 wordOf(const tro_ip_addr_type_v01& address)
     return htonl(word);
 }
 
-// An address of another type is logged and left as it is; the request goes on.
+// An address of unknown type is logged and stays zero. The request is sent all the same.
 void setXFRMAddrFromBexa(const tro_ip_addr_type_v01& from, xfrm_address_t* to)
 {
     if (from.ip_type == TRO_IP_TYPE_IPV6_V01)
@@ -381,7 +381,7 @@ bool connects(const xfrm_usersa_info& state, const Half& half)
            XFRMAddrCmp(&state.id.daddr, state.family, &half.destination) == 0;
 }
 
-// Which SA of the record a dumped message shows, if any; copied into `state`. What does not match is logged under the
+// Says which SA of the record a dumped message shows, if any, and copies it into `state`. What does not match is logged under the
 // name of the callback that asks. The record's values are compared as they are, whatever their flags say.
 std::optional<Direction> matchXFRMState(nlmsghdr* message, const SaRecord& record, xfrm_usersa_info& state,
                                         const char* callback)
@@ -562,7 +562,7 @@ int setXFRMAddress(xfrm_address_t* address, __u8* prefixLength, __u16* family, c
     return 0;
 }
 
-// The selector arrives zeroed. With two addresses, the destination's family stays.
+// The selector must be zeroed. Of two families the destination's wins.
 int setXFRMSel(xfrm_selector* sel, const std::string& source, const std::string& destination, unsigned char protocol)
 {
     if (!source.empty()) {
@@ -818,7 +818,7 @@ int addXFRMPolicyEx(unsigned char direction) noexcept
     if (setXFRMSel(&policy.sel, "", kBypassSelector, IPPROTO_ICMPV6) != 0)
         return FAIL("%s(): setting policy selector failed\n");
 
-    NetlinkMessage msg; // no template, so that what matches passes IPsec by
+    NetlinkMessage msg; // no template: what matches bypasses IPsec
     msg.setNLMsgHeader(NETLINK_XFRM, XFRM_MSG_NEWPOLICY, kAcknowledged);
     msg.addMsgPayload(sizeof policy, &policy);
     const int result = transactWhole(msg);

@@ -1,4 +1,4 @@
-// All but IPsec on a real kernel; `ip` and `tc` are the witnesses.
+// All but IPsec on a real kernel; compared with what `ip` and `tc` show.
 #include <RealKernel.h>
 #include <vesk/netlink.h>
 

@@ -1,4 +1,4 @@
-// IPsec on a real kernel; `ip xfrm` is the witness.
+// IPsec on a real kernel; compared with what `ip xfrm` shows.
 #include <RealKernel.h>
 #include <vesk/netlink.h>
 

@@ -1,4 +1,4 @@
-// For tests on a real kernel: a network to throw away, and commands as independent witnesses.
+// For tests on a real kernel: a network to throw away, and commands to compare with.
 #ifndef REAL_KERNEL_H
 #define REAL_KERNEL_H
 
