@@ -1,9 +1,9 @@
 // Commands for security associations and policies, made from a record.
 
 #include "Command.h"
-#include "Heard.h"
-#include "Looks.h"
-#include "Text.h"
+#include "kernel/Looks.h"
+#include "print/Heard.h"
+#include "print/Text.h"
 
 #include <vesk/netlink.h>
 
