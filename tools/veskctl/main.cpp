@@ -1,9 +1,9 @@
 // veskctl: one command an operation of the library, for engineers who bring a device up.
 
-#include "CommandLine.h"
-#include "DryRun.h"
-#include "Looks.h"
-#include "Manual.h"
+#include "commands/CommandLine.h"
+#include "commands/Manual.h"
+#include "kernel/Looks.h"
+#include "print/DryRun.h"
 
 #include <cerrno>
 

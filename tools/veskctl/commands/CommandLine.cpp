@@ -1,6 +1,6 @@
 #include "CommandLine.h"
 
-#include "Text.h"
+#include "print/Text.h"
 
 #include <algorithm>
 #include <cstdlib>

@@ -1,10 +1,10 @@
 // Commands that show what is in the kernel.
 
 #include "Command.h"
-#include "Kernel.h"
-#include "Listing.h"
-#include "Looks.h"
-#include "Text.h"
+#include "kernel/Kernel.h"
+#include "kernel/Looks.h"
+#include "print/Listing.h"
+#include "print/Text.h"
 
 #include <vesk/netlink.h>
 

@@ -1,7 +1,7 @@
 #include "Manual.h"
 
 #include "CommandLine.h"
-#include "Text.h"
+#include "print/Text.h"
 
 #include <algorithm>
 

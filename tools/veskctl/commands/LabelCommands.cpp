@@ -1,8 +1,8 @@
 // Commands for the table of IPv6 address labels.
 
 #include "Command.h"
-#include "Kernel.h"
-#include "Text.h"
+#include "kernel/Kernel.h"
+#include "print/Text.h"
 
 #include <vesk/netlink.h>
 

@@ -1,7 +1,7 @@
 #include "Checks.h"
 
-#include "Answer.h"
-#include "Text.h"
+#include "print/Answer.h"
+#include "print/Text.h"
 
 #include <algorithm>
 #include <charconv>

@@ -1,6 +1,6 @@
 #include "RecordFile.h"
 
-#include "Text.h"
+#include "print/Text.h"
 
 #include <netlink/Wipe.h>
 

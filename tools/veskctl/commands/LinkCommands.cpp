@@ -1,8 +1,8 @@
 // Commands for families, addresses, routes, rules and queueing disciplines.
 
 #include "Command.h"
-#include "Looks.h"
-#include "Text.h"
+#include "kernel/Looks.h"
+#include "print/Text.h"
 
 #include <vesk/netlink.h>
 

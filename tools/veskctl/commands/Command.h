@@ -2,9 +2,9 @@
 #ifndef VESKCTL_COMMAND_H
 #define VESKCTL_COMMAND_H
 
-#include "Answer.h"
 #include "Checks.h"
 #include "RecordFile.h"
+#include "print/Answer.h"
 
 #include <string>
 #include <variant>

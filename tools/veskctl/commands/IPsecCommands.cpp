@@ -1,9 +1,9 @@
 // Commands for security associations and policies, made from a record.
 
 #include "Command.h"
-#include "Heard.h"
-#include "Looks.h"
-#include "Text.h"
+#include "kernel/Looks.h"
+#include "print/Heard.h"
+#include "print/Text.h"
 
 #include <vesk/netlink.h>
 
@@ -80,11 +80,12 @@ Operation addStates(Arguments& a)
 
 Operation updateStates(Arguments& a)
 {
-    const auto call   = changeStates(a, Vesk::updateXFRMStates);
-    const auto wanted = requestsOf([&] {
+    const auto call     = changeStates(a, Vesk::updateXFRMStates);
+    const auto compared = [&] {
         Answer ignored;
         return call(ignored);
-    });
+    };
+    const auto wanted = a.dry ? Requests() : requestsOf(compared); // a dry run has no use for copies of keys
     const auto around = [&a, wanted](Answer& answer, const auto& makeCall) {
         makeCall();
         const auto after = installedStates(a.record, wanted);
@@ -230,24 +231,15 @@ Operation bypass(Arguments& a, decltype(Vesk::addXFRMPolicyEx)* operation)
     return {.call = [direction, operation](Answer&) { return operation(direction); }, .around = around};
 }
 
-Operation addBypass(Arguments& a)
-{
-    return bypass(a, Vesk::addXFRMPolicyEx);
-}
-
-Operation removeBypass(Arguments& a)
-{
-    return bypass(a, Vesk::removeXFRMPolicyEx);
-}
-
 // What became of the SAs, when the kernel said that it moved what there was.
 void judgeMigration(Answer& answer, const Arguments& a, const std::array<int, 2>& before)
 {
     std::vector<std::string> none;
     bool left = false;
     for (const bool tx : {true, false}) {
-        answer.findings[tx ? "tx" : "rx"] = before[tx] != 0 ? "moved" : "not installed";
-        left                              = left || statesBetween(a.record, tx) != 0;
+        const bool stays                  = statesBetween(a.record, tx) != 0;
+        answer.findings[tx ? "tx" : "rx"] = stays ? "still there" : before[tx] != 0 ? "moved" : "not installed";
+        left                              = left || stays;
         if (before[tx] == 0)
             none.emplace_back(nameOf(tx));
     }
@@ -367,12 +359,12 @@ std::vector<Command> ipsecCommands()
          .what      = "Let ICMPv6 to fe80::/64 past IPsec",
          .example   = "out",
          .arguments = {kDirection},
-         .prepare   = addBypass},
+         .prepare   = [](Arguments& a) { return bypass(a, Vesk::addXFRMPolicyEx); }},
         {.path      = "policy bypass remove",
          .what      = "Remove that policy again",
          .example   = "out",
          .arguments = {kDirection},
-         .prepare   = removeBypass},
+         .prepare   = [](Arguments& a) { return bypass(a, Vesk::removeXFRMPolicyEx); }},
 
         {.path      = "migrate",
          .what      = "Move SAs and policies to a new local address",

@@ -9,8 +9,8 @@
 #ifndef VESKCTL_RECORD_FILE_H
 #define VESKCTL_RECORD_FILE_H
 
-#include "Answer.h"
-#include "Record.h"
+#include "kernel/Record.h"
+#include "print/Answer.h"
 
 #include <string>
 #include <vector>
