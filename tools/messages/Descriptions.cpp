@@ -287,6 +287,8 @@ const Attributes kOfRules = {
     ATTRIBUTE(FRA_SUPPRESS_IFGROUP, Limit, "suppress_group"),
     ATTRIBUTE(FRA_PROTOCOL, kOrigins, "origin"),
     ATTRIBUTE(FRA_PAD, Padding),
+    Attribute(28, "FRA_SPORT_MASK", Mask, "source_port_mask"), // of kernels from 6.15 on
+    Attribute(29, "FRA_DPORT_MASK", Mask, "destination_port_mask"),
 };
 const Attributes kOfPrio   = {Attribute(2, "prio_options", kPrio)};
 const Attributes kOfQdiscs = {ATTRIBUTE(TCA_KIND, Text), ATTRIBUTE(TCA_OPTIONS, kOfPrio)};
