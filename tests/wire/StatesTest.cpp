@@ -261,13 +261,12 @@ TEST(States, KeepTheirKeysToThemselves)
     }
 }
 
-TEST(States, LeaveNoKeyOnTheStack)
+static void expectNoKeyOnTheStack(unsigned cipherKey, unsigned hashKey)
 {
-    // With keys as long as may be, which the frames of later calls do not cover.
-    const auto keyed = [](Change change = same) {
+    const auto keyed = [&](Change change = same) {
         Record record            = v4(change);
-        record.crypto_key_tx_len = 128;
-        record.hash_key_tx_len   = 440;
+        record.crypto_key_tx_len = cipherKey;
+        record.hash_key_tx_len   = hashKey;
         std::fill_n(record.crypto_key_tx, 128, 0xc1);
         std::fill_n(record.hash_key_tx, 440, 0xa1);
         return record;
@@ -301,6 +300,13 @@ TEST(States, LeaveNoKeyOnTheStack)
             if (bound)
                 expectNoKey({stack->begin(), stack->end()});
         }
+}
+
+// With keys as long as may be, which the frames of later calls do not cover, and with some that fit registers.
+TEST(States, LeaveNoKeyOnTheStack)
+{
+    expectNoKeyOnTheStack(128, 440);
+    expectNoKeyOnTheStack(16, 32);
 }
 
 TEST(StatesDeathTest, EndTheProcessForAKeyBeyondItsField)
