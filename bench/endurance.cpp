@@ -100,8 +100,8 @@ int load(int rounds)
             pages = residentPages();
     }
     pages = residentPages() - pages;
-    std::printf("8 threads, %d rounds of %d operations each: %d failed, %ld descriptors and %ld pages more\n", rounds,
-                withESP ? 11 : 8, failed.load(), openDescriptors() - descriptors, pages);
+    std::printf("8 threads, %d rounds of operations each%s: %d failed, %ld descriptors and %ld pages more\n", rounds,
+                withESP ? "" : ", without SAs", failed.load(), openDescriptors() - descriptors, pages);
     return failed == 0 && openDescriptors() == descriptors && (!kJudgeMemory || pages < 64) ? 0 : 1;
 }
 

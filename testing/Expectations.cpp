@@ -57,13 +57,13 @@ struct Piece {
 // Of a request's block, in the order in which a difference tells most: an attribute's length follows from the rest.
 std::vector<Piece> piecesOf(std::size_t block, std::size_t size)
 {
-    if (block == 0)
-        return {{4, 2, "nlmsg_type"}, {6, 2, "nlmsg_flags"}, {8, 4, "nlmsg_seq"}, {12, 4, "nlmsg_pid"}};
-    const bool isAttribute = block > 1; // what is behind header and payload
+    const bool isHeader = block == 0, isAttribute = block > 1; // what is behind header and payload
     std::vector<Piece> pieces;
+    if (isHeader)
+        pieces = {{4, 2, "nlmsg_type"}, {6, 2, "nlmsg_flags"}, {8, 4, "nlmsg_seq"}, {12, 4, "nlmsg_pid"}};
     if (isAttribute)
         pieces.push_back({2, 2, "nla_type"});
-    for (std::size_t at = isAttribute ? NLA_HDRLEN : 0; at < size; at += 4)
+    for (std::size_t at = isHeader ? NLMSG_HDRLEN : isAttribute ? NLA_HDRLEN : 0; at < size; at += 4)
         pieces.push_back({at, 4});
     if (isAttribute)
         pieces.push_back({0, 2, "nla_len"});

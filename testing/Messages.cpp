@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <stdexcept>
+#include <utility>
 
 #include <arpa/inet.h>
 #include <linux/netlink.h>
@@ -16,19 +17,28 @@ std::string number(Number value)
     return digitsOf(&value, sizeof value) + ' ';
 }
 
+// A value that does not fit is no other value.
+template <typename Narrow>
+Narrow fitting(int value)
+{
+    if (!std::in_range<Narrow>(value))
+        throw std::out_of_range("a field cannot hold " + std::to_string(value));
+    return static_cast<Narrow>(value);
+}
+
 std::string u8(int value)
 {
-    return number(static_cast<std::uint8_t>(value));
+    return number(fitting<std::uint8_t>(value));
 }
 
 std::string u16(int value)
 {
-    return number(static_cast<std::uint16_t>(value));
+    return number(fitting<std::uint16_t>(value));
 }
 
 std::string port(int value)
 {
-    return number(htons(static_cast<std::uint16_t>(value)));
+    return number(htons(fitting<std::uint16_t>(value)));
 }
 
 std::string address(const char* text)

@@ -10,8 +10,8 @@
 
 namespace Vesk {
 
-// Keeps errno while a line is logged. The platform's logger may change it on first use, before the line's arguments read
-// it, and while it writes.
+// Keeps errno while a line is logged. The platform's logger may change it on first use, before the line's arguments
+// read it, and while it writes.
 class LogCall {
 public:
     [[nodiscard]] LogMgr& logger() const
@@ -36,7 +36,7 @@ private:
 // The same without a name.
 #define LOG_TEXT(level, ...) ::Vesk::LogCall().logger().doLog(log_level_##level, kLogSource, __LINE__, __VA_ARGS__)
 
-// Logs a line, then yields a value to return: `return YIELD(NetlinkQueryContinue, failure, "%s(): Wrong type %d", type);`
+// Logs a line, then yields a value to return: `return YIELD(NetlinkQueryContinue, failure, "%s(): Wrong type");`
 // The value is a constant, or errno would be put back after a call for it.
 #define YIELD(value, ...)    (LOG(__VA_ARGS__), value)
 #define YIELD_AS(value, ...) (LOG_AS(__VA_ARGS__), value)

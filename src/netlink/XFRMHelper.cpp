@@ -11,8 +11,8 @@
 // In this order: the translation of the record, installing SAs, finding them again to remove or update them, policies,
 // migration.
 //
-// The record has two halves: one outgoing SA, which the log calls TX, and one incoming, RX. Functions whose names end in
-// "FromBexa" translate it.
+// The record has two halves: one outgoing SA, which the log calls TX, and one incoming, RX. "Bexa" in a function's name
+// is the modem's side: it translates what the record says. The names stay, since log lines begin with them.
 
 #include <vesk/netlink.h>
 
@@ -381,8 +381,8 @@ bool connects(const xfrm_usersa_info& state, const Half& half)
            XFRMAddrCmp(&state.id.daddr, state.family, &half.destination) == 0;
 }
 
-// Says which SA of the record a dumped message shows, if any, and copies it into `state`. What does not match is logged under the
-// name of the callback that asks. The record's values are compared as they are, whatever their flags say.
+// Says which SA of the record a dumped message shows, if any, and copies it into `state`. What does not match is logged
+// under the name of the callback that asks. The record's values are compared as they are, whatever their flags say.
 std::optional<Direction> matchXFRMState(nlmsghdr* message, const SaRecord& record, xfrm_usersa_info& state,
                                         const char* callback)
 {

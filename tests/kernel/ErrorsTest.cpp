@@ -1,5 +1,5 @@
-// The errors that the header lists for an operation, from a kernel: `./dev docs` compares the two. A row of error 0 leads
-// to the next.
+// The errors that the header lists for an operation, from a kernel: `./dev docs` compares the two. A row of error 0
+// leads to the next.
 #include <RealKernel.h>
 #include <vesk/netlink.h>
 

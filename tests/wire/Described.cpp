@@ -44,7 +44,8 @@ std::string undescribed(const std::vector<Vesk::Testing::Request>& requests)
         if (!isMadeUp(request.datagram))
             for (const Field& field : decode(request.protocol, request.datagram))
                 if (field.kind == Kind::Unknown || field.unnamed)
-                    text += "not described: " + field.where() + ' ' + field.text + '\n';
+                    text +=
+                        "not described in tools/messages/Descriptions.cpp: " + field.where() + ' ' + field.text + '\n';
     return text;
 }
 

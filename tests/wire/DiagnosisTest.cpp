@@ -47,6 +47,8 @@ TEST(Diagnosis, IsNeverEmpty)
                             "not 3 src/netlink/NetlinkHelper: extack(): No EXTACK content");
     EXPECT_NONFATAL_FAILURE(check({.sends = kNothing, .log = kAcked}), "requests: 1, not 0");
     EXPECT_NONFATAL_FAILURE(check({.log = kNothing}), "NL ACK received form kernel, not the end");
+    EXPECT_EQ(Check::shown("one\ntwo\n", true) + Check::shown("three\nfour\n", false), "one\nthree\nfour\n");
     EXPECT_THROW(Operation(addXFRMPolicyEx, 256), std::out_of_range);
+    EXPECT_THROW(attr(0x10000, ""), std::out_of_range);
     EXPECT_THROW(Result(std::string(64, 'x')), std::length_error);
 }

@@ -15,7 +15,7 @@ using Record = tro_ipsec_static_sa_config_ex_info_ind_msg_v01;
 using Change = void (*)(Record&);
 
 // What no row would notice
-static_assert(TRO_IPSEC_CRYPTO_ALGO_AES_V01 == 12 && TRO_IPSEC_CRYPTO_ALGO_AES_19_V01 == 19);
+static_assert(TRO_IPSEC_CRYPTO_ALGO_AES_V01 == 12 && TRO_IPSEC_CRYPTO_ALGO_AES_19_V01 == 19, "what modems send");
 
 inline constexpr const char *kHere = "192.0.2.1", *kPeer = "198.51.100.7", *kHere6 = "fe80::1", *kPeer6 = "fe80::2";
 inline constexpr unsigned kTxSpi = 0x11223344, kRxSpi = 0x55667788;

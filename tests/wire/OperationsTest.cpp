@@ -52,8 +52,9 @@ TEST(Operations, SetTheGSOSize)
     rejects({.call  = {RTNetlinkSetGSOMaxSize, "wlan9", 1},
              .error = ENODEV,
              .log   = by.failure("no such device %s", "wlan9")});
-    refused({.call = {RTNetlinkSetGSOMaxSize, "lo", 1},
-             .log  = denied(by.failure("configuring gso max size failed for dev %s", "lo"))});
+    refused({.call  = {RTNetlinkSetGSOMaxSize, "lo", 0},
+             .sends = {message(RTM_NEWLINK, kAck, {"00 00 0000 01000000 8*00", attr(IFLA_GSO_MAX_SIZE, "0000")})},
+             .log   = denied(by.failure("configuring gso max size failed for dev %s", "lo"))});
 }
 
 // Entries of the table of labels, for interface 3. Of two attributes of a type the last one counts.
@@ -82,9 +83,9 @@ TEST(Operations, ModifyLabels)
     acked({.call  = {addrlabelAdd, "fe80::1", 64, 0x12345, 3},
            .sends = {message(RTM_NEWADDRLABEL, kNew, {"0a 00 40 00 03000000 00000000", label(0x12345), kOwn})}});
     acked(
-        {.what  = "a prefix length's low 8 bits",
-         .call  = {addrlabelDel, "192.0.2.1", 0x118, 0, 3},
-         .sends = {message(RTM_DELADDRLABEL, kAck, {"02 00 18 00 03000000 00000000", label(0), address("c0000201")})}});
+        {.what  = "a prefix length's low 8 bits; zeros are sent, too",
+         .call  = {addrlabelDel, "192.0.2.1", 0x118, 0, 0},
+         .sends = {message(RTM_DELADDRLABEL, kAck, {"02 00 18 00 00000000 00000000", label(0), address("c0000201")})}});
     rejects({.call  = {addrlabelAdd, "none", 64, 7, 3},
              .error = EAFNOSUPPORT,
              .log   = by.failure("%S(): invalid addr family %u", 0)});
@@ -149,11 +150,11 @@ TEST(Routes, AreLookedUpUnderAMark)
 TEST(Routes, AreInstalledAndRemovedThroughTheGateway)
 {
     const LoggedBy add = rtnl("RTNetlinkAddRoute"), del = rtnl("RTNetlinkDeleteRoute");
-    const auto sends = [](int type, int flags) {
-        return Sends{kLookUp,
-                     message(type, flags,
-                             {"02 20 00 00 00 04 00 01 00000000", kTable, attr(RTA_DST, "c6336407"), kOutput, kGateway,
-                              nest(RTA_METRICS, {attr(RTAX_ADVMSS, 1140)}), attr(RTA_PRIORITY, 100)})};
+    const auto sends = [](int type, int flags, unsigned table = 1000, unsigned output = 3) {
+        return Sends{kLookUp, message(type, flags,
+                                      {"02 20 00 00 00 04 00 01 00000000", attr(RTA_TABLE, table),
+                                       attr(RTA_DST, "c6336407"), attr(RTA_OIF, output), kGateway,
+                                       nest(RTA_METRICS, {attr(RTAX_ADVMSS, 1140)}), attr(RTA_PRIORITY, 100)})};
     };
     const std::vector<Reply> found{answer(kTable + kGateway + kOutput)};
     const auto change = [](decltype(RTNetlinkAddRoute)* operation, const char* destination = "198.51.100.7",
@@ -167,8 +168,8 @@ TEST(Routes, AreInstalledAndRemovedThroughTheGateway)
              .call    = change(RTNetlinkAddRoute),
              .log     = {kFound, denied(add.failure("Failed to install ip route"))}});
     check({.answers = {found},
-           .call    = change(RTNetlinkDeleteRoute),
-           .sends   = sends(RTM_DELROUTE, NLM_F_REQUEST),
+           .call    = {RTNetlinkDeleteRoute, "198.51.100.7", 42, AF_INET, 0, 0},
+           .sends   = sends(RTM_DELROUTE, NLM_F_REQUEST, 0, 0),
            .log     = {kFound, core("messageTransact").detail("not requesting ACK for NL message\n"),
                        del.verbose("Successfully removed ip route")}});
     refused({.given   = failing(Call::SendMsg, EPERM, 2),
@@ -416,8 +417,8 @@ TEST(Labels, ArePurgedWithTheirCompanions)
 TEST(Qdiscs, AreAddedDeletedAndChanged)
 {
     const LoggedBy tc = rtnl("RTNetlinkTCQdisc"), prio = rtnl("RTNetlinkTCPrio"), flow = rtnl("RTNetlinkFlowControl");
-    const std::string root  = "00 000000 03000000 00000100 ffffffff 00000000",
-                      child = "00 000000 03000000 00000100 01000200 00000000";
+    const std::string root  = "00 000000 03000000 30000200 ffffffff 00000000",
+                      child = "00 000000 03000000 30000200 01000200 00000000";
     const std::string pfifo = attr(TCA_KIND, "70666966 6f00"), kind = attr(TCA_KIND, "7072696f 00");
     const auto options     = [](const std::string& digits) { return nest(TCA_OPTIONS, {attr(2, digits)}); };
     const std::string five = options("05000000 03040404 03040202 04030201 00000000 01 000000");
@@ -426,14 +427,14 @@ TEST(Qdiscs, AreAddedDeletedAndChanged)
     };
     const auto trace = [&](const char* word, unsigned parent, const char* state) {
         return flow.verbose("sending nlmsg \"tc qdisc %s dev %s parent:0x%x hndl:0x%x prio flow %s", word, "wlan0",
-                            parent, 0x10000, state);
+                            parent, 0x20030, state);
     };
     const auto qdisc = [](unsigned parent, int operation, const char* device = "wlan0") {
-        return Operation(RTNetlinkTCQdisc, device, "pfifo", parent, 0x10000, operation);
+        return Operation(RTNetlinkTCQdisc, device, "pfifo", parent, 0x20030, operation);
     };
-    const auto bands   = [](int operation) { return Operation(RTNetlinkTCPrio, "wlan0", 0, 0x10000, operation); };
+    const auto bands   = [](int operation) { return Operation(RTNetlinkTCPrio, "wlan0", 0, 0x20030, operation); };
     const auto control = [](unsigned parent, int enable, int operation) {
-        return Operation(RTNetlinkFlowControl, "wlan0", parent, 0x10000, enable, operation);
+        return Operation(RTNetlinkFlowControl, "wlan0", parent, 0x20030, enable, operation);
     };
 
     acked({.call = qdisc(0x20001, 0), .sends = {message(RTM_NEWQDISC, kNew, {child, pfifo})}});

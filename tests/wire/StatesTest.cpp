@@ -151,9 +151,10 @@ TEST(States, NameTheirAlgorithms)
 {
     const auto sends = [](const Record& record, const std::string& tx, const std::string& rx) {
         Kernel kernel;
-        Operation{addXFRMStates, record, 0, 0, 0}();
-        EXPECT_NE((digits(kernel.requests().at(0)) + '|').find('|' + tx + '|'), std::string::npos) << tx;
-        EXPECT_NE((digits(kernel.requests().at(1)) + '|').find('|' + rx + '|'), std::string::npos) << rx;
+        Operation{addXFRMStates, record, TRO_TECHNOLOGY_NAME_MARKED_RX_V01, 0, 0}();
+        for (const auto& [at, block] : {std::pair(0u, tx), {1u, rx}})
+            EXPECT_TRUE((digits(kernel.requests().at(at)) + '|').find('|' + block + '|') != std::string::npos)
+                << "request " << at + 1 << " lacks " << block;
     };
     for (const auto& [code, mode, name] : {std::tuple(9u, 2u, "cbc(des)"),
                                            {10u, 2u, "cbc(des3_ede)"},
@@ -182,7 +183,7 @@ TEST(States, NameTheirAlgorithms)
         sends(record, hash(name, truncation, "20*a1"), hash(name, truncation, "32*a2 408*00"));
     }
     sends(v4(), attr(XFRMA_SET_MARK, 0x20000) + '|' + attr(XFRMA_SET_MARK_MASK, 0x20000),
-          hash("hmac(sha256)", 128, "32*a2")); // of mark and mask 0
+          attr(XFRMA_SET_MARK, 0x20002)); // of mark and mask 0
 }
 
 TEST(States, RefuseARecord)
@@ -245,11 +246,14 @@ static void expectNoKey(const Bytes& memory)
 }
 
 // Refused by the kernel, and before that, when a cipher's key has been added.
-static const Change kUnknownHash = [](Record& r) { r.hash_algo = 8; };
+static void unknownHash(Record& r)
+{
+    r.hash_algo = 8;
+}
 
 TEST(States, KeepTheirKeysToThemselves)
 {
-    for (const auto& [change, blocks] : {std::pair(Change(same), 6u), {kUnknownHash, 2u}}) {
+    for (const auto& [change, blocks] : {std::pair(Change(same), 6u), {unknownHash, 2u}}) {
         Kernel kernel;
         kernel.answer({kEcho});
         EXPECT_STREQ(kernel.run(install(change)).text, "-1");
@@ -274,7 +278,7 @@ static void expectNoKeyOnTheStack(unsigned cipherKey, unsigned hashKey)
     const char* ten                      = "10.0.0.0/8";
     std::pair<Operation, Answers> uses[] = {
         {{addXFRMStates, keyed(), 0, 0, 0}, {{kEcho}}},
-        {{addXFRMStates, keyed(kUnknownHash), 0, 0, 0}, {}},
+        {{addXFRMStates, keyed(unknownHash), 0, 0, 0}, {}},
         {{updateXFRMStates, keyed(), 0, 0, 0}, {}},
         {{addXFRMPolicies, keyed(), ten, ten, 0, true}, {}},
         {{migrateXFRMInfo, keyed(), keyed(), ten, ten, 0}, {}},

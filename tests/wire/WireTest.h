@@ -53,7 +53,11 @@ struct Kernel : ScriptedKernel {
         addInterface("lo", 1);
         addInterface("wlan0", 3);
     }
-    ~Kernel() { EXPECT_EQ(undescribed(requests()), ""); }
+    ~Kernel()
+    {
+        if (const std::string unknown = undescribed(requests()); !unknown.empty())
+            ADD_FAILURE() << unknown;
+    }
 };
 
 inline auto failing(Call call, int error, int nth = 1)
@@ -120,10 +124,14 @@ public:
             differences += "the row does not say which errno it fails with\n";
         if (named && error != *named)
             differences += "errno " + std::to_string(error) + ", not " + std::to_string(*named) + '\n';
-        if (testing::Test::HasFailure()) // after the first row of a test that fails others tend to fail likewise
-            differences.resize(differences.find('\n') + 1);
         if (!differences.empty())
-            ADD_FAILURE_AT(file, line) << differences;
+            ADD_FAILURE_AT(file, line) << shown(differences, testing::Test::HasFailure());
+    }
+
+    // After the first row of a test that fails others tend to fail likewise: of these the first line.
+    static std::string shown(const std::string& differences, bool laterRow)
+    {
+        return differences.substr(0, laterRow ? differences.find('\n') + 1 : std::string::npos);
     }
 
 private:
