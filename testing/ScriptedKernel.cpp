@@ -18,8 +18,8 @@ namespace Vesk::Testing {
 
 namespace {
 
-// How many there are, of all threads. While there is none, close() and its like ask for nothing thread_local. Where that
-// is emulated (by clang for Android), it allocates, and an allocator that starts may call close() itself.
+// How many there are, of all threads. While there is none, close() and its like ask for nothing thread_local. Where
+// that is emulated (by clang for Android), it allocates, and an allocator that starts may call close() itself.
 int living                          = 0;
 thread_local ScriptedKernel* active = nullptr;
 thread_local LogCapture* capture    = nullptr;
