@@ -67,22 +67,15 @@ TEST(Kernel, SaysThatAReplyWasCutOff)
     output(names("del"));
 }
 
-TEST(MainlineRefuses, AddressesOfAnyFamilyAndIPv4Labels)
+TEST(MainlineRefuses, AddressesOfAnyFamily)
 {
     std::string device  = "lo";
     sockaddr_storage v4 = socketAddress("192.0.2.1"), v6 = socketAddress("2001:db8::1");
     for (const int change : {AddressAdd, AddressDeprecate, AddressRenew, AddressAddDeprecated})
         for (sockaddr_storage* address : {&v4, &v6}) {
-            LogCapture log;
             const auto how = static_cast<AddressLifetimeChange>(change);
             EXPECT_EQ(reason(RTNetlinkAddressCfg(device, address, 32, how, 60)), EOPNOTSUPP);
-            EXPECT_EQ(failures(log), "messageTransact(): kernel reports error -95\n"
-                                     "RTNetlinkAddressCfg(): configuring address failed\n");
         }
-    LogCapture log;
-    EXPECT_EQ(reason(addrlabelAdd(&v4, 32, 4711, 0)), EOPNOTSUPP) << "labels are for IPv6";
-    EXPECT_EQ(failures(log),
-              "messageTransact(): kernel reports error -95\naddrlabelModify(): modifying address label failed\n");
     EXPECT_EQ(output("ip address show dev lo").find("192.0.2.1"), std::string::npos);
 }
 
@@ -91,10 +84,7 @@ TEST(MainlineRefuses, TheGSOSizeInTwoBytes)
     if (!succeeds("ip link add gso0 type dummy"))
         GTEST_SKIP() << "this kernel has no dummy device";
     std::string device = "gso0";
-    LogCapture log;
     EXPECT_EQ(reason(RTNetlinkSetGSOMaxSize(device, 16384)), ERANGE);
-    EXPECT_EQ(failures(log), "messageTransact(): kernel reports error -34\n"
-                             "RTNetlinkSetGSOMaxSize(): configuring gso max size failed for dev gso0\n");
     EXPECT_NE(output("ip -d link show dev gso0").find("gso_max_size 65536"), std::string::npos);
 }
 
@@ -127,9 +117,6 @@ TEST_F(Routes, LeadThroughTheGatewayOfTheirDestination)
     EXPECT_NE(output("ip route get 198.51.100.7").find("via 192.0.2.254 dev wan0 table 1234"), std::string::npos);
     output("ip rule del priority 5");
     EXPECT_EQ(failures(log), "");
-    EXPECT_EQ(reason(RTNetlinkAddRoute("198.51.100.7", 0, AF_INET, 1234, index)), EEXIST);
-    EXPECT_EQ(failures(log),
-              "messageTransact(): kernel reports error -17\nRTNetlinkAddRoute(): Failed to install ip route\n");
     EXPECT_EQ(RTNetlinkDeleteRoute("198.51.100.7", 0, AF_INET, 1234, index), 0);
     EXPECT_EQ(output("ip route show table 1234"), "");
     EXPECT_EQ(RTNetlinkDeleteRoute("198.51.100.7", 0, AF_INET, 1234, index), 0) << "nobody waits for the refusal";
@@ -193,9 +180,6 @@ TEST(Labels, AreGeneratedAroundWhatIsInstalled)
     EXPECT_EQ(addrlabelAdd(&prefixes[0], 64, 22, 1), 0);
     EXPECT_NE(output("ip addrlabel").find("prefix 2001:db8:1::/64 dev lo label 22"), std::string::npos);
     EXPECT_EQ(failures(log), "");
-    EXPECT_EQ(reason(addrlabelAdd(&prefixes[0], 64, 22, 1)), EEXIST);
-    EXPECT_EQ(failures(log),
-              "messageTransact(): kernel reports error -17\naddrlabelModify(): modifying address label failed\n");
     EXPECT_EQ(generates(), 21u);
     EXPECT_EQ(addrlabelAdd(&prefixes[1], 64, 21, 1), 0);
     EXPECT_EQ(generates(), 20u);
@@ -203,7 +187,6 @@ TEST(Labels, AreGeneratedAroundWhatIsInstalled)
     EXPECT_GE(generates(), 22u) << "no gap is left";
     for (unsigned int i = 0; i < 3; ++i)
         EXPECT_EQ(addrlabelDel(&prefixes[i], 64, 22 - i, 1), 0);
-    EXPECT_EQ(reason(addrlabelDel(&prefixes[0], 64, 22, 1)), ESRCH) << "it is gone";
 }
 
 TEST(Labels, ArePurgedWithTheirCompanionsAndNobodyElse)
@@ -253,7 +236,6 @@ TEST_F(Qdiscs, OfAnyKindAreInstalledAndRemoved)
     for (std::string kind : {"fq_codel", "pfifo", "sfq"}) {
         EXPECT_EQ(RTNetlinkTCQdisc(device, kind, 0, 0x10000, 0), 0);
         EXPECT_NE(output("tc qdisc show dev wan0").find("qdisc " + kind + " 1: root"), std::string::npos) << kind;
-        EXPECT_EQ(reason(RTNetlinkTCQdisc(device, kind, 0, 0x10000, 0)), EEXIST);
         EXPECT_EQ(RTNetlinkTCQdisc(device, kind, 0, 0x10000, 1), 0);
         EXPECT_EQ(output("tc qdisc show dev wan0").find(kind), std::string::npos);
     }
@@ -262,14 +244,9 @@ TEST_F(Qdiscs, OfAnyKindAreInstalledAndRemoved)
 // Its options are the platform's own.
 TEST_F(Qdiscs, OfThePlatformAreRefusedByMainline)
 {
-    const std::string refused = "messageTransact(): kernel reports error -22\n";
-    LogCapture log;
     EXPECT_EQ(reason(RTNetlinkTCPrio(device, 0, 0x10000, 0)), EINVAL);
     EXPECT_EQ(reason(RTNetlinkFlowControl(device, 0, 0x10000, 1, 0)), EINVAL);
     output("tc qdisc add dev wan0 root handle 1: prio");
     EXPECT_EQ(reason(RTNetlinkFlowControl(device, 0, 0x10000, 0, 2)), EINVAL);
-    EXPECT_EQ(failures(log), refused + "RTNetlinkTCPrio(): tc qdisc transaction failed\n" + refused +
-                                 "RTNetlinkFlowControl(): tc qdisc transaction failed\n" + refused +
-                                 "RTNetlinkFlowControl(): tc qdisc transaction failed\n");
     EXPECT_EQ(RTNetlinkTCPrio(device, 0, 0x10000, 1), 0) << "deleting needs no options";
 }

@@ -50,11 +50,6 @@ TEST_F(States, AreInstalledWithEveryFieldAndRemoved)
                  {"limit: soft (INF)(bytes), hard (INF)(bytes)", "limit: soft (INF)(packets), hard (INF)(packets)",
                   "expire add: soft 0(sec), hard 0(sec)"});
 
-    LogCapture log;
-    EXPECT_EQ(reason(addXFRMStates(record, kTechnology, 0, 0)), EEXIST);
-    EXPECT_EQ(failures(log), "messageTransact(): kernel reports error -17\n"
-                             "addXFRMState(): sending XFRM state failed\n"
-                             "addXFRMStates(): setting TX XFRM state failed\n");
     EXPECT_EQ(removeXFRMStates(record), 0);
     EXPECT_EQ(output("ip xfrm state"), "");
 }
@@ -99,11 +94,7 @@ TEST_F(States, OfAHAreRefusedForTheirCipher)
 {
     Record record         = espTunnel("192.0.2.1", "198.51.100.7");
     record.ipsec_protocol = 2;
-    LogCapture log;
     EXPECT_EQ(reason(addXFRMStates(record, kTechnology, 0, 0)), EINVAL);
-    EXPECT_EQ(failures(log), "messageTransact(): kernel reports error -22\n"
-                             "addXFRMState(): sending XFRM state failed\n"
-                             "addXFRMStates(): setting TX XFRM state failed\n");
 
     output("ip xfrm state add src 192.0.2.1 dst 198.51.100.7 proto ah spi 0x11223344 mode tunnel"
            " auth-trunc 'hmac(sha1)' 0x000102030405060708090a0b0c0d0e0f10111213 96");
@@ -178,25 +169,20 @@ TEST(Policies, AreListedWithTheirTemplates)
                      {"src 10.1.0.0/16 dst 10.0.0.0/8 proto udp", "priority 100", "tmpl src 198.51.100.7 dst 192.0.2.1",
                       "spi 0x55667788"});
 
-    EXPECT_EQ(reason(addXFRMPolicies(record, there, here, 17, false)), EEXIST);
     EXPECT_EQ(removeXFRMPolicies(here, there, 17, true) + removeXFRMPolicies(there, here, 17, false), 0);
     EXPECT_EQ(output("ip xfrm policy"), "");
-    EXPECT_EQ(reason(removeXFRMPolicies(here, there, 17, true)), ENOENT) << "it is gone";
 }
 
 TEST(Policies, LetLinkLocalICMPv6Bypass)
 {
     for (const unsigned char direction : {XFRM_POLICY_IN, XFRM_POLICY_OUT, XFRM_POLICY_FWD}) {
         EXPECT_EQ(addXFRMPolicyEx(direction), 0);
-        EXPECT_EQ(reason(addXFRMPolicyEx(direction)), EEXIST);
     }
     expectListed("ip xfrm policy", {"src ::/0 dst fe80::/64 proto ipv6-icmp", "dir in priority 10",
                                     "dir out priority 10", "dir fwd priority 10"});
     for (const unsigned char direction : {XFRM_POLICY_IN, XFRM_POLICY_OUT, XFRM_POLICY_FWD})
         EXPECT_EQ(removeXFRMPolicyEx(direction), 0);
     EXPECT_EQ(output("ip xfrm policy"), "");
-    EXPECT_EQ(reason(addXFRMPolicyEx(3)), EINVAL) << "no such direction";
-    EXPECT_EQ(reason(removeXFRMPolicyEx(XFRM_POLICY_OUT)), ENOENT) << "it is gone";
 }
 
 TEST_F(States, MigrateThereAndBack)
