@@ -50,8 +50,10 @@ private:
 
 // Around a statement that logs a format with "%S" and passes a narrow string: the logger reads that as "%s", which the
 // compiler's check cannot know.
+// NOLINTBEGIN(bugprone-macro-parentheses): a statement has none
 #define WITH_CAPITAL_S(statement)                                                                                      \
     _Pragma("GCC diagnostic push") _Pragma("GCC diagnostic ignored \"-Wformat\"") statement;                           \
     _Pragma("GCC diagnostic pop")
+// NOLINTEND(bugprone-macro-parentheses)
 
 #endif

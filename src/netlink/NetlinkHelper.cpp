@@ -50,6 +50,12 @@ constexpr unsigned int kExtAckInsideEcho = 12; // kept
 constexpr unsigned int kExtAckStart      = kEchoStart + NLMSG_HDRLEN - kExtAckInsideEcho;
 constexpr unsigned int kExtAckMaxType    = 6;
 
+// What errno says of a dump that succeeded.
+int errnoOfDump(bool interrupted)
+{
+    return interrupted ? EINTR : 0;
+}
+
 // These requests may end in a key, and the walk over a refusal's attributes starts inside their echo.
 bool carriesKeys(int protocol, unsigned int type)
 {
@@ -521,7 +527,7 @@ int NetlinkMessage::messageDump(DumpCallback* cb, void* ctx) noexcept
                 if (status < 0)
                     return FAIL_WITH(reasonOf(status), "%s(): NL dump reports errno [%d, %s]", positive(status),
                                      strerror(positive(status)));
-                errno = interrupted ? EINTR : 0;
+                errno = errnoOfDump(interrupted);
                 return 0;
             } else if ((message->nlmsg_flags & NLM_F_DUMP_INTR) != 0) {
                 LOG(notice, "%s(): NL dump was interrupted");
