@@ -19,16 +19,16 @@
  * | errno | reason | was the request that failed carried out? |
  * |---|---|---|
  * | EINVAL | an argument or a record is refused | no |
- * | ENODEV | no interface has that name | no |
+ * | ENODEV | no interface has that name (`RTNetlinkGetRule`: ENOENT) | no |
  * | EAFNOSUPPORT | the address or family is neither AF_INET nor AF_INET6 | no |
- * | EPERM, EACCES | CAP_NET_ADMIN is missing; SELinux forbids it | no |
+ * | EPERM, EACCES | CAP_NET_ADMIN is missing; SELinux forbids it (of routes: see `RTNetlinkGetRoute`) | no |
  * | EMFILE, ENFILE | too many descriptors are open | no |
  * | EPROTONOSUPPORT | the kernel lacks the netlink protocol, such as NETLINK_XFRM | no |
  * | ENOMEM | memory ran out, here or in the kernel | no |
  * | EMSGSIZE | the request is too long for the socket | no |
  * | EMSGSIZE | the reply is too long for a receive | perhaps |
  * | ENOBUFS | memory ran out in the kernel; its reply may be lost | perhaps |
- * | EINTR | a signal interrupted the wait for the reply | perhaps |
+ * | EINTR | a signal interrupted the wait for the reply (after 0: see `messageDump`) | perhaps |
  * | EBADMSG | the reply holds no complete acknowledgement or message | perhaps |
  *
  * After a success errno means nothing, unless the operation says otherwise.
