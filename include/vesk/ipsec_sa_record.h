@@ -23,7 +23,7 @@
  * |---|---|
  * | cipher keys have at most 128 bytes, integrity keys at most 440 | the process ends |
  * | keys have the lengths of the table below | kernels take integrity keys of any length, 0 too; EINVAL for others |
- * | both addresses have `ip_type` 4, or both 6 with `addr_len` 16 | an SA leads to another address, 0.0.0.0 for example |
+ * | both addresses have `ip_type` 4, or both 6 with `addr_len` 16 | an SA leads elsewhere, to 0.0.0.0 for example |
  * | `ipsec_protocol` is 2 or 3 | only its low 8 bits count to add; SAs are not found again, to update or remove |
  * | `spi_tx` and `spi_rx` differ | RX is not found again |
  * | with `udp_encap`, `udp_encap_port` is set and valid | SAs are without UDP encapsulation, and nothing fails |

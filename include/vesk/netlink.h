@@ -494,8 +494,8 @@ VESK_EXPORT int addXFRMStates(tro_ipsec_static_sa_config_ex_info_ind_msg_v01& re
 
 /**
  * Updates marks and UDP ports of a record's installed SAs. Parameters and checks as for `addXFRMStates`.
- * @warning Mainline kernels keep keys, algorithms and counters, and report no failure. For new keys, call
- * `removeXFRMStates` with the old record, then `addXFRMStates` with the new one. New SPIs need new policies, too.
+ * @warning Mainline kernels keep keys, algorithms and counters, and do not fail. For new keys, call `removeXFRMStates`
+ * with the old record, then `addXFRMStates` with the new one. New SPIs need new policies, too (docs/tunnel.md).
  * @warning 0 does not prove that RX was updated, nor -1 that nothing was: after TX's update the last step alone
  * decides, RX's counters.
  * @warning The counters sent may be RX's for TX, and are 0 for RX. Mainline kernels ignore them. One that takes them
