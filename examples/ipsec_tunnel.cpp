@@ -174,7 +174,7 @@ struct End {
     std::string inside;  // what this end sends from
     std::string outside; // what it sends to
 
-    // Policies first in, last out: without them what the SAs decipher would be answered in clear.
+    // Policies first in, last out: without them what the SAs decrypt would be answered in the clear.
     void install(Record& record)
     {
         host.expect("addXFRMPolicies installs the out policy",
@@ -224,7 +224,7 @@ private:
     std::FILE* pipe;
 };
 
-// Everything that a host puts on the link. (What arrives is no proof: the kernel shows it again when it is deciphered.)
+// Everything that a host puts on the link. (What arrives is no proof: the kernel shows it again when it is decrypted.)
 class Capture {
 public:
     explicit Capture(const Host& host) : file(output("mktemp -p /run"))
@@ -342,7 +342,7 @@ void demonstrate()
            carried.packets >= 19 && carried.sequence == static_cast<unsigned int>(carried.packets));
     expect("the old address is in no policy", handset.output("ip xfrm policy | grep -wF 192.0.2.1").empty());
 
-    title("5. New keys");
+    title("5. New keys, under the same SPIs: others would need new policies, too");
     setKeys(moved, 0x50);
     atGateway = gatewayRecord(moved);
     handset.expect("updateXFRMStates updates both SAs",
@@ -350,7 +350,7 @@ void demonstrate()
     const Counters updated(handset, "192.0.2.9");
     expect("the kernel keeps the sequence counter and takes the new mask",
            updated.sequence == carried.sequence && contains(updated.text, "output-mark 0x20001/0x20fff"));
-    expect("a mainline kernel keeps the keys of a living SA",
+    expect("a mainline kernel keeps the keys of an existing SA",
            contains(updated.text, "0x10101010101010101010101010101010"));
     here.remove(moved);
     there.remove(atGateway);
@@ -367,7 +367,8 @@ void demonstrate()
     expect("ESP from the gateway: " + std::to_string(fromGateway.count("esp")) + " packets",
            fromGateway.count("esp") >= 10 + answers);
     expect("each under the SPI that the handset sends with", fromHandset.count("esp and ip[20:4] = 0x1001") == 25);
-    expect("nothing in clear", fromHandset.count("ip and not esp") == 0 && fromGateway.count("ip and not esp") == 0);
+    expect("nothing in the clear",
+           fromHandset.count("ip and not esp") == 0 && fromGateway.count("ip and not esp") == 0);
 
     title("7. All is removed");
     here.remove(moved);

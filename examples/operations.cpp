@@ -1,5 +1,5 @@
 // Every operation but those of IPsec, on a real kernel, step by step: what is asked, what the kernel answers, and what
-// iproute2 says of it. In a network of its own, which is gone with it; that takes root. `./dev demo` gives it a kernel.
+// iproute2 says of it. In a network of its own, which is gone with it (requires root). `./dev demo` gives it a kernel.
 
 #include <vesk/netlink.h>
 
@@ -153,7 +153,7 @@ int main()
 {
     std::setvbuf(stdout, nullptr, _IONBF, 0); // between the lines of the log
     if (unshare(CLONE_NEWNET) != 0) {
-        std::perror("operations: a network of its own takes root, ./dev demo does not");
+        std::perror("operations: a network of its own requires root, ./dev demo does not");
         return 1;
     }
 

@@ -1,7 +1,7 @@
 // Requests of your own, with the object behind every operation: a dump of the interfaces, and a change of one.
 //
 //     own_request               lists the interfaces with their MTU
-//     own_request DEVICE MTU    sets one, which takes root
+//     own_request DEVICE MTU    sets one, which requires root
 
 #include <vesk/netlink.h>
 
@@ -15,7 +15,8 @@
 #include <linux/rtnetlink.h>
 #include <net/if.h>
 
-// A dump callback sees each message of the reply. It checks the type and the length, then asks for the attributes.
+// A dump callback sees each message of the reply. Only its nlmsg_len was checked before: it checks the type, and that the
+// structure is there, then asks for the attributes.
 static void printLink(nlmsghdr* message, void* context)
 {
     constexpr unsigned int start = NLMSG_SPACE(sizeof(ifinfomsg));
@@ -37,6 +38,8 @@ static void printLink(nlmsghdr* message, void* context)
 
 static int listLinks()
 {
+    // Without IFLA_EXT_MASK, kernels send no datagram that is longer than a receive. With it they may, and a cut
+    // between two links would not show.
     ifinfomsg any = {};
     Vesk::NetlinkMessage msg;
     msg.setNLMsgHeader(NETLINK_ROUTE, RTM_GETLINK, NLM_F_REQUEST | NLM_F_DUMP);

@@ -12,7 +12,8 @@
 
 using namespace Vesk::Testing;
 
-// The code under test: takes a smaller size when the kernel refuses the one that is wanted. 0: none was set.
+// The code under test: takes a smaller size when the platform's kernel refuses the one that is wanted. 0: none was set.
+// (Mainline kernels refuse the request with ERANGE whatever the size is: there it yields 0.)
 static unsigned short limitSegments(std::string device, unsigned short wanted)
 {
     for (; wanted > 1500; wanted = static_cast<unsigned short>(wanted / 2)) {

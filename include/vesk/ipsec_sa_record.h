@@ -3,17 +3,38 @@
  * The modem's IPsec security-association record, as far as this library reads it.
  *
  * The modem describes a pair of security associations (SAs): one outgoing (TX), one incoming (RX). They share
- * protocol, mode, algorithms and addresses; each has its own SPI and keys. The decoder of the modem's messages
- * fills the record; the library only reads it and keeps no reference to it after a call.
+ * protocol, mode, algorithms and addresses; each has its own SPI and keys. The library only reads a record, and keeps
+ * no reference to it after a call.
+ *
+ * Fields that the library never reads are not declared, so the modem's own structure may be longer. Copy it field by
+ * field. Cast a pointer only if all offsets are those of this one.
  *
  * Each optional field follows a flag of one byte, of the same name with the suffix `_valid`. A flag other than 0 says
- * that the field holds a value. Set both, whatever you call:
+ * that the field holds a value. Set both for each field. These calls look at flags:
  *
- * - To add or update SAs, and to add policies, a field that is needed and has the flag 0 is refused (EINVAL).
- * - To find SAs again, for removing or updating them, SPIs, addresses and protocol are compared, whatever the flags.
- * - To migrate, the flags of the mode and of the UDP encapsulation count, others do not.
+ * - `addXFRMStates`, `updateXFRMStates` and `addXFRMPolicies` refuse (EINVAL) a needed field whose flag is 0.
+ * - `migrateXFRMInfo` refuses a mode whose flag is 0. With the flag 0, a field of UDP encapsulation counts as 0.
  *
- * Fields that the library never reads are not declared.
+ * Removing, and the search for the SAs to update, use SPIs, addresses and protocol whatever the flags say.
+ *
+ * @warning Check a record before you pass it on. The library does not refuse the following, and kernels may take it.
+ *
+ * | check that | else |
+ * |---|---|
+ * | cipher keys have at most 128 bytes, integrity keys at most 440 | the process ends |
+ * | keys have the lengths of the table below | kernels take integrity keys of any length, 0 too; EINVAL for others |
+ * | both addresses have `ip_type` 4, or both 6 with `addr_len` 16 | an SA leads elsewhere, to 0.0.0.0 for example |
+ * | `ipsec_protocol` is 2 or 3 | only its low 8 bits count to add; SAs are not found again, to update or remove |
+ * | `spi_tx` and `spi_rx` differ | RX is not found again |
+ * | with `udp_encap`, `udp_encap_port` is set and valid | SAs are without UDP encapsulation, and nothing fails |
+ *
+ * | algorithm | key in bytes | what kernels take |
+ * |---|---|---|
+ * | DES, 3DES | 8, 24 | these |
+ * | AES in CBC mode | 16, 24 or 32 | these |
+ * | AES in CTR mode | 20, 28 or 36: the key and 4 bytes of nonce | these |
+ * | AES-XCBC | 16 | 16, 24, 32 |
+ * | HMAC with MD5, SHA-1, SHA-256, SHA-384, SHA-512 | 16, 20, 32, 48, 64 | any |
  */
 #ifndef VESK_IPSEC_SA_RECORD_H
 #define VESK_IPSEC_SA_RECORD_H
@@ -68,7 +89,7 @@ enum tro_ipsec_aes_mode_enum_v01 : std::uint32_t {
 /// An IP address as the modem writes it.
 struct tro_ip_addr_type_v01 {
     std::uint32_t ip_type;  ///< A `tro_ip_type_enum_v01`; any other value is invalid.
-    std::uint32_t addr_len; ///< Bytes of `addr` that are sent; read for IPv6 only. Above 16 counts as 16.
+    std::uint32_t addr_len; ///< Bytes of `addr` that are sent; read for IPv6 only. More than 16 count as 16.
     std::uint8_t addr[16];  ///< IPv6: 16 bytes in network order. IPv4: the first 4 bytes are one word in HOST order.
 };
 
@@ -97,7 +118,7 @@ struct tro_ipsec_static_sa_config_ex_info_ind_msg_v01 {
     std::uint32_t crypto_key_tx_len; ///< In bytes, at most 128.
     std::uint8_t crypto_key_tx[128]; ///< Cipher key of the outgoing SA.
     std::uint8_t udp_encap_valid;
-    std::uint8_t udp_encap; ///< Non-zero, with a valid port: ESP is carried in UDP (NAT traversal).
+    std::uint8_t udp_encap; ///< Non-zero: ESP is carried in UDP (NAT traversal). Without a valid port it is not.
     std::uint8_t aes_mode_valid;
     std::uint32_t aes_mode; ///< A `tro_ipsec_aes_mode_enum_v01`; CBC when not valid.
     std::uint8_t udp_encap_port_valid;
@@ -110,9 +131,9 @@ struct tro_ipsec_static_sa_config_ex_info_ind_msg_v01 {
     std::uint8_t hash_key_tx[1024]; ///< Integrity key of the outgoing SA.
 };
 
-/// The radio technology that carries the tunnel. Any value may be passed; one is told apart.
+/// The radio technology that carries the tunnel. Any value may be passed; only this one makes a difference.
 enum tro_technology_name_enum_v01 : std::int32_t {
-    TRO_TECHNOLOGY_NAME_MARKED_RX_V01 = -32640, ///< The incoming SA gets an output mark too.
+    TRO_TECHNOLOGY_NAME_MARKED_RX_V01 = -32640, ///< The incoming SA gets an output mark, 0x20002.
 };
 
 /// @}

@@ -12,52 +12,53 @@
  *
  * ### Results and errno
  *
- * Operations return 0, or -1 with the reason in errno. (`RTNetlinkGetRoute` has them in `status`; `RTNetlinkGetRule`
- * returns no value instead of -1.) Outputs are written on success only. Each operation lists its own errors. These are
- * general:
+ * Operations return 0, or -1 with the reason in errno. (`RTNetlinkGetRoute` has them in `status`, and
+ * `RTNetlinkGetRule` no value for -1.) Outputs are written on success only. Each operation lists its own errors, beside
+ * these:
  *
- * | errno | reason | did the kernel act? |
+ * | errno | reason | was the request that failed carried out? |
  * |---|---|---|
- * | EINVAL | an argument, a text or a record is refused | no |
- * | ENODEV | no interface has that name | no |
+ * | EINVAL | an argument or a record is refused | no |
+ * | ENODEV | no interface has that name (`RTNetlinkGetRule`: ENOENT) | no |
  * | EAFNOSUPPORT | the address or family is neither AF_INET nor AF_INET6 | no |
- * | EPERM, EACCES | CAP_NET_ADMIN is missing; SELinux forbids it | no |
+ * | EPERM, EACCES | CAP_NET_ADMIN is missing; SELinux forbids it (of routes: see `RTNetlinkGetRoute`) | no |
  * | EMFILE, ENFILE | too many descriptors are open | no |
  * | EPROTONOSUPPORT | the kernel lacks the netlink protocol, such as NETLINK_XFRM | no |
  * | ENOMEM | memory ran out, here or in the kernel | no |
+ * | EMSGSIZE | the request is too long for the socket | no |
+ * | EMSGSIZE | the reply is too long for a receive | perhaps |
  * | ENOBUFS | memory ran out in the kernel; its reply may be lost | perhaps |
- * | EINTR | a signal interrupted the wait for the reply | perhaps |
- * | EBADMSG | the reply holds no complete answer | perhaps |
- * | EMSGSIZE | the request is too long for the socket (no), or the reply for a receive | perhaps |
+ * | EINTR | a signal interrupted the wait for the reply (after 0: see `messageDump`) | perhaps |
+ * | EBADMSG | the reply holds no complete acknowledgement or message | perhaps |
  *
- * After a success errno means nothing, except after a dump: see `messageDump`.
+ * After a success errno means nothing, unless the operation says otherwise.
  *
- * After a failure the library keeps nothing. An operation that sends one request was carried out or not; one that sends
- * several says below what stays.
+ * A failed call leaks no memory or socket. Operations of several requests say what stays in the kernel.
  *
- * @warning When memory runs out, operations other than those of IPsec may send a request that lacks a piece, and
- * succeed: a route then goes to another table, for example. The log says "adding attribute ... failed".
+ * @warning When memory runs out, operations other than those of IPsec may send an incomplete request and return 0: a
+ * route may land in another table. The log says so.
  *
  * ### Where it may be called
  *
  * | in | may it? |
  * |---|---|
- * | any thread | Yes, at any time. One `NetlinkMessage` belongs to one thread. |
+ * | any thread | Yes, in its network namespace. One `NetlinkMessage` belongs to one thread. |
  * | a callback | Yes, with other `NetlinkMessage` objects. |
  * | a signal handler | Never: it allocates and logs. |
  * | the child of `fork` | Yes, but in a process of several threads only after `exec`. Share no `NetlinkMessage`. |
  *
- * @warning Receives have no time-out. A signal interrupts them (EINTR), unless its handler has SA_RESTART.
+ * @warning Receives have no time-out. Signals interrupt them (EINTR), unless the handler has SA_RESTART:
+ * docs/porting.md has a watchdog.
  *
  * ### What ends the process
  *
- * | what | why (SIGABRT follows a line on standard error) |
+ * | what | how (SIGABRT: after a line on standard error, on Android the abort message; `LogMgr` gets none) |
  * |---|---|
  * | a null pointer, unless a parameter allows it | it is read |
  * | a record with a cipher key above 128 bytes, or an integrity key above 440 | SIGABRT: no room |
  * | a payload of -4 to -1 bytes, an attribute of 2^31 - 7 and more | SIGABRT: the padded length overflows |
- * | the end of a nest whose handle starts behind the last attribute | SIGABRT: negative length |
- * | parsing attributes that end before the padding of the last one | SIGABRT: negative length |
+ * | the end of a nested attribute whose handle starts behind the last attribute | SIGABRT: negative length |
+ * | `parseAttributes` with a `len` that leaves out the padding of the last attribute | SIGABRT: negative length |
  * | `extack` for a message whose lengths contradict each other | SIGABRT: negative length |
  * | a reply of the kernel whose lengths do | SIGABRT: negative length |
  * | `addrlabelGenerate`, when the table has several labels and all are above 20 | SIGABRT: negative difference |
@@ -66,9 +67,9 @@
  *
  * ### Log, keys, bytes
  *
- * `LogMgr` gets failures at level 4, steps at 3, fields of requests at 2, objects passed over at 1. Keys of SAs are
- * never logged, and wiped from released memory; SECURITY.md has the limits. Numbers are in host byte order.
- * docs/wire.md has each request byte by byte, docs/porting.md what kernels make of it.
+ * `LogMgr` gets failures at level 4, steps and skipped rules at 3, fields of requests at 2, other skipped objects at 1.
+ * Keys of SAs are never logged, and wiped from released memory. Numbers are in host byte order. SECURITY.md has the
+ * limits and what is logged, docs/wire.md each request, docs/porting.md what kernels make of it.
  */
 #ifndef VESK_NETLINK_H
 #define VESK_NETLINK_H
@@ -93,14 +94,14 @@ namespace Vesk {
 /// @addtogroup request
 /// @{
 
-/// What a query callback says. Any other value counts as `NetlinkQueryContinue`.
+/// What a query callback returns. Others count as `NetlinkQueryContinue`.
 enum VeskNetlinkQueryReturn {
     NetlinkQueryFailed   = 0, ///< Stop, the query failed.
-    NetlinkQueryDone     = 1, ///< Stop, what was asked for was found.
+    NetlinkQueryDone     = 1, ///< Stop, it was found.
     NetlinkQueryContinue = 2, ///< Show me the next message.
 };
 
-/// Sees one message of a query's reply, which is valid during the call only.
+/// Sees one message of a query's reply, valid during the call only; of it `nlmsg_len` alone was checked.
 using QueryCallback = VeskNetlinkQueryReturn(nlmsghdr* message, void* context);
 
 /// The same for a dump.
@@ -120,9 +121,8 @@ using NestedAttrHandle = std::pair<std::uint64_t, std::uint64_t>;
  *     return msg.messageTransact();
  *
  * @warning An object serves one request: do not send it twice.
- * @warning Building reports no failure: without memory a piece is missing, and only the log says so.
- *
- * A kernel may refuse a request of your own half-way: RTM_NEWLINK with an MTU and a bad master fails, and sets the MTU.
+ * @warning Building reports no failure: only the log says that memory ran out.
+ * @warning A kernel may have carried out half of what it refuses: RTM_NEWLINK, for example.
  */
 class VESK_EXPORT NetlinkMessage {
 public:
@@ -135,13 +135,13 @@ public:
      * Chooses protocol and header.
      * @param netlinkProtocol  NETLINK_ROUTE, ...
      * @param type             `nlmsg_type`
-     * @param flags            `nlmsg_flags`, all of them: none is added
+     * @param flags            `nlmsg_flags`; none is added
      */
     void setNLMsgHeader(int netlinkProtocol, unsigned short type, unsigned short flags) noexcept;
 
     /**
-     * Copies the structure that follows the header, in place of an earlier one, and pads it to 4 bytes.
-     * @param len   bytes; below -4 nothing is added
+     * Copies the structure behind the header, in place of an earlier one, and pads it to 4 bytes.
+     * @param len   bytes; -4 to -1 end the process, lower ones add nothing (logged)
      * @param data  `len` bytes; may be null for 0
      */
     void addMsgPayload(int len, void* data) noexcept;
@@ -151,8 +151,8 @@ public:
 
     /**
      * Appends an attribute, and pads it to 4 bytes.
-     * @param type  `nla_type`, with flag bits; of one with NLA_F_NESTED only the header is sent
-     * @param len   bytes; above 65,531 the send fails; a negative one is not added, and not logged
+     * @param type  `nla_type`, with flag bits; NLA_F_NESTED drops the value
+     * @param len   bytes, 0 to 65,531; a negative one adds nothing
      * @param data  `len` bytes; may be null for 0
      */
     void addNLAttribute(int type, int len, void* data) noexcept;
@@ -170,7 +170,7 @@ public:
      */
     void startNestedNLAttribute(int type, NestedAttrHandle& handle) noexcept;
 
-    /// Closes a nested attribute: writes its length, modulo 65,536. A handle that names no nest is only logged.
+    /// Closes a nested attribute: writes its length. A handle that names none is only logged.
     void endNestedNLAttribute(NestedAttrHandle& handle) noexcept;
 
     /// Wipes and frees the attributes. After this the object may only be destroyed.
@@ -183,7 +183,7 @@ public:
      * Sends the request as one datagram.
      * @return 0, or -1 with errno:
      *   - EBADF: no socket is open
-     *   - EMSGSIZE: too long; or sent, but its header says another length
+     *   - EMSGSIZE: too long; or sent, but a length is wrong: the kernel may have acted
      */
     int messageSend() noexcept;
 
@@ -194,10 +194,10 @@ public:
      */
     int messageTransact() noexcept;
 
-    /// Logs the kernel's words for a refusal, an NLMSG_ERROR. Often none are found. Exchanges do this.
+    /// Logs the kernel's text in a refusal (NLMSG_ERROR), if it is found, which is seldom.
     void extack(nlmsghdr* msg) noexcept;
 
-    /// @return the kernel's last refusal as a negative errno, or 0. A success does not reset it. Prefer errno.
+    /// @return the kernel's last refusal as a negative errno, or 0. Prefer errno.
     int getKernelError() noexcept;
 
     /// Stores the arguments of `messageQuery()`.
@@ -207,16 +207,15 @@ public:
     int messageQuery() noexcept;
 
     /**
-     * Sends the request and shows the messages of one reply datagram to a callback, until it is satisfied.
+     * Sends the request and shows the messages of one reply datagram to a callback, until one satisfies it.
      * @warning Query without NLM_F_ACK: an acknowledgement before the reply fails it (EBADMSG).
-     * @param cb                called for each message
+     * @warning Without a reply it waits for ever.
+     * @param cb                called for each message; null is refused (EINVAL)
      * @param ctx               passed to it; may be null
      * @param responseRequired  whether it fails when no message satisfied it
      * @return 0, or -1 with errno: the kernel's, when it refused; or
-     *   - EINVAL: `cb` is null
      *   - ECANCELED: the callback returned `NetlinkQueryFailed`
-     *   - ENOENT: none satisfied it, and one is required
-     *   - EMSGSIZE: the reply was cut off before
+     *   - ENOENT: none satisfied it
      */
     int messageQuery(QueryCallback* cb, void* ctx, bool responseRequired) noexcept;
 
@@ -229,16 +228,11 @@ public:
     /**
      * Sends the request and shows all messages of the reply to a callback, until the kernel says that it is done.
      * @warning Without NLM_F_DUMP in the flags this may wait for ever: the kernel sends no end.
-     * @warning After a result of 0, errno is 0 when the dump was whole, and EINTR when the table changed meanwhile:
-     * entries may be missing. Dump again.
-     *
-     * A datagram longer than a page, or than 8,192 bytes, is cut off; those of links can be. A cut between two messages
-     * does not show: the rest is missing without a failure.
-     * @param cb   called for each message
-     * @param ctx  passed to it; may be null
-     * @return 0, or -1 with errno: the kernel's, when it refused or broke off; or
-     *   - EINVAL: `cb` is null
-     *   - EMSGSIZE: the reply was cut off
+     * @warning After a result of 0, errno is 0, or EINTR when the table changed meanwhile: entries may be missing.
+     * @warning Long datagrams, as of links with IFLA_EXT_MASK, are cut off. A cut between two messages does not show:
+     * the rest is missing, and the result is 0.
+     * @param cb,ctx  as for `messageQuery`
+     * @return 0, or -1 with errno: the kernel's, when it refused or aborted
      */
     int messageDump(DumpCallback* cb, void* ctx) noexcept;
 
@@ -286,7 +280,8 @@ private:
  * @param id       receives the number
  * @return 0, or -1 with errno:
  *   - ENOENT: no such family
- *   - EINVAL, ERANGE: the name is too long
+ *   - EINVAL: the name is too long
+ *   - ERANGE: likewise, and a NUL is among its first 16
  */
 VESK_EXPORT int queryGenericNetlinkFamily(std::string& name, unsigned char version, unsigned short* id) noexcept;
 
@@ -308,7 +303,7 @@ enum AddressLifetimeChange : int {
  * @warning For the platform's kernel only: mainline refuses it.
  * @param device         interface name
  * @param address        AF_INET or AF_INET6
- * @param prefixLength   in bits, 0 to 32 or 128
+ * @param prefixLength   in bits, 0 to 32 or 128; sent modulo 256
  * @param change         what to do
  * @param validLifetime  in seconds, for the two deprecating changes
  * @return 0, or -1 with errno:
@@ -328,14 +323,15 @@ VESK_EXPORT int RTNetlinkAddressCfg(std::string& device, sockaddr_storage* addre
 VESK_EXPORT int RTNetlinkSetGSOMaxSize(std::string& device, unsigned short gsoMaxSize) noexcept;
 
 /**
- * Installs an IPv4 host route through the gateway that the kernel uses for the destination now.
+ * Installs an IPv4 host route, of metric 100, through the gateway that the kernel uses for the destination now.
+ * @warning After EEXIST, the route that exists may have another gateway and interface.
  * @param destination    address text
  * @param mark           firewall mark of the gateway's look-up; not of the route
  * @param family         AF_INET; IPv6 gateways are not accepted
  * @param table          routing table, 0 for the main one
  * @param outputIfIndex  index of the output interface, 0 for the gateway's
  * @return 0, or -1 with errno of `RTNetlinkGetRoute`, or:
- *   - EEXIST: the table has such a route
+ *   - EEXIST: the table has a route of this destination and metric
  *   - ENOENT: no IPv4 gateway leads there
  *   - ENETUNREACH: that interface is down, missing, or does not reach the gateway
  */
@@ -344,9 +340,8 @@ VESK_EXPORT int RTNetlinkAddRoute(std::string destination, unsigned int mark, un
 
 /**
  * Asks to remove the route that `RTNetlinkAddRoute` installed with the same arguments.
- * @warning 0 says that the request was sent, not that a route was removed: it is not acknowledged. To know, dump the
- * table.
- * @warning The gateway is looked up again. When it has changed, the installed route stays.
+ * @warning The removal is not acknowledged: 0 says only that the request was sent. To know, dump the table.
+ * @warning The gateway is looked up again. When it has changed, the route stays.
  * @return 0, or -1 with errno of `RTNetlinkGetRoute`, or:
  *   - ENOENT: no IPv4 gateway leads there
  */
@@ -362,8 +357,7 @@ struct RouterAddressResult {
 /**
  * Asks the kernel for the gateway of the route that it would use.
  *
- * The gateway is empty, with status 0, when the route has none or one of IPv6, and when the reply names no table or no
- * interface that exists.
+ * The gateway is empty, with status 0, when the route has none or one of IPv6, or names no table or existing interface.
  * @param destination  address text
  * @param mark         firewall mark of the look-up
  * @param family       AF_INET or AF_INET6
@@ -379,7 +373,7 @@ VESK_EXPORT RouterAddressResult RTNetlinkGetRoute(std::string destination, unsig
  * @param device  interface name
  * @return mark and mask, with errno as after `messageDump`; or no value, with errno:
  *   - ENOENT: no such interface or rule, or its mark or mask is 0
- *   - EINTR: none was seen, but rules changed meanwhile
+ *   - EINTR: a signal; or none was seen, but rules changed meanwhile
  */
 VESK_EXPORT std::optional<std::pair<unsigned int, unsigned int>> RTNetlinkGetRule(std::string device) noexcept;
 
@@ -400,21 +394,19 @@ VESK_EXPORT int RTNetlinkTCQdisc(std::string& device, std::string& kind, unsigne
 
 /**
  * Installs or removes the platform's five-band "prio". Parameters as for `RTNetlinkTCQdisc`.
- * @warning To add it is for the platform's kernel only: mainline refuses it.
- * @return 0, or -1 with errno of `RTNetlinkTCQdisc`, or:
- *   - EINVAL: mainline kernels, to add
+ * @warning To add it is for the platform's kernel only: mainline refuses it (EINVAL).
+ * @return 0, or -1 with errno of `RTNetlinkTCQdisc`
  */
 VESK_EXPORT int RTNetlinkTCPrio(std::string& device, unsigned int parent, unsigned int handle,
                                 unsigned char operation) noexcept;
 
 /**
  * Installs, changes or removes the platform's three-band "prio" with its flow-control switch.
- * @warning To add or change it is for the platform's kernel only: mainline refuses it.
+ * @warning To add or change it is for the platform's kernel only: mainline refuses it (EINVAL).
  * @param device,parent,handle  as for `RTNetlinkTCQdisc`
  * @param enable     the switch: 0 is off
  * @param operation  0: add, 1: delete, 2: change
  * @return 0, or -1 with errno of `RTNetlinkTCQdisc`, or:
- *   - EINVAL: mainline kernels, to add or change
  *   - EEXIST: to change, it has another handle
  *   - ENOENT: to change, there is none
  */
@@ -429,12 +421,12 @@ VESK_EXPORT int RTNetlinkFlowControl(std::string& device, unsigned int parent, u
 /**
  * Adds an IPv6 address label.
  * @param address       AF_INET6
- * @param prefixLength  in bits, 0 to 128
+ * @param prefixLength  in bits, 0 to 128; sent modulo 256
  * @param label         any value but 0xffffffff
  * @param ifIndex       interface index, 0 for all interfaces
  * @return 0, or -1 with errno:
  *   - EEXIST: there is an entry for this prefix and interface
- *   - EINVAL: prefix too long, no such interface, or label 0xffffffff
+ *   - EINVAL: prefix of 129 to 255, no such interface, or label 0xffffffff
  *   - EOPNOTSUPP: an IPv4 address (mainline kernels)
  */
 VESK_EXPORT int addrlabelAdd(sockaddr_storage* address, unsigned int prefixLength, unsigned int label,
@@ -449,9 +441,9 @@ VESK_EXPORT int addrlabelDel(sockaddr_storage* address, unsigned int prefixLengt
                              unsigned int ifIndex) noexcept;
 
 /**
- * Proposes a free label: one right below a used label above 20, or else `rand()` above the largest.
+ * Proposes a free label: the top of the first gap below a label above 20; without one, the largest plus `rand()`.
  * @warning Processes that do not seed `rand()` all propose the same label.
- * @warning Nothing is reserved. `rand()` may yield 0: the largest label itself, which is in use.
+ * @warning Nothing is reserved. `rand()` may yield 0, and so a label in use.
  * @param family      AF_INET6; not read for the default
  * @param useDefault  propose label 1, without asking the kernel
  * @param label       receives the proposal
@@ -463,8 +455,8 @@ VESK_EXPORT int addrlabelGenerate(int family, bool useDefault, unsigned int* lab
 
 /**
  * Deletes the label of an address, and all entries with this label, prefix length and interface.
- * @warning 0 does not say that none is left: kernels skip entries where the table has more than about 140. Repeat, with
- * the address of one that is left. docs/wire.md says which others stay.
+ * @warning 0 does not say that none is left. Kernels skip entries of tables above some 140: repeat, with the address of
+ * one that is left. Labels 0 and 2 to 19 stay, and all when a longer prefix matches (docs/wire.md).
  * @param address       AF_INET6
  * @param prefixLength  in bits, as that of the entry
  * @param ifIndex       interface index, 0 for entries without one
@@ -481,35 +473,35 @@ VESK_EXPORT int addrlabelPurge(sockaddr_storage* address, unsigned int prefixLen
 /// @{
 
 /**
- * Installs the two SAs of a record: TX, then RX.
- * @warning Add policies first, then SAs; remove SAs first, then policies. Else traffic passes in clear meanwhile.
- * @warning Check the record first. The process ends, or kernels take what nobody means, unless
- *   - cipher keys have at most 128 bytes, and integrity keys the length of their hash: kernels take any, 0 included
- *   - both addresses have `ip_type` 4, or both 6 with `addr_len` 16
- *   - `ipsec_protocol` is 2 or 3: only its low 8 bits are looked at
- *   - `spi_tx` and `spi_rx` differ
- *
- * When RX fails, TX stays: `removeXFRMStates` removes it. SAs have no replay window.
+ * Installs the two SAs of a record: TX and, when that succeeds, RX.
+ * @warning Add policies first, then SAs; remove SAs first, then policies. Else traffic passes in the clear meanwhile.
+ * @warning SAs have no replay window, no lifetime limits and no extended sequence numbers.
+ * @warning Check the record as @ref ipsec_sa_record.h says: it may end the process, and kernels take integrity keys of
+ * 0 bytes.
+ * @warning When RX fails, TX stays. Remove it with a copy of the record whose `spi_rx` is `spi_tx`: the record itself
+ * may match an RX of somebody else.
  * @param record      the SAs
- * @param technology  one value gives RX an output mark
- * @param mark        output mark of TX; bit 0x20000 is added
+ * @param technology  TRO_TECHNOLOGY_NAME_MARKED_RX_V01 gives RX an output mark
+ * @param mark        output mark of TX; bit 0x20000 is always set
  * @param mask        its mask, likewise
  * @return 0, or -1 with errno:
- *   - EINVAL: the record is refused, a key has the wrong length; AH (mainline kernels)
+ *   - EINVAL: the record or a key is refused; AH (mainline kernels)
  *   - EEXIST: there is an SA with this SPI, destination and protocol; its keys may be others
- *   - EPROTONOSUPPORT, ENOSYS: the kernel has no ESP, or not the algorithm
+ *   - EPROTONOSUPPORT, ENOSYS, ENOENT: the kernel has no ESP; or not the algorithm
  */
 VESK_EXPORT int addXFRMStates(tro_ipsec_static_sa_config_ex_info_ind_msg_v01& record,
                               tro_technology_name_enum_v01 technology, unsigned int mark, unsigned int mask) noexcept;
 
 /**
  * Updates marks and UDP ports of a record's installed SAs. Parameters and checks as for `addXFRMStates`.
- * @warning Mainline kernels keep keys, algorithms and counters, without a failure. To change keys, call
- * `removeXFRMStates` with the old record, then `addXFRMStates` with the new one; the policies stay.
- *
- * TX comes first; when it fails, nothing else is tried. A failure of RX is only logged, and the result may be 0.
+ * @warning Mainline kernels keep keys, algorithms and counters, and do not fail. For new keys, call `removeXFRMStates`
+ * with the old record, then `addXFRMStates` with the new one. New SPIs need new policies, too (docs/tunnel.md).
+ * @warning 0 does not prove that RX was updated, nor -1 that nothing was: after TX's update the last step alone
+ * decides, RX's counters.
+ * @warning The counters sent may be RX's for TX, and are 0 for RX. Mainline kernels ignore them. One that takes them
+ * may repeat sequence numbers.
  * @return 0, or -1 with errno:
- *   - ESRCH: no such SA
+ *   - ESRCH: no such TX
  *   - EINVAL: as for `addXFRMStates`, or UDP encapsulation would begin or end
  */
 VESK_EXPORT int updateXFRMStates(tro_ipsec_static_sa_config_ex_info_ind_msg_v01& record,
@@ -518,16 +510,18 @@ VESK_EXPORT int updateXFRMStates(tro_ipsec_static_sa_config_ex_info_ind_msg_v01&
 
 /**
  * Removes the SAs that have a record's protocol, addresses, and an SPI.
- * @warning With equal SPIs in both directions RX stays.
+ * @warning 0 does not say that they are gone: a removal that failed is only logged. To know, dump XFRM_MSG_GETSA.
+ * @warning With equal SPIs RX stays.
  * @param record  read without regard to the `_valid` flags
- * @return 0, also when none was there or a removal failed (logged); or -1 with errno, and earlier removals stay
+ * @return 0, also when none was there, with errno as after `messageDump`; or -1 with errno, and earlier removals stay
  */
 VESK_EXPORT int removeXFRMStates(tro_ipsec_static_sa_config_ex_info_ind_msg_v01& record) noexcept;
 
 /**
  * Installs the policies of one side of a tunnel: out, or in and then fwd.
+ * @warning A policy uses SAs with the record's SPI only. New SPIs need new policies: with the old ones traffic stops.
  * @warning Prefixes "/x", "/" and "/08" (octal) are read as 0, and select everything. Of a number the low 8 bits count.
- * @warning Check that both selectors have one family, and the record as for `addXFRMStates`: kernels may take others.
+ * @warning Check the record, and that both selectors have one family: kernels may take others.
  *
  * When fwd fails, in stays.
  * @param record       the SAs to use
@@ -546,7 +540,8 @@ VESK_EXPORT int addXFRMPolicies(tro_ipsec_static_sa_config_ex_info_ind_msg_v01& 
  * Removes the policies of one side of a tunnel: out, or in and then fwd. Parameters as for `addXFRMPolicies`.
  * @warning Any policy of that selector and direction is removed, also one that somebody else made.
  *
- * When in fails, fwd is not tried. When fwd fails, in is gone, and another call fails at in: add both again first.
+ * When in fails, fwd is not tried. When fwd fails, in is gone: add both again before another try (EEXIST of fwd is
+ * expected).
  * @return 0, or -1 with errno:
  *   - ENOENT: no such policy
  */
@@ -570,14 +565,14 @@ VESK_EXPORT int addXFRMPolicyEx(unsigned char direction) noexcept;
 VESK_EXPORT int removeXFRMPolicyEx(unsigned char direction) noexcept;
 
 /**
- * Moves SAs and policies to a new local address: out, in, then fwd. Without SAs it moves the policies alone.
- * @warning A failure may leave directions at different addresses. What was moved is moved back; when that fails
- * (logged), remove all and add it anew.
- * @warning Check the new address as for `addXFRMStates`: one of unknown type fails (ENODATA) where SAs exist, but
- * leaves templates of zeros where none do.
- *
- * Nobody else may change these SAs meanwhile. Moving back needs `encap_mode_valid` in the old record.
- * @param oldRecord       the record as installed
+ * Moves SAs and policies to the new record's local address and UDP encapsulation: out, in, then fwd. SPIs and keys
+ * stay. Without SAs it moves the policies alone.
+ * @warning A failure may leave directions at different addresses: what was moved is moved back, but when that fails
+ * (logged), remove and add all anew.
+ * @warning Check the new address: one of unknown type fails where SAs exist (ENODATA), else leaves templates of zeros.
+ * @warning Nobody else may change these SAs meanwhile. A packet may be lost while one is copied. Kernels up to 6.12
+ * keep UDP encapsulation that the new record lacks.
+ * @param oldRecord       the record as installed, with `encap_mode_valid`
  * @param newRecord       the same mode, protocol and peer
  * @param localSelector   this end's, as passed to `addXFRMPolicies`
  * @param remoteSelector  the peer's, likewise

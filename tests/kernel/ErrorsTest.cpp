@@ -153,7 +153,7 @@ TEST(Errors, OfIPsec)
            {"removeXFRMPolicyEx", ENOENT, [] { return removeXFRMPolicyEx(XFRM_POLICY_OUT); }}});
 
     if (states(addXFRMStates, record) != 0) { // a kernel without ESP, or without an algorithm
-        EXPECT_TRUE(errno == EPROTONOSUPPORT || errno == ENOSYS) << errno;
+        EXPECT_TRUE(errno == EPROTONOSUPPORT || errno == ENOSYS || errno == ENOENT) << errno;
         return;
     }
     check({{"addXFRMStates", EEXIST, [&] { return states(addXFRMStates, record); }},
