@@ -10,7 +10,7 @@
 
 /// How important a line is, rising.
 enum log_level {
-    log_level_verbose = 1, ///< objects that are passed over, and successes
+    log_level_verbose = 1, ///< objects that are skipped, and successes
     log_level_detail  = 2, ///< field by field what is sent
     log_level_notice  = 3, ///< progress, and events that are no failures
     log_level_failure = 4, ///< what was refused, or failed
