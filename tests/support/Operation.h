@@ -42,18 +42,21 @@ private:
 template <typename Parameter>
 struct Held {
     using Value = std::remove_cvref_t<Parameter>;
-    explicit Held(const auto& argument) : value(static_cast<Value>(argument))
+    explicit Held(const auto& argument, std::size_t place = 0) : value(static_cast<Value>(argument))
     {
+        static_assert(!std::is_floating_point_v<std::remove_cvref_t<decltype(argument)>>);
         if constexpr (std::is_integral_v<Value> && !std::is_same_v<Value, bool>)
             if (!std::in_range<Value>(+argument))
-                throw std::out_of_range("an argument's type cannot hold " + std::to_string(argument));
+                throw std::out_of_range("argument " + std::to_string(place + 1) + ", which has " +
+                                        std::to_string(sizeof(Value)) + " bytes, cannot hold " +
+                                        std::to_string(argument));
     }
     auto& pass() { return value; }
     Value value;
 };
 template <>
 struct Held<sockaddr_storage*> {
-    explicit Held(const char* text) : value(socketAddress(text)) {}
+    explicit Held(const char* text, std::size_t = 0) : value(socketAddress(text)) {}
     auto* pass() { return &value; }
     sockaddr_storage value;
 };
@@ -63,7 +66,9 @@ struct Operation : std::function<Result()> {
     using function::function;
     template <typename Returned, typename... Parameters>
     Operation(Returned (*operation)(Parameters...), const auto&... arguments)
-        : Operation(holding(operation, std::tuple(Held<Parameters>(arguments)...)))
+        : Operation([&]<std::size_t... places>(std::index_sequence<places...>) {
+              return holding(operation, std::tuple(Held<Parameters>(arguments, places)...));
+          }(std::index_sequence_for<Parameters...>()))
     {}
 
     template <typename Returned, typename... Parameters>
