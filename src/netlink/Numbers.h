@@ -27,6 +27,8 @@ constexpr std::uint32_t kLastSystemLabel = 20;
 constexpr std::uint32_t kFirstOwnLabel   = 20; // kept: a gap below 21 yields it
 
 // IPsec
+constexpr std::uint32_t kOutputMark     = 0x20000; // on all of TX, added to the caller's mark and mask
+constexpr std::uint32_t kMarkedRx       = 0x20002;
 constexpr std::uint32_t kPolicyPriority = 100;
 constexpr std::uint32_t kBypassPriority = 10;
 constexpr const char* kBypassSelector   = "fe80::/64"; // of ICMPv6, to any link-local address

@@ -45,8 +45,6 @@ constexpr char kLogSource[] = "src/netlink/XFRMHelper";
 using SaRecord   = tro_ipsec_static_sa_config_ex_info_ind_msg_v01;
 using Technology = tro_technology_name_enum_v01;
 
-constexpr unsigned int kOutputMark       = 0x20000; // on all of TX, added to the caller's mark and mask
-constexpr unsigned int kMarkedRx         = 0x20002;
 constexpr std::size_t kAlgorithmCapacity = 512;
 
 // Keys and addresses have lines in the log, which show them empty.

@@ -25,7 +25,7 @@ namespace {
 
 using Bytes = std::span<const unsigned char>;
 
-std::string joined(const std::string& first, const char* between, const std::string& last)
+std::string chained(const std::string& first, const char* between, const std::string& last)
 {
     return first.empty() || last.empty() ? first + last : first + between + last;
 }
@@ -77,7 +77,7 @@ void nameFlags(Field& field, std::uint64_t flags, const Names& names)
 {
     for (const Name& each : names.names)
         if ((flags & each.value) == each.value) {
-            field.text = joined(field.text, " ", bare(names, each));
+            field.text = chained(field.text, " ", bare(names, each));
             field.words.push_back(wordOf(names, each));
             flags &= ~each.value;
         }
@@ -85,7 +85,7 @@ void nameFlags(Field& field, std::uint64_t flags, const Names& names)
     if (field.unnamed)
         field.words.push_back(hexadecimal(flags));
     if (field.unnamed || field.text.empty())
-        field.text = joined(field.text, " ", hexadecimal(flags));
+        field.text = chained(field.text, " ", hexadecimal(flags));
 }
 
 void nameValue(Field& field, std::uint64_t value, const Names& names)
@@ -204,7 +204,7 @@ private:
         const bool isNumber     = field.kind < Kind::Address && !value.empty() && value.size() <= sizeof(std::uint64_t);
         if (isNumber)
             return readNumber(field, format, value);
-        field.usual = std::all_of(value.begin(), value.end(), [](unsigned char each) { return each == 0; });
+        field.usual = isZero(value);
         if (field.kind == Kind::Address && family == AF_UNSPEC && field.usual)
             field.text = "any";
         else if (field.kind == Kind::Address)
@@ -237,7 +237,7 @@ private:
         place.family = familyIn(s, start, place.family);
         for (const Member& each : s.members) {
             padding(place, start + each.offset);
-            const std::string name = each.listed == nullptr ? "" : joined(place.listed, "_", each.listed);
+            const std::string name = each.listed == nullptr ? "" : chained(place.listed, "_", each.listed);
             if (each.format.structure != nullptr) {
                 Place inner  = place;
                 inner.name   = place.name + each.name + '.';
@@ -267,7 +267,7 @@ private:
             const std::size_t stop = at + header.nla_len, next = std::min(at + NLA_ALIGN(header.nla_len), end);
             const auto found =
                 std::find_if(known.begin(), known.end(), [type](const Attribute& each) { return each.type == type; });
-            Place place = {.part   = joined(around.part, " ", "attribute " + std::to_string(type)),
+            Place place = {.part   = chained(around.part, " ", "attribute " + std::to_string(type)),
                            .family = around.family};
             if (found != known.end()) {
                 place.part   = found->name;
@@ -277,7 +277,7 @@ private:
                 value(place, Kind::Unknown, stop, next);
             }
         }
-        rest({.part = joined(around.part, " ", "rest")}, end);
+        rest({.part = chained(around.part, " ", "rest")}, end);
     }
 
     void value(const Place& place, const Format& format, std::size_t stop, std::size_t next)
@@ -329,7 +329,7 @@ void addListed(Fields& all, const Format& format, Field outer)
     if (format.structure != nullptr)
         for (const Member& each : format.structure->members) {
             Field inner  = outer;
-            inner.listed = each.listed == nullptr ? "" : joined(outer.listed, "_", each.listed);
+            inner.listed = each.listed == nullptr ? "" : chained(outer.listed, "_", each.listed);
             addListed(all, each.format, inner);
         }
     else if (format.kind != Kind::Prefix && !outer.listed.empty() &&
@@ -356,10 +356,9 @@ std::uint64_t Field::number() const
 
 std::string Field::inWords() const
 {
-    std::string all;
-    for (const std::string& each : words)
-        all = joined(all, " ", each);
-    return !words.empty() ? all : prefix >= 0 && text != "any" ? text + '/' + std::to_string(prefix) : text;
+    return !words.empty()                 ? joined(words, " ")
+           : prefix >= 0 && text != "any" ? text + '/' + std::to_string(prefix)
+                                          : text;
 }
 
 const Field* fieldOf(const Fields& fields, std::string_view name)
@@ -369,14 +368,6 @@ const Field* fieldOf(const Fields& fields, std::string_view name)
                (each.listed == name || (each.part == name && each.name.empty()));
     });
     return found != fields.rend() ? &*found : nullptr;
-}
-
-const Field* fieldAt(const Fields& fields, std::size_t offset)
-{
-    const auto found = std::find_if(fields.begin(), fields.end(), [offset](const Field& each) {
-        return offset >= each.at && offset < each.at + each.size;
-    });
-    return found != fields.end() ? &*found : nullptr;
 }
 
 Fields listed(int protocol, unsigned int type)
@@ -423,6 +414,11 @@ std::string digits(const unsigned char* bytes, std::size_t size)
         text += {figures[bytes[i] / 16], figures[bytes[i] % 16]};
     }
     return text;
+}
+
+bool isZero(Bytes bytes)
+{
+    return std::all_of(bytes.begin(), bytes.end(), [](unsigned char each) { return each == 0; });
 }
 
 std::string addressText(const void* bytes, std::size_t size)

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -67,14 +68,23 @@ using Fields = std::vector<Field>;
 // All fields of one message, in order; each of its bytes is in one of them. A key has neither value nor text.
 Fields decode(int protocol, std::span<const unsigned char> message);
 
-// The one that has this byte, or null.
-const Field* fieldAt(const Fields& fields, std::size_t offset);
-
 // The last one of this name in lists, or of this attribute; or null.
 const Field* fieldOf(const Fields& fields, std::string_view name);
 
 // What lists may show of a message, in the order of its description: no values, and no name twice.
 Fields listed(int protocol, unsigned int type);
+
+// "add, del, list": the texts of what there is.
+template <typename Range, typename TextOf = std::identity>
+std::string joined(const Range& all, const char* between = ", ", const TextOf& textOf = {})
+{
+    std::string text;
+    for (const auto& each : all) {
+        text += text.empty() ? "" : between;
+        text += textOf(each);
+    }
+    return text;
+}
 
 // "NETLINK_XFRM"
 std::string protocolName(int protocol);
@@ -84,6 +94,9 @@ std::string hexadecimal(std::uint64_t value);
 
 // Two digits a byte, a space after every fourth.
 std::string digits(const unsigned char* bytes, std::size_t size);
+
+// Whether all bytes are 0.
+bool isZero(std::span<const unsigned char> bytes);
 
 // IPv4 of 4 bytes, IPv6 of 16; digits of any other number.
 std::string addressText(const void* bytes, std::size_t size);

@@ -3,6 +3,8 @@
 
 #include "Description.h"
 
+#include <netlink/Numbers.h>
+
 #include <algorithm>
 #include <bit>
 #include <cstddef>
@@ -116,12 +118,7 @@ const Structure kLabel =
     STRUCTURE(ifaddrlblmsg, AT(ifal_family, kFamily), AT(__ifal_reserved), AT(ifal_prefixlen, Prefix, "prefix"),
               AT(ifal_flags, Hex, "flags"), AT(ifal_index, Device, "device"), AT(ifal_seq));
 
-// The platform's own: tc_prio_qopt, and a switch behind it.
-struct prio_options {
-    std::int32_t bands;
-    unsigned char priomap[16], flow_control, filler[3];
-};
-const Structure kPrio = STRUCTURE(prio_options, AT(bands), AT(priomap, Bytes), AT(flow_control), AT(filler, Bytes));
+const Structure kPrio = STRUCTURE(PrioOptions, AT(bands), AT(priomap, Bytes), AT(flowControl), AT(filler, Bytes));
 
 struct realms { // halves of one number
     std::uint16_t half[2];
@@ -290,7 +287,7 @@ const Attributes kOfRules = {
     Attribute(28, "FRA_SPORT_MASK", Mask, "source_port_mask"), // of kernels from 6.15 on
     Attribute(29, "FRA_DPORT_MASK", Mask, "destination_port_mask"),
 };
-const Attributes kOfPrio   = {Attribute(2, "prio_options", kPrio)};
+const Attributes kOfPrio   = {Attribute(kPrioOptions, "prio_options", kPrio)};
 const Attributes kOfQdiscs = {ATTRIBUTE(TCA_KIND, Text), ATTRIBUTE(TCA_OPTIONS, kOfPrio)};
 const Attributes kOfLabels = {ATTRIBUTE(IFAL_LABEL, Number, "label"), ATTRIBUTE(IFAL_ADDRESS, Address, "prefix")};
 const Attributes kOfStates = {

@@ -63,8 +63,8 @@ Number numberFor(const Argument& argument, const std::string& name, const std::s
     if (kind != kKinds.end() && kind->second.words.contains(text))
         number = kind->second.words.at(text);
     if (!number || *number < lowest || *number > highest)
-        throw Refusal(name + ": write " + (kind != kKinds.end() ? kind->second.advice : "") + "a number from " +
-                      std::to_string(lowest) + " to " + std::to_string(highest) + ", decimal or with 0x");
+        throw Refusal(name + ": write " + (kind != kKinds.end() ? kind->second.advice : "") +
+                      numberFrom(lowest, highest));
     return static_cast<Number>(*number);
 }
 

@@ -5,6 +5,7 @@
 #include "print/Heard.h"
 #include "print/Text.h"
 
+#include <netlink/Numbers.h>
 #include <vesk/netlink.h>
 
 #include <algorithm>
@@ -67,7 +68,7 @@ Operation addStates(Arguments& a)
         const std::string remove = "veskctl sa remove " + forShell(a.file);
         if (!before && oneOf(after, true, isOwnAndReached) != nullptr)
             answer.inPart("TX was installed and stays, RX was refused; before another try, remove both: " + remove);
-        if (a.record.ipsec_protocol == kAH)
+        if (a.record.ipsec_protocol == TRO_IPSEC_PROTOCOL_AH_V01)
             answer.advise(EINVAL, "mainline kernels refuse this always: SAs of AH take no cipher there");
         if (before)
             answer.advise(EEXIST, "TX is installed already; remove the SAs first: " + remove);
@@ -226,7 +227,7 @@ Operation bypass(Arguments& a, decltype(Vesk::addXFRMPolicyEx)* operation)
     const auto around             = [direction, &a](Answer& answer, const auto& makeCall) {
         makeCall();
         answer.advise(EEXIST, "there is such a policy; remove it first: veskctl policy bypass remove " + a.direction);
-        answer.advise(ENOENT, noPolicy(otherwiseOf(selectorOf("", "fe80::/64", IPPROTO_ICMPV6), direction)));
+        answer.advise(ENOENT, noPolicy(otherwiseOf(selectorOf("", Vesk::kBypassSelector, IPPROTO_ICMPV6), direction)));
     };
     return {.call = [direction, operation](Answer&) { return operation(direction); }, .around = around};
 }
@@ -301,7 +302,8 @@ Operation explain(Arguments&)
 const Argument kRecord     = {"record", "FILE", "File with the record; - for standard input", &Arguments::file};
 const Argument kOutputMark = {"--mark", "NUMBER", "Mark of what TX sends", &Arguments::mark};
 const Argument kOutputMask = {"--mask", "NUMBER", "The bits of that mark to set; all when not given", &Arguments::mask};
-const Argument kTechnology = {"--technology", "TECHNOLOGY", "marked-rx: what RX receives gets mark 0x20002",
+const Argument kTechnology = {"--technology", "TECHNOLOGY",
+                              "marked-rx: what RX receives gets mark " + hexadecimal(Vesk::kMarkedRx),
                               &Arguments::technology};
 const Argument kFrom       = {"source", "PREFIX", "Source of the traffic; \"\" for any", &Arguments::source};
 const Argument kTo         = {"destination", "PREFIX", "Its destination; \"\" for any", &Arguments::destination};
@@ -314,7 +316,7 @@ const Argument kDirection  = {"direction", "{in,out,fwd}", "Direction of the pol
 std::vector<Command> ipsecCommands()
 {
     const std::string algorithm = "this kernel lacks the cipher or the hash; its module may have to be loaded";
-    const std::string marks     = "The bit 0x20000 is set in mark and mask, always.\n";
+    const std::string marks     = "The bit " + hexadecimal(Vesk::kOutputMark) + " is set in mark and mask, always.\n";
     return {
         {.path      = "sa add",
          .what      = "Install the two SAs of a record, TX then RX",
@@ -356,7 +358,7 @@ std::vector<Command> ipsecCommands()
          .prepare   = removePolicies,
          .notes     = "With --in, status 3 when one of the two was not there."},
         {.path      = "policy bypass add",
-         .what      = "Let ICMPv6 to fe80::/64 past IPsec",
+         .what      = std::string("Let ICMPv6 to ") + Vesk::kBypassSelector + " past IPsec",
          .example   = "out",
          .arguments = {kDirection},
          .prepare   = [](Arguments& a) { return bypass(a, Vesk::addXFRMPolicyEx); }},

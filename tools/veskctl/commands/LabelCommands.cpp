@@ -4,6 +4,7 @@
 #include "kernel/Kernel.h"
 #include "print/Text.h"
 
+#include <netlink/Numbers.h>
 #include <vesk/netlink.h>
 
 #include <algorithm>
@@ -15,6 +16,9 @@
 #include <netinet/in.h>
 
 namespace {
+
+const std::string kPurged =
+    "a label of " + std::to_string(Vesk::kDefaultLabel) + ", or " + std::to_string(Vesk::kFirstOwnLabel) + " or more";
 
 Operation labelChange(Arguments& a, decltype(Vesk::addrlabelAdd)* operation)
 {
@@ -67,9 +71,9 @@ void judgePurge(const Arguments& a, const std::vector<Label>& before, Answer& an
     if (own == before.end())
         answer.notAsAsked(
             "nothing to purge: no entry has this prefix length, address and device; veskctl label list shows all");
-    else if (purged.empty() && own->label != 1 && own->label < 20)
+    else if (purged.empty() && own->label != Vesk::kDefaultLabel && own->label < Vesk::kFirstOwnLabel)
         answer.notAsAsked("nothing was purged: " + own->text() + " has label " + std::to_string(own->label) +
-                          "; 0 and those from 2 to 19 are the system's; veskctl label del deletes one");
+                          "; only " + kPurged + " is purged; veskctl label del deletes one");
     else if (purged.empty())
         answer.notAsAsked(
             "nothing was purged: for this address, the kernel takes another entry; give an address that only " +
@@ -128,23 +132,25 @@ std::vector<Command> labelCommands()
          .arguments = {kPrefix, kLabel, kEntryDevice},
          .prepare   = labelDel,
          .advice    = {ipv4, {ESRCH, "there is no such entry; veskctl label list shows all"}}},
-        {.path       = "label purge",
-         .what       = "Delete the label of a prefix, wherever it is",
-         .example    = "2001:db8::/32 --device wlan0",
-         .arguments  = {kPrefix, kEntryDevice},
-         .prepare    = purge,
-         .notes      = "Deleted are the entry of the prefix, and those of the same prefix length and\n"
-                       "device that have its label, where that is 1, or 20 or more. Status 3 when\n"
-                       "there was none, or one is left.",
+        {.path      = "label purge",
+         .what      = "Delete the label of a prefix, wherever it is",
+         .example   = "2001:db8::/32 --device wlan0",
+         .arguments = {kPrefix, kEntryDevice},
+         .prepare   = purge,
+         .notes     = "Deleted are the entry of the prefix, and those of the same prefix length and\n"
+                      "device that have its label, if it is " +
+                  kPurged + ".\nStatus 3 when there was none, or one is left.",
          .advice     = {ipv4},
-         .unanswered = "where it names a label of 1, or 20 or more, a dump of all labels would follow, and "
+         .unanswered = "where it names " + kPurged +
+                       ", a dump of all labels would follow, and "
                        "RTM_DELADDRLABEL for each that matches"},
-        {.path       = "label generate",
-         .what       = "Propose a label",
-         .arguments  = {{"--default", "", "Propose the default label", &Arguments::useDefault}},
-         .prepare    = generate,
-         .notes      = "Just below the first label above 20 that has none before it, or a random one\n"
-                       "above the largest.",
+        {.path      = "label generate",
+         .what      = "Propose a label",
+         .arguments = {{"--default", "", "Propose the default label", &Arguments::useDefault}},
+         .prepare   = generate,
+         .notes     = "Just below the first label above " + std::to_string(Vesk::kLastSystemLabel) +
+                  " that has none before it, or a random one\n"
+                  "above the largest.",
          .unanswered = "the proposal depends on it"},
     };
 }

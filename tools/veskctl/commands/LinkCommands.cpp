@@ -4,6 +4,7 @@
 #include "kernel/Looks.h"
 #include "print/Text.h"
 
+#include <netlink/Numbers.h>
 #include <vesk/netlink.h>
 
 #include <cerrno>
@@ -111,7 +112,7 @@ Operation routeDel(Arguments& a)
             answer.notAsAsked("the " + route + " is still there: this process has no CAP_NET_ADMIN; run it as root");
         else if (const auto hop = nextHop(a.address, a.family, a.mark); after == before && hop)
             answer.notAsAsked("nothing was removed: what is there is " + joined(after) + ", asked for was via " +
-                              hop->gateway + " metric 100");
+                              hop->gateway + " metric " + std::to_string(Vesk::kRouteMetric));
     };
     return {.call = call, .around = around};
 }
@@ -128,9 +129,9 @@ Operation ruleGet(Arguments& a)
     const auto around = [&a](Answer& answer, const auto& makeCall) {
         makeCall();
         if (answer.result != 0 && answer.error == ENOENT)
-            answer.notAsAsked("found none: no IPv4 rule of priority 16000 has a mark and table " +
-                              std::to_string(1000 + a.index) + ", which is that of " + a.device +
-                              "; veskctl rule list shows all");
+            answer.notAsAsked("found none: no IPv4 rule of priority " + std::to_string(Vesk::kRulePriority) +
+                              " has a mark and table " + std::to_string(Vesk::kFirstTable + a.index) +
+                              ", which is that of " + a.device + "; veskctl rule list shows all");
     };
     return {.call = call, .around = around};
 }
@@ -240,12 +241,13 @@ std::vector<Command> linkCommands()
          .notes      = "Status 3 where there is none: on the link, or with an IPv6 gateway.",
          .advice     = kNoRoute,
          .unanswered = "the gateway is in it"},
-        {.path       = "route add",
-         .what       = "Install a host route through today's gateway",
-         .example    = "198.51.100.7 wlan0 --table 1003",
-         .arguments  = {kDestination, kOutput, kLookUpMark, kTable},
-         .prepare    = routeAdd,
-         .notes      = "The gateway is looked up as by route get. Metric 100, advertised MSS 1140.",
+        {.path      = "route add",
+         .what      = "Install a host route through today's gateway",
+         .example   = "198.51.100.7 wlan0 --table 1003",
+         .arguments = {kDestination, kOutput, kLookUpMark, kTable},
+         .prepare   = routeAdd,
+         .notes     = "The gateway is looked up as by route get. Metric " + std::to_string(kRouteMetric) +
+                  ", advertised MSS " + std::to_string(kAdvertisedMSS) + ".",
          .advice     = kNoRoute,
          .unanswered = "RTM_NEWROUTE would follow, " + gateway},
         {.path       = "route del",
@@ -258,13 +260,15 @@ std::vector<Command> linkCommands()
          .advice     = kNoRoute,
          .unanswered = "RTM_DELROUTE would follow, " + gateway},
 
-        {.path       = "rule get",
-         .what       = "Mark and mask of a device's rule",
-         .example    = "wlan0",
-         .arguments  = {kDevice},
-         .prepare    = ruleGet,
-         .notes      = "Looked for: an IPv4 rule of priority 16000, of the table 1000 + the device's\n"
-                       "index, with a mark and a mask other than 0. The last one counts.",
+        {.path      = "rule get",
+         .what      = "Mark and mask of a device's rule",
+         .example   = "wlan0",
+         .arguments = {kDevice},
+         .prepare   = ruleGet,
+         .notes     = "Looked for: an IPv4 rule of priority " + std::to_string(kRulePriority) + ", of the table " +
+                  std::to_string(kFirstTable) +
+                  " + the device's\n"
+                  "index, with a mark and a mask other than 0. The last one counts.",
          .unanswered = "mark and mask are in it"},
 
         {.path      = "qdisc add",

@@ -54,7 +54,7 @@ bool isOf(const Record& r, const Fields& state)
 {
     const auto is = [&](const char* name, const std::string& text) { return fieldOf(state, name)->inWords() == text; };
     const std::string local = addressText(r.local_addr), remote = addressText(r.remote_addr);
-    return is("protocol", r.ipsec_protocol == kAH ? "ah" : "esp") &&
+    return is("protocol", protocolOf(r)) &&
            ((is("spi", hexadecimal(r.spi_tx)) && is("source", local) && is("destination", remote)) ||
             (is("spi", hexadecimal(r.spi_rx)) && is("source", remote) && is("destination", local)));
 }

@@ -18,10 +18,9 @@ constexpr std::pair<Status, const char*> kStatuses[] = {
     {Lost, "Done, but the answer could not be written whole."},
 };
 
-std::string padded(std::string text, std::size_t width = 26)
+std::string row(const std::string& name, const std::string& what)
 {
-    text.resize(std::max(text.size() + 2, width), ' ');
-    return text;
+    return padded("  " + name + "  ", 26) + what + '\n';
 }
 
 std::string nameOf(const Argument& argument)
@@ -40,7 +39,7 @@ std::string section(const std::string& title, const std::vector<Argument>& argum
     std::string text;
     for (const Argument& each : arguments)
         if (isOption(each) == options)
-            text += padded("  " + nameOf(each)) + each.what + '\n';
+            text += row(nameOf(each), each.what);
     return text.empty() ? "" : title + ":\n" + text;
 }
 
@@ -96,7 +95,7 @@ std::string helpOn(const std::string& path)
             text += section("Options", commonOptions(), true);
         text += "Commands:\n";
         for (const auto& [word, what] : nextWords(path))
-            text += padded("  " + word) + what + '\n';
+            text += row(word, what);
         return text +
                (path.empty() ? "Status: 0 done, 1 failed, 2 wrong usage, 3 in part or otherwise, 4 answer lost\n" : "");
     }

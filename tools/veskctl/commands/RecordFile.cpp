@@ -2,6 +2,7 @@
 
 #include "print/Text.h"
 
+#include <netlink/Numbers.h>
 #include <netlink/Wipe.h>
 
 #include <algorithm>
@@ -25,7 +26,6 @@ namespace {
 constexpr rlimit kNoCore             = {0, 0};
 constexpr std::size_t kLargestFile   = 65536;
 constexpr std::uint32_t kSmallestSPI = 256; // those below are reserved
-constexpr std::uint32_t kCBC = 1, kCTR = 2;
 
 // A word for a code. Of an algorithm, also the lengths that its keys have, in bytes; of AES, the mode.
 struct Word {
@@ -36,15 +36,20 @@ struct Word {
 };
 using Words = std::vector<Word>;
 
-const Words kProtocols = {{"ah", {kAH}}, {"esp", {kESP}}};
-const Words kModes     = {{"tunnel", {kTunnel}}, {"transport", {2}}};
-const Words kAESModes  = {{"cbc", {kCBC}}, {"ctr", {kCTR}}};
-const Words kCiphers   = {{"des-cbc", {9}, {8}},
-                          {"3des-cbc", {10}, {24}},
-                          {"aes-cbc", {12, 19}, {16, 24, 32}, kCBC},
-                          {"aes-ctr", {12, 19}, {20, 28, 36}, kCTR}};
-const Words kHashes    = {{"hmac-md5", {7}, {16}},     {"hmac-sha1", {5}, {20}},    {"hmac-sha256", {6}, {32}},
-                          {"hmac-sha384", {20}, {48}}, {"hmac-sha512", {21}, {64}}, {"aes-xcbc", {12}, {16}}};
+const std::vector<std::uint32_t> kAES = {TRO_IPSEC_CRYPTO_ALGO_AES_V01, TRO_IPSEC_CRYPTO_ALGO_AES_19_V01};
+
+const Words kProtocols = {{"ah", {TRO_IPSEC_PROTOCOL_AH_V01}}, {"esp", {TRO_IPSEC_PROTOCOL_ESP_V01}}};
+const Words kModes     = {{"tunnel", {TRO_IPSEC_ENCAP_MODE_TUNNEL_V01}},
+                          {"transport", {TRO_IPSEC_ENCAP_MODE_TRANSPORT_V01}}};
+const Words kAESModes  = {{"cbc", {TRO_IPSEC_AES_MODE_CBC_V01}}, {"ctr", {TRO_IPSEC_AES_MODE_CTR_V01}}};
+const Words kCiphers   = {{"des-cbc", {TRO_IPSEC_CRYPTO_ALGO_DES_CBC_V01}, {8}},
+                          {"3des-cbc", {TRO_IPSEC_CRYPTO_ALGO_3DES_CBC_V01}, {24}},
+                          {"aes-cbc", kAES, {16, 24, 32}, TRO_IPSEC_AES_MODE_CBC_V01},
+                          {"aes-ctr", kAES, {20, 28, 36}, TRO_IPSEC_AES_MODE_CTR_V01}};
+const Words kHashes    = {
+       {"hmac-md5", {TRO_IPSEC_HASH_ALGO_MD5_V01}, {16}},       {"hmac-sha1", {TRO_IPSEC_HASH_ALGO_SHA1_V01}, {20}},
+       {"hmac-sha256", {TRO_IPSEC_HASH_ALGO_SHA256_V01}, {32}}, {"hmac-sha384", {TRO_IPSEC_HASH_ALGO_SHA384_V01}, {48}},
+       {"hmac-sha512", {TRO_IPSEC_HASH_ALGO_SHA512_V01}, {64}}, {"aes-xcbc", {TRO_IPSEC_HASH_ALGO_AES_XCBC_V01}, {16}}};
 
 // "16, 24 or 32"
 template <typename Number>
@@ -56,15 +61,14 @@ std::string either(const std::vector<Number>& numbers)
     return text;
 }
 
-// "ah (2), esp (3)"
-std::string listed(const Words& words)
+// "esp (3)"
+std::string withCodes(const Word& word)
 {
-    return joined(words, ", ",
-                  [](const Word& each) { return std::string(each.word) + " (" + either(each.codes) + ')'; });
+    return std::string(word.word) + " (" + either(word.codes) + ')';
 }
 
-// The word for a code in a mode; null when there is none.
-const Word* wordFor(const Words& words, std::uint32_t code, std::uint32_t mode)
+// Null when there is none, as for 0, which stands where the record says nothing.
+const Word* wordFor(const Words& words, std::uint32_t code, std::uint32_t mode = 0)
 {
     const auto found = std::find_if(words.begin(), words.end(), [&](const Word& each) {
         return std::count(each.codes.begin(), each.codes.end(), code) != 0 && (each.mode == 0 || each.mode == mode);
@@ -72,40 +76,18 @@ const Word* wordFor(const Words& words, std::uint32_t code, std::uint32_t mode)
     return found == words.end() ? nullptr : &*found;
 }
 
-std::uint32_t modeOf(const Record& record)
-{
-    return record.aes_mode_valid != 0 ? record.aes_mode : kCBC;
-}
-
 const Word* cipherOf(const Record& record)
 {
-    return record.crypto_algo_valid != 0 ? wordFor(kCiphers, record.crypto_algo, modeOf(record)) : nullptr;
+    const std::uint32_t mode = record.aes_mode_valid != 0 ? record.aes_mode : TRO_IPSEC_AES_MODE_CBC_V01;
+    return wordFor(kCiphers, record.crypto_algo, mode);
 }
-
-const Word* hashOf(const Record& record)
-{
-    return record.hash_algo_valid != 0 ? wordFor(kHashes, record.hash_algo, 0) : nullptr;
-}
-
-// The fields
-
-// A record that is being read.
-struct Reading {
-    Record& record;
-    std::uint32_t impliedMode = 0; // by a cipher's word
-};
-
-// What to write instead. The value is not shown: it may be a key.
-struct Wrong : std::runtime_error {
-    using std::runtime_error::runtime_error;
-};
 
 // A field of the record, by its place there. What it holds shows in its size, if it has no words.
 struct Field {
     const char* name;
     std::size_t valid, at, size;
     unsigned neededFor; // Purposes
-    const char* meaning;
+    std::string meaning;
     std::uint32_t lowest = 0, highest = 0; // of a number
     const Words* words = nullptr;
 
@@ -118,13 +100,20 @@ struct Field {
     [[nodiscard]] std::uint8_t* in(Record& record) const { return reinterpret_cast<std::uint8_t*>(&record) + at; }
     [[nodiscard]] bool isIn(const Record& record) const
     {
-        return in(record)[static_cast<std::ptrdiff_t>(valid) - static_cast<std::ptrdiff_t>(at)] != 0;
+        return reinterpret_cast<const std::uint8_t*>(&record)[valid] != 0;
     }
+    // Empty where this is no key.
     [[nodiscard]] std::span<const std::uint8_t> keyIn(const Record& record) const
     {
         std::uint32_t length = 0;
-        std::memcpy(&length, in(record) - sizeof length, sizeof length);
+        if (isKey())
+            std::memcpy(&length, in(record) - sizeof length, sizeof length);
         return {in(record), length};
+    }
+    void set(Record& record, const void* value) const
+    {
+        std::memcpy(in(record), value, size);
+        reinterpret_cast<std::uint8_t*>(&record)[valid] = 1;
     }
 };
 static_assert(offsetof(Record, crypto_key_rx_len) + 4 == offsetof(Record, crypto_key_rx));
@@ -148,45 +137,27 @@ const std::vector<Field> kFields = {
     {FIELD(crypto_key_tx), ForStates, "cipher key of the outgoing SA, in hexadecimal"},
     {FIELD(udp_encap), 0, "1: ESP goes in UDP, 0: it does not", 0, 1},
     {FIELD(aes_mode), 0, "mode of AES; cbc when missing", 0, 0, &kAESModes},
-    {FIELD(udp_encap_port), 0, "this end's UDP port; the peer's is 4500", 1, UINT16_MAX},
+    {FIELD(udp_encap_port), 0, "this end's UDP port; the peer's is " + std::to_string(Vesk::kNatTraversal), 1,
+     UINT16_MAX},
     {FIELD(hash_key_rx), ForStates, "integrity key of the incoming SA, in hexadecimal"},
     {FIELD(hash_key_tx), ForStates, "integrity key of the outgoing SA, in hexadecimal"},
 };
 
 #undef FIELD
 
-std::uint32_t numberFor(const Field& field, std::string_view text, Reading& reading)
-{
-    const auto number = numberOf(text);
-    if (field.words == nullptr) {
-        if (number && *number >= field.lowest && *number <= field.highest)
-            return static_cast<std::uint32_t>(*number);
-        throw Wrong("write a number from " + std::to_string(field.lowest) + " to " + std::to_string(field.highest) +
-                    ", decimal or with 0x");
-    }
-    for (const Word& each : *field.words)
-        if (number ? std::count(each.codes.begin(), each.codes.end(), *number) != 0 : text == each.word) {
-            if (!number && each.mode != 0)
-                reading.impliedMode = each.mode;
-            return number ? static_cast<std::uint32_t>(*number) : each.codes[0];
-        }
-    throw Wrong("write one of " + listed(*field.words));
-}
-
-tro_ip_addr_type_v01 addressFor(std::string_view given)
+tro_ip_addr_type_v01 addressFor(const std::string& text)
 {
     tro_ip_addr_type_v01 address = {};
-    const std::string text(given);
-    in_addr v4 = {};
+    in_addr v4                   = {};
     if (inet_pton(AF_INET, text.c_str(), &v4) == 1) {
         const std::uint32_t word = ntohl(v4.s_addr); // the record keeps IPv4 addresses in host order
-        address                  = {4, sizeof word, {}};
+        address                  = {TRO_IP_TYPE_IPV4_V01, sizeof word, {}};
         std::memcpy(address.addr, &word, sizeof word);
     } else if (inet_pton(AF_INET6, text.c_str(), address.addr) == 1) {
-        address.ip_type  = 6;
+        address.ip_type  = TRO_IP_TYPE_IPV6_V01;
         address.addr_len = sizeof address.addr;
     } else {
-        throw Wrong("write an address, such as 192.0.2.1 or 2001:db8::1");
+        throw Refusal("write an address, such as 192.0.2.1 or 2001:db8::1");
     }
     return address;
 }
@@ -200,31 +171,9 @@ void setKey(const Field& field, std::string_view text, Record& record)
         right                   = std::from_chars(first, first + 2, field.in(record)[i], 16).ptr == first + 2;
     }
     if (!right)
-        throw Wrong("write whole bytes, two hexadecimal digits each");
+        throw Refusal("write whole bytes, two hexadecimal digits each");
     std::memcpy(field.in(record) - sizeof length, &length, sizeof length);
-}
-
-void set(const Field& field, std::string_view text, Reading& reading)
-{
-    Record& record = reading.record;
-    if (field.isKey()) {
-        setKey(field, text, record);
-    } else if (field.isAddress()) {
-        const auto address = addressFor(text);
-        std::memcpy(field.in(record), &address, sizeof address);
-    } else {
-        const std::uint32_t number = numberFor(field, text, reading);
-        const auto port            = htons(static_cast<std::uint16_t>(number));
-        const auto flag            = static_cast<std::uint8_t>(number);
-        const void* const value = field.size == 1 ? &flag : field.size == 2 ? &port : static_cast<const void*>(&number);
-        std::memcpy(field.in(record), value, field.size);
-    }
-    field.in(record)[static_cast<std::ptrdiff_t>(field.valid) - static_cast<std::ptrdiff_t>(field.at)] = 1;
-}
-
-std::string fieldName(const Field& field)
-{
-    return field.name;
+    field.set(record, field.in(record));
 }
 
 // The file
@@ -298,59 +247,6 @@ std::string_view trimmed(std::string_view text)
     return first == std::string_view::npos ? "" : text.substr(first, text.find_last_not_of(" \t\r") + 1 - first);
 }
 
-// All that is wrong with a file.
-class Problems {
-public:
-    explicit Problems(const std::string& path) : file(titleOf(path)) {}
-
-    void add(const std::string& what, std::size_t line = 0)
-    {
-        all.push_back(file + (line != 0 ? ':' + std::to_string(line) : "") + ": " + what);
-    }
-    void report() const
-    {
-        if (!all.empty())
-            throw Refusal(joined(all, "\n"));
-    }
-
-private:
-    std::string file;
-    std::vector<std::string> all;
-};
-
-using Lines = std::map<std::string, std::size_t>; // where a name was given
-
-// What is no name of the record may be a key in the wrong place; only what reads like a name is shown.
-std::string unknown(std::string_view name)
-{
-    const bool wordLike =
-        name.size() <= 20 && name.find_first_not_of("abcdefghijklmnopqrstuvwxyz_") == std::string_view::npos;
-    return wordLike && !name.empty()
-               ? "unknown name: " + std::string(name) + "; one of " + joined(kFields, ", ", fieldName)
-               : "no line of the form \"name = value\"; veskctl record explain shows the names";
-}
-
-void readLine(std::string_view line, std::size_t number, Reading& reading, Lines& lines, Problems& problems)
-{
-    line = trimmed(line.substr(0, line.find_first_of(";#")));
-    if (line.empty())
-        return;
-    const std::size_t sign = line.find('=');
-    const auto name        = trimmed(line.substr(0, sign));
-    const auto field = std::find_if(kFields.begin(), kFields.end(), [&](const Field& f) { return name == f.name; });
-    if (sign == std::string_view::npos || field == kFields.end())
-        return problems.add(unknown(sign == std::string_view::npos ? "" : name), number);
-    const auto [given, first] = lines.emplace(field->name, number);
-    if (!first)
-        return problems.add(
-            std::string(name) + ": given in line " + std::to_string(given->second) + " too; write it once", number);
-    try {
-        set(*field, trimmed(line.substr(sign + 1)), reading);
-    } catch (const Wrong& wrong) {
-        problems.add(std::string(name) + ": " + wrong.what(), number);
-    }
-}
-
 // What an address is, that no end of a tunnel is; null for all others.
 const char* unusable(const tro_ip_addr_type_v01& address)
 {
@@ -358,7 +254,7 @@ const char* unusable(const tro_ip_addr_type_v01& address)
     std::memcpy(&v6, address.addr, sizeof v6);
     std::uint32_t v4 = 0;
     std::memcpy(&v4, address.addr, sizeof v4);
-    const bool is4 = address.ip_type == 4;
+    const bool is4 = address.ip_type == TRO_IP_TYPE_IPV4_V01;
     if (is4 ? v4 == INADDR_ANY : IN6_IS_ADDR_UNSPECIFIED(&v6) != 0)
         return "no address";
     if (is4 ? v4 >> 24 == IN_LOOPBACKNET : IN6_IS_ADDR_LOOPBACK(&v6) != 0)
@@ -368,60 +264,153 @@ const char* unusable(const tro_ip_addr_type_v01& address)
     return nullptr;
 }
 
-// What is wrong with a value by itself, or nothing.
-std::string mistakeIn(const Record& r, const Field& field, Purpose purpose)
-{
-    if (field.isAddress() && purpose != ForRemoval) { // what is installed all the same must be possible to remove
-        tro_ip_addr_type_v01 address = {};
-        std::memcpy(&address, field.in(r), sizeof address);
-        const char* const what = unusable(address);
-        return what != nullptr ? std::string(what) + "; write one that the other end can reach" : "";
-    }
-    if (!field.isKey())
-        return "";
-    const auto key              = field.keyIn(r);
-    const Word* const algorithm = field.name[0] == 'c' ? cipherOf(r) : hashOf(r);
-    if (algorithm != nullptr && std::count(algorithm->keys.begin(), algorithm->keys.end(), key.size()) == 0)
-        return std::to_string(key.size()) + " bytes; " + algorithm->word + " takes " + either(algorithm->keys);
-    return std::all_of(key.begin(), key.end(), [](unsigned char byte) { return byte == 0; })
-               ? "all zeros; write the key"
-               : "";
-}
+// Reads the lines of a file, and collects all that is wrong with them. No message shows a value: it may be a key.
+class Reader {
+public:
+    Reader(Record& to, const std::string& path) : record(to), file(titleOf(path)) {}
 
-void check(const Record& r, Purpose purpose, const Lines& lines, Problems& problems, std::vector<std::string>& warnings)
-{
-    std::vector<std::string> missing;
-    for (const Field& field : kFields)
-        if ((field.neededFor & purpose) != 0 && !lines.contains(field.name))
-            missing.emplace_back(field.name);
-    if (r.udp_encap_valid != 0 && r.udp_encap != 0 && r.udp_encap_port_valid == 0)
-        missing.emplace_back("udp_encap_port"); // without it, ESP would go without UDP
-    if (r.udp_encap_port_valid != 0 && r.udp_encap_valid == 0)
-        missing.emplace_back("udp_encap");
-    if (!missing.empty())
-        problems.add("missing: " + joined(missing));
+    void readLine(std::string_view line)
+    {
+        ++number;
+        line = trimmed(line.substr(0, line.find_first_of(";#")));
+        if (line.empty())
+            return;
+        const std::size_t sign = line.find('=');
+        const std::string name(trimmed(line.substr(0, sign)));
+        const auto field = std::find_if(kFields.begin(), kFields.end(), [&](const Field& f) { return name == f.name; });
+        if (sign == std::string_view::npos || field == kFields.end())
+            return add(unknown(sign == std::string_view::npos ? "" : name), number);
+        const auto [given, first] = lines.emplace(name, number);
+        if (!first)
+            return add(name + ": given in line " + std::to_string(given->second) + " too; write it once", number);
+        try {
+            set(*field, trimmed(line.substr(sign + 1)));
+        } catch (const Refusal& refusal) {
+            addTo(name, refusal.what());
+        }
+    }
 
-    if (r.local_addr_valid != 0 && r.remote_addr_valid != 0) {
-        if (r.local_addr.ip_type != r.remote_addr.ip_type)
-            problems.add("remote_addr: of another family than local_addr; write two IPv4 or two IPv6 addresses",
-                         lines.at("remote_addr"));
-        else if (addressText(r.local_addr) == addressText(r.remote_addr) && purpose != ForRemoval)
-            problems.add("remote_addr: the same as local_addr; write the peer's", lines.at("remote_addr"));
+    // Throws a Refusal with all of it.
+    void finish(Purpose purpose, std::vector<std::string>& warnings)
+    {
+        if (impliedMode != 0) {
+            if (record.aes_mode_valid != 0 && record.aes_mode != impliedMode)
+                addTo("aes_mode", "not the mode that crypto_algo names; leave it out");
+            record.aes_mode       = impliedMode;
+            record.aes_mode_valid = 1;
+        }
+        checkWhole(purpose);
+        checkValues(purpose, warnings);
+        if (!all.empty())
+            throw Refusal(joined(all, "\n"));
     }
-    const Field* before = nullptr;
-    for (const Field& field : kFields) {
-        const std::string mistake = field.isIn(r) ? mistakeIn(r, field, purpose) : "";
-        if (!mistake.empty())
-            problems.add(std::string(field.name) + ": " + mistake, lines.at(field.name));
-        // The keys of the two directions are neighbours in the record.
-        const auto rx = before != nullptr && before->isKey() ? before->keyIn(r) : std::span<const std::uint8_t>();
-        const auto tx = field.isKey() ? field.keyIn(r) : std::span<const std::uint8_t>();
-        if (!rx.empty() && std::equal(rx.begin(), rx.end(), tx.begin(), tx.end()))
-            warnings.push_back(std::string(before->name) + ": the same as " + field.name +
-                               "; each direction should have its own");
-        before = &field;
+
+private:
+    void add(const std::string& what, std::size_t line = 0)
+    {
+        all.push_back(file + (line != 0 ? ':' + std::to_string(line) : "") + ": " + what);
     }
-}
+    void addTo(const std::string& name, const std::string& what) { add(name + ": " + what, lines.at(name)); }
+
+    // What is no name of the record may be a key in the wrong place; only what reads like a name is shown.
+    static std::string unknown(const std::string& name)
+    {
+        const bool wordLike =
+            name.size() <= 20 && name.find_first_not_of("abcdefghijklmnopqrstuvwxyz_") == std::string::npos;
+        return wordLike && !name.empty()
+                   ? "unknown name: " + name + "; one of " + joined(kFields, ", ", std::mem_fn(&Field::name))
+                   : "no line of the form \"name = value\"; veskctl record explain shows the names";
+    }
+
+    std::uint32_t numberFor(const Field& field, std::string_view text)
+    {
+        const auto given = numberOf(text);
+        if (field.words == nullptr) {
+            if (given && *given >= field.lowest && *given <= field.highest)
+                return static_cast<std::uint32_t>(*given);
+            throw Refusal("write " + numberFrom(field.lowest, field.highest));
+        }
+        for (const Word& each : *field.words) {
+            if (given && std::count(each.codes.begin(), each.codes.end(), *given) != 0)
+                return static_cast<std::uint32_t>(*given);
+            if (text == each.word) {
+                impliedMode = each.mode != 0 ? each.mode : impliedMode;
+                return each.codes[0];
+            }
+        }
+        throw Refusal("write one of " + joined(*field.words, ", ", withCodes));
+    }
+
+    void set(const Field& field, std::string_view text)
+    {
+        if (field.isKey())
+            return setKey(field, text, record);
+        if (field.isAddress()) {
+            const auto address = addressFor(std::string(text));
+            return field.set(record, &address);
+        }
+        const std::uint32_t word = numberFor(field, text);
+        const auto port          = htons(static_cast<std::uint16_t>(word));
+        const auto flag          = static_cast<std::uint8_t>(word);
+        field.set(record, field.size == 1 ? &flag : field.size == 2 ? &port : static_cast<const void*>(&word));
+    }
+
+    void checkWhole(Purpose purpose)
+    {
+        std::vector<std::string> missing;
+        for (const Field& field : kFields)
+            if ((field.neededFor & purpose) != 0 && !lines.contains(field.name))
+                missing.emplace_back(field.name);
+        if (record.udp_encap != 0 && record.udp_encap_port_valid == 0)
+            missing.emplace_back("udp_encap_port"); // without it, ESP would go without UDP
+        if (record.udp_encap_port_valid != 0 && record.udp_encap_valid == 0)
+            missing.emplace_back("udp_encap");
+        if (!missing.empty())
+            add("missing: " + joined(missing));
+
+        if (record.local_addr_valid == 0 || record.remote_addr_valid == 0)
+            return;
+        if (record.local_addr.ip_type != record.remote_addr.ip_type)
+            addTo("remote_addr", "of another family than local_addr; write two IPv4 or two IPv6 addresses");
+        else if (addressText(record.local_addr) == addressText(record.remote_addr) && purpose != ForRemoval)
+            addTo("remote_addr", "the same as local_addr; write the peer's");
+    }
+
+    void checkValues(Purpose purpose, std::vector<std::string>& warnings)
+    {
+        const Field* before = kFields.data();
+        for (const Field& field : kFields) {
+            const bool given = field.isIn(record);
+            const auto key = field.keyIn(record), other = before->keyIn(record);
+            if (given && field.isAddress() && purpose != ForRemoval) { // what is installed must be possible to remove
+                tro_ip_addr_type_v01 address = {};
+                std::memcpy(&address, field.in(record), sizeof address);
+                if (const char* const what = unusable(address))
+                    addTo(field.name, std::string(what) + "; write one that the other end can reach");
+            } else if (given && field.isKey()) {
+                const Word* const algorithm =
+                    field.name[0] == 'c' ? cipherOf(record) : wordFor(kHashes, record.hash_algo);
+                if (algorithm != nullptr && std::count(algorithm->keys.begin(), algorithm->keys.end(), key.size()) == 0)
+                    addTo(field.name, std::to_string(key.size()) + " bytes; " + algorithm->word + " takes " +
+                                          either(algorithm->keys));
+                else if (isZero(key))
+                    addTo(field.name, "all zeros; write the key");
+            }
+            // The keys of the two directions are neighbours in the record.
+            if (!key.empty() && std::equal(key.begin(), key.end(), other.begin(), other.end()))
+                warnings.push_back(std::string(before->name) + ": the same as " + field.name +
+                                   "; each direction should have its own");
+            before = &field;
+        }
+    }
+
+    Record& record;
+    const std::string file;
+    std::size_t number        = 0;
+    std::uint32_t impliedMode = 0;            // by a cipher's word
+    std::map<std::string, std::size_t> lines; // where a name was given
+    std::vector<std::string> all;
+};
 
 } // namespace
 
@@ -429,35 +418,25 @@ void FileRecord::read(const std::string& path, Purpose purpose, std::vector<std:
 {
     Text text;
     text.read(path, warnings);
-    Problems problems(path);
-    Reading reading = {*this};
-    Lines lines;
-    std::size_t number = 0;
+    Reader reader(*this, path);
     for (std::string_view left = text.view(); !left.empty();) {
         const std::string_view line = left.substr(0, left.find('\n'));
-        readLine(line, ++number, reading, lines, problems);
+        reader.readLine(line);
         left.remove_prefix(std::min(line.size() + 1, left.size()));
     }
-    if (reading.impliedMode != 0) {
-        if (aes_mode_valid != 0 && aes_mode != reading.impliedMode)
-            problems.add("aes_mode: not the mode that crypto_algo names; leave it out", lines.at("aes_mode"));
-        aes_mode       = reading.impliedMode;
-        aes_mode_valid = 1;
-    }
-    check(*this, purpose, lines, problems, warnings);
-    problems.report();
+    reader.finish(purpose, warnings);
 }
 
 Json FileRecord::described() const
 {
-    return {{"protocol", wordFor(kProtocols, ipsec_protocol, 0)->word},
-            {"mode", wordFor(kModes, encap_mode, 0)->word},
+    return {{"protocol", wordFor(kProtocols, ipsec_protocol)->word},
+            {"mode", wordFor(kModes, encap_mode)->word},
             {"local", addressText(local_addr)},
             {"remote", addressText(remote_addr)},
             {"spi_tx", spi_tx},
             {"spi_rx", spi_rx},
             {"cipher", cipherOf(*this)->word},
-            {"hash", hashOf(*this)->word},
+            {"hash", wordFor(kHashes, hash_algo)->word},
             {"udp", udp_encap_valid != 0 && udp_encap != 0}};
 }
 
@@ -481,16 +460,12 @@ std::vector<std::string> differences(const Record& one, const Record& other)
 
 void explainRecord(Answer& answer)
 {
-    const auto padded = [](std::string text, std::size_t width) {
-        text.resize(std::max(text.size(), width), ' ');
-        return text;
-    };
     for (const Field& field : kFields) {
         Json entry = {{"name", field.name}, {"meaning", field.meaning}};
         answer.text += bold(padded(field.name, 17)) + field.meaning + '\n';
         for (const Word& each : field.words != nullptr ? *field.words : Words()) {
-            const std::string word  = std::string(19, ' ') + each.word + " (" + either(each.codes) + ')';
-            const char* const nonce = each.mode == kCTR ? ", 4 nonce" : "";
+            const std::string word  = padded("", 19) + withCodes(each);
+            const char* const nonce = each.mode == TRO_IPSEC_AES_MODE_CTR_V01 ? ", 4 nonce" : "";
             answer.text +=
                 each.keys.empty() ? word : padded(word, 38) + "key of " + either(each.keys) + " bytes" + nonce;
             answer.text += '\n';

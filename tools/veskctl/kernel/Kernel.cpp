@@ -1,5 +1,6 @@
 #include "Kernel.h"
 
+#include <netlink/Numbers.h>
 #include <vesk/netlink.h>
 
 #include <algorithm>
@@ -23,8 +24,7 @@ const Dump kQdiscs   = {NETLINK_ROUTE, RTM_GETQDISC, RTM_NEWQDISC, AF_UNSPEC, si
 
 namespace {
 
-constexpr unsigned int kFirstTable = 1000; // a device's own table is this and its index
-constexpr int kAttempts            = 4;
+constexpr int kAttempts = 4;
 
 // Empty where there is none.
 const std::string& deviceName(std::uint64_t index)
@@ -68,8 +68,8 @@ void complete(const Dump& what, Fields& fields)
     if (what.reply == kRules.reply && fieldOf(fields, "priority") == nullptr) // which is 0 then
         addWord(fields, "priority", "0").kind = Kind::Number;
     if (const Field* const table = what.reply == kRules.reply ? fieldOf(fields, "table") : nullptr)
-        if (table->number() > kFirstTable && !deviceName(table->number() - kFirstTable).empty())
-            addWord(fields, "device", deviceName(table->number() - kFirstTable));
+        if (const std::string& name = deviceName(table->number() - Vesk::kFirstTable); !name.empty())
+            addWord(fields, "device", name);
 }
 
 } // namespace
@@ -92,7 +92,7 @@ int readAll(const Dump& what, const std::function<void()>& begin,
     int result                                     = 0;
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
         Vesk::NetlinkMessage msg;
-        msg.setNLMsgHeader(what.protocol, what.request, NLM_F_REQUEST | NLM_F_DUMP);
+        msg.setNLMsgHeader(what.protocol, what.request, Vesk::kDump);
         if (what.payload != 0)
             msg.addMsgPayload(what.payload, about.data());
         begin();

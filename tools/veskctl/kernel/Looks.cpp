@@ -3,6 +3,7 @@
 #include "Kernel.h"
 
 #include <ScriptedKernel.h>
+#include <netlink/Numbers.h>
 #include <vesk/netlink.h>
 
 #include <algorithm>
@@ -42,19 +43,6 @@ std::uint64_t number(const Fields& fields, const char* name)
     return field != nullptr ? field->number() : 0;
 }
 
-const char* protocolOf(const Record& r)
-{
-    return r.ipsec_protocol == kAH ? "ah" : "esp";
-}
-
-std::string commas(const std::vector<std::string>& words)
-{
-    std::string text;
-    for (const std::string& each : words)
-        text += (text.empty() ? "" : ", ") + each;
-    return text;
-}
-
 struct Ends {
     Ends(const Record& r, bool tx)
         : source(addressText(tx ? r.local_addr : r.remote_addr)),
@@ -73,11 +61,6 @@ std::vector<unsigned char> valueIn(const Fields& fields, Bytes message, const ch
             value.insert(value.end(), bytes.begin(), bytes.end());
         }
     return value;
-}
-
-bool isZero(const std::vector<unsigned char>& value)
-{
-    return std::all_of(value.begin(), value.end(), [](unsigned char byte) { return byte == 0; });
 }
 
 // What an SA has otherwise than the request for it among these. A kernel that keeps keys to itself shows
@@ -101,7 +84,7 @@ std::string keptBy(const Fields& state, Bytes message, const Requests& wanted)
             else if (!isZero(key) && key != valueIn(asked, request, attribute, true))
                 kept.push_back(std::string(name) + " key");
         }
-        return commas(kept);
+        return joined(kept);
     }
     return "";
 }
@@ -145,7 +128,10 @@ int statesBetween(const Record& r, bool tx)
     look(kStates, count, [&](const Fields& fields, Bytes) {
         const bool between = word(fields, "source") == ends.source && word(fields, "destination") == ends.destination;
         const bool tunnel  = word(fields, "mode") == "tunnel";
-        count += between && word(fields, "protocol") == protocolOf(r) && tunnel == (r.encap_mode == kTunnel) ? 1 : 0;
+        count += between && word(fields, "protocol") == protocolOf(r) &&
+                         tunnel == (r.encap_mode == TRO_IPSEC_ENCAP_MODE_TUNNEL_V01)
+                     ? 1
+                     : 0;
     });
     return count;
 }
@@ -164,7 +150,7 @@ std::vector<std::string> otherwiseOf(const xfrm_selector& sel, unsigned char dir
             words.push_back("if_id " + word(fields, "if_id"));
         if (number(fields, "policy_type") != XFRM_POLICY_TYPE_MAIN)
             words.emplace_back("ptype sub");
-        found.push_back(commas(words));
+        found.push_back(joined(words));
     });
     return found;
 }
@@ -175,7 +161,7 @@ int removePolicy(const xfrm_selector& sel, unsigned char direction)
     id.sel                = sel;
     id.dir                = direction;
     Vesk::NetlinkMessage msg;
-    msg.setNLMsgHeader(NETLINK_XFRM, XFRM_MSG_DELPOLICY, NLM_F_REQUEST | NLM_F_ACK);
+    msg.setNLMsgHeader(NETLINK_XFRM, XFRM_MSG_DELPOLICY, Vesk::kAcknowledged);
     msg.addMsgPayload(sizeof id, &id);
     return msg.messageTransact() == 0 ? 0 : errno;
 }

@@ -21,9 +21,8 @@ constexpr std::size_t kValueColumn = 28, kBytesColumn = 45, kBytesInLine = 16;
 // "    id.spi                  0x1001           00001001". What is too long for its column moves the next one.
 std::string lineOf(const Field& field, const Bytes& bytes)
 {
-    std::string line = field.name.empty() ? "  " + field.part : "    " + field.name;
-    line.resize(std::max(line.size() + 1, kValueColumn), ' ');
-    line += field.text;
+    std::string line =
+        padded((field.name.empty() ? "  " + field.part : "    " + field.name) + ' ', kValueColumn) + field.text;
     std::string lines;
     if (line.size() >= kBytesColumn && !bytes.empty())
         lines = std::exchange(line, "") + '\n';

@@ -155,9 +155,7 @@ std::string explained(const ListStyle& style, const Fields& listed)
 {
     std::string text;
     const auto add = [&text](const std::string& name, const std::string& type) {
-        std::string line = "  " + name;
-        line.resize(std::max(line.size() + 2, std::size_t{34}), ' ');
-        text += line + type + '\n';
+        text += padded("  " + name + "  ", 34) + type + '\n';
     };
     for (const Field& each : listed) {
         const std::string name = (each.group.empty() ? "" : each.group + "[].") + each.listed;

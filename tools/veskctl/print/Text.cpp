@@ -1,5 +1,6 @@
 #include "Text.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cstdlib>
@@ -17,6 +18,17 @@ std::optional<std::int64_t> numberOf(std::string_view text)
     const auto [stop, error] = std::from_chars(figures.data(), end, value, hex ? 16 : 10);
     const bool octal         = !hex && figures.size() > 1 && figures[0] == '0';
     return error == std::errc() && stop == end && !octal ? std::optional(value) : std::nullopt;
+}
+
+std::string numberFrom(std::int64_t lowest, std::int64_t highest)
+{
+    return "a number from " + std::to_string(lowest) + " to " + std::to_string(highest) + ", decimal or with 0x";
+}
+
+std::string padded(std::string text, std::size_t width)
+{
+    text.resize(std::max(text.size(), width), ' ');
+    return text;
 }
 
 std::string replaced(std::string text, const std::string& old, const std::string& with)
@@ -47,8 +59,6 @@ std::string forShell(const std::string& text)
     constexpr const char* plain = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_./:@%+,=-";
     if (!text.empty() && text.find_first_not_of(plain) == std::string::npos)
         return text;
-    if (visible(text) != text)
-        return "$'" + replaced(visible(replaced(text, "\\", "\\\\")), "'", "\\'") + '\'';
     return '\'' + replaced(text, "'", "'\\''") + '\'';
 }
 

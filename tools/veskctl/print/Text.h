@@ -6,20 +6,9 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
-
-// "add, del, list": the texts of what there is.
-template <typename Range, typename TextOf = std::identity>
-std::string joined(const Range& all, const char* between = ", ", const TextOf& textOf = {})
-{
-    std::string text;
-    for (const auto& each : all)
-        text += (text.empty() ? "" : between) + textOf(each);
-    return text;
-}
 
 // A number as people write it, decimal or hexadecimal with 0x; nothing else is one. What begins with 0 would be octal
 // to some.
@@ -28,6 +17,14 @@ std::optional<std::int64_t> numberOf(std::string_view text);
 using Vesk::Messages::addressText;
 using Vesk::Messages::digits;
 using Vesk::Messages::hexadecimal;
+using Vesk::Messages::isZero;
+using Vesk::Messages::joined;
+
+// "a number from 0 to 32, decimal or with 0x", for what has to be written.
+std::string numberFrom(std::int64_t lowest, std::int64_t highest);
+
+// With spaces behind it, up to a width.
+std::string padded(std::string text, std::size_t width);
 
 // With each occurrence of a piece replaced.
 std::string replaced(std::string text, const std::string& old, const std::string& with);
