@@ -61,8 +61,7 @@ std::string handleText(std::uint64_t handle)
 
 std::string bare(const Names& names, const Name& name)
 {
-    const std::string constant = name.constant;
-    return constant.starts_with(names.prefix) ? constant.substr(std::strlen(names.prefix)) : constant;
+    return name.constant.starts_with(names.prefix) ? name.constant.substr(std::strlen(names.prefix)) : name.constant;
 }
 
 std::string wordOf(const Names& names, const Name& name)

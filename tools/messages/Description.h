@@ -7,9 +7,9 @@
 namespace Vesk::Messages {
 
 struct Name {
-    Name(std::uint64_t of, const char* is, const char* inLists = nullptr) : value(of), constant(is), word(inLists) {}
     std::uint64_t value;
-    const char *constant, *word;
+    std::string constant;
+    const char* word = nullptr;
 };
 
 // Constants of the kernel. In lists, they go by what is behind the prefix, in small letters, or by a word of their own.

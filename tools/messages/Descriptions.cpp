@@ -23,7 +23,7 @@ namespace Vesk::Messages {
 namespace {
 
 // The kernel's headers have the names.
-#define NAMED(constant)          Name(constant, #constant)
+#define NAMES(prefix, ...)       namesOf(prefix, #__VA_ARGS__, {__VA_ARGS__})
 #define AT(member, ...)          Member(#member, offsetof(S, member), sizeof(S::member) __VA_OPT__(, ) __VA_ARGS__)
 #define ATTRIBUTE(constant, ...) Attribute(constant, #constant __VA_OPT__(, ) __VA_ARGS__)
 #define MESSAGE(protocol, constant, ...)                                                                               \
@@ -39,75 +39,82 @@ namespace {
 
 using enum Kind;
 
-const Names kFamilies = {"",
-                         {NAMED(AF_UNSPEC), Name(AF_INET, "AF_INET", "ipv4"), Name(AF_INET6, "AF_INET6", "ipv6"),
-                          Name(128, "RTNL_FAMILY_IPMR", "ipv4-multicast"),
-                          Name(129, "RTNL_FAMILY_IP6MR", "ipv6-multicast")}};
+// `constants` are the names of the values, with commas between them.
+Names namesOf(const char* prefix, std::string_view constants, std::initializer_list<std::uint64_t> values)
+{
+    Names all = {prefix, {}};
+    for (const std::uint64_t each : values) {
+        const std::size_t end = std::min(constants.find(','), constants.size());
+        all.names.push_back({each, std::string(constants.substr(0, end))});
+        constants.remove_prefix(std::min(end + 2, constants.size()));
+    }
+    return all;
+}
+
+// Those that have words of their own, or are younger than some kernel's headers, and the others.
+Names with(std::vector<Name> own, Names names)
+{
+    names.names.insert(names.names.begin(), own.begin(), own.end());
+    return names;
+}
+
+const Names kFamilies = with({{AF_INET, "AF_INET", "ipv4"},
+                              {AF_INET6, "AF_INET6", "ipv6"},
+                              {128, "RTNL_FAMILY_IPMR", "ipv4-multicast"},
+                              {129, "RTNL_FAMILY_IP6MR", "ipv6-multicast"}},
+                             NAMES("", AF_UNSPEC));
 const Format kFamily(kFamilies, Family);
-const Names kIPProtocols = {"IPPROTO_",
-                            {Name(IPPROTO_IP, "IPPROTO_IP", "any"), NAMED(IPPROTO_ICMP), NAMED(IPPROTO_IGMP),
-                             NAMED(IPPROTO_IPIP), NAMED(IPPROTO_TCP), NAMED(IPPROTO_UDP), NAMED(IPPROTO_DCCP),
-                             NAMED(IPPROTO_IPV6), NAMED(IPPROTO_ROUTING), NAMED(IPPROTO_GRE), NAMED(IPPROTO_ESP),
-                             NAMED(IPPROTO_AH), NAMED(IPPROTO_ICMPV6), NAMED(IPPROTO_DSTOPTS), NAMED(IPPROTO_COMP),
-                             NAMED(IPPROTO_SCTP), NAMED(IPPROTO_MH), NAMED(IPPROTO_UDPLITE),
-                             Name(255, "IPSEC_PROTO_ANY", "any-ipsec")}};
-const Names kModes       = {"XFRM_MODE_",
-                            {NAMED(XFRM_MODE_TRANSPORT), NAMED(XFRM_MODE_TUNNEL),
-                             Name(XFRM_MODE_ROUTEOPTIMIZATION, "XFRM_MODE_ROUTEOPTIMIZATION", "ro"),
-                             Name(XFRM_MODE_IN_TRIGGER, "XFRM_MODE_IN_TRIGGER", "in-trigger"), NAMED(XFRM_MODE_BEET),
-                             Name(5, "XFRM_MODE_IPTFS")}};
-const Names kDirections  = {"XFRM_POLICY_",
-                            {NAMED(XFRM_POLICY_IN), NAMED(XFRM_POLICY_OUT), NAMED(XFRM_POLICY_FWD),
-                             Name(XFRM_POLICY_MAX + XFRM_POLICY_IN, "socket-in"), // of one socket alone
-                             Name(XFRM_POLICY_MAX + XFRM_POLICY_OUT, "socket-out")}};
-const Names kActions     = {"XFRM_POLICY_", {NAMED(XFRM_POLICY_ALLOW), NAMED(XFRM_POLICY_BLOCK)}};
-const Names kShares      = {
-         "XFRM_SHARE_",
-         {NAMED(XFRM_SHARE_ANY), NAMED(XFRM_SHARE_SESSION), NAMED(XFRM_SHARE_USER), NAMED(XFRM_SHARE_UNIQUE)}};
-const Names kPolicyTypes     = {"XFRM_POLICY_TYPE_", {NAMED(XFRM_POLICY_TYPE_MAIN), NAMED(XFRM_POLICY_TYPE_SUB)}};
-const Names kStateDirections = {"", {Name(1, "in"), Name(2, "out")}};
-const Names kOrigins         = {"RTPROT_",
-                                {NAMED(RTPROT_UNSPEC), NAMED(RTPROT_REDIRECT), NAMED(RTPROT_KERNEL), NAMED(RTPROT_BOOT),
-                                 NAMED(RTPROT_STATIC), NAMED(RTPROT_RA), NAMED(RTPROT_DHCP)}};
-const Names kScopes          = {"RT_SCOPE_",
-                                {NAMED(RT_SCOPE_UNIVERSE), NAMED(RT_SCOPE_SITE), NAMED(RT_SCOPE_LINK), NAMED(RT_SCOPE_HOST),
-                                 NAMED(RT_SCOPE_NOWHERE)}};
-const Names kRouteTypes      = {"RTN_",
-                                {NAMED(RTN_UNSPEC), NAMED(RTN_UNICAST), NAMED(RTN_LOCAL), NAMED(RTN_BROADCAST),
-                                 NAMED(RTN_ANYCAST), NAMED(RTN_MULTICAST), NAMED(RTN_BLACKHOLE), NAMED(RTN_UNREACHABLE),
-                                 NAMED(RTN_PROHIBIT), NAMED(RTN_THROW)}};
-const Names kRuleActions     = {"FR_ACT_",
-                                {NAMED(FR_ACT_UNSPEC), Name(FR_ACT_TO_TBL, "FR_ACT_TO_TBL", "lookup"), NAMED(FR_ACT_GOTO),
-                                 NAMED(FR_ACT_NOP), NAMED(FR_ACT_BLACKHOLE), NAMED(FR_ACT_UNREACHABLE),
-                                 NAMED(FR_ACT_PROHIBIT)}};
-const Names kCommands        = {"CTRL_CMD_", {NAMED(CTRL_CMD_GETFAMILY)}};
-const Names kEncapsulations  = {
-     "UDP_ENCAP_",
-     {Name(1, "UDP_ENCAP_ESPINUDP_NON_IKE"), Name(2, "UDP_ENCAP_ESPINUDP"), Name(7, "TCP_ENCAP_ESPINTCP")}};
-const Names kRouteFlags   = {"RTM_F_", {NAMED(RTM_F_NOTIFY), NAMED(RTM_F_CLONED), NAMED(RTM_F_LOOKUP_TABLE)}};
-const Names kRuleFlags    = {"FIB_RULE_",
-                             {NAMED(FIB_RULE_PERMANENT), Name(FIB_RULE_INVERT, "FIB_RULE_INVERT", "inverted"),
-                              NAMED(FIB_RULE_UNRESOLVED), NAMED(FIB_RULE_IIF_DETACHED), NAMED(FIB_RULE_OIF_DETACHED)}};
-const Names kStateFlags   = {"XFRM_STATE_",
-                             {NAMED(XFRM_STATE_NOECN), NAMED(XFRM_STATE_DECAP_DSCP), NAMED(XFRM_STATE_NOPMTUDISC),
-                              NAMED(XFRM_STATE_WILDRECV), NAMED(XFRM_STATE_ICMP), NAMED(XFRM_STATE_AF_UNSPEC),
-                              NAMED(XFRM_STATE_ALIGN4), NAMED(XFRM_STATE_ESN)}};
-const Names kExtraFlags   = {"XFRM_SA_XFLAG_",
-                             {NAMED(XFRM_SA_XFLAG_DONT_ENCAP_DSCP), NAMED(XFRM_SA_XFLAG_OSEQ_MAY_WRAP)}};
-const Names kPolicyFlags  = {"XFRM_POLICY_", {NAMED(XFRM_POLICY_LOCALOK), NAMED(XFRM_POLICY_ICMP)}};
-const Names kOffloadFlags = {"XFRM_OFFLOAD_",
-                             {NAMED(XFRM_OFFLOAD_IPV6), NAMED(XFRM_OFFLOAD_INBOUND), Name(4, "XFRM_OFFLOAD_PACKET")}};
+const Names kIPProtocols =
+    with({{IPPROTO_IP, "IPPROTO_IP", "any"}, {255, "IPSEC_PROTO_ANY", "any-ipsec"}},
+         NAMES("IPPROTO_", IPPROTO_ICMP, IPPROTO_IGMP, IPPROTO_IPIP, IPPROTO_TCP, IPPROTO_UDP, IPPROTO_DCCP,
+               IPPROTO_IPV6, IPPROTO_ROUTING, IPPROTO_GRE, IPPROTO_ESP, IPPROTO_AH, IPPROTO_ICMPV6, IPPROTO_DSTOPTS,
+               IPPROTO_COMP, IPPROTO_SCTP, IPPROTO_MH, IPPROTO_UDPLITE));
+const Names kModes = with({{XFRM_MODE_ROUTEOPTIMIZATION, "XFRM_MODE_ROUTEOPTIMIZATION", "ro"},
+                           {XFRM_MODE_IN_TRIGGER, "XFRM_MODE_IN_TRIGGER", "in-trigger"},
+                           {5, "XFRM_MODE_IPTFS"}},
+                          NAMES("XFRM_MODE_", XFRM_MODE_TRANSPORT, XFRM_MODE_TUNNEL, XFRM_MODE_BEET));
+const Names kDirections =
+    with({{XFRM_POLICY_MAX + XFRM_POLICY_IN, "socket-in"}, {XFRM_POLICY_MAX + XFRM_POLICY_OUT, "socket-out"}},
+         NAMES("XFRM_POLICY_", XFRM_POLICY_IN, XFRM_POLICY_OUT, XFRM_POLICY_FWD));
+const Names kActions     = NAMES("XFRM_POLICY_", XFRM_POLICY_ALLOW, XFRM_POLICY_BLOCK);
+const Names kShares      = NAMES("XFRM_SHARE_", XFRM_SHARE_ANY, XFRM_SHARE_SESSION, XFRM_SHARE_USER, XFRM_SHARE_UNIQUE);
+const Names kPolicyTypes = NAMES("XFRM_POLICY_TYPE_", XFRM_POLICY_TYPE_MAIN, XFRM_POLICY_TYPE_SUB);
+const Names kStateDirections = {"", {{1, "in"}, {2, "out"}}};
+const Names kOrigins =
+    NAMES("RTPROT_", RTPROT_UNSPEC, RTPROT_REDIRECT, RTPROT_KERNEL, RTPROT_BOOT, RTPROT_STATIC, RTPROT_RA, RTPROT_DHCP);
+const Names kScopes =
+    NAMES("RT_SCOPE_", RT_SCOPE_UNIVERSE, RT_SCOPE_SITE, RT_SCOPE_LINK, RT_SCOPE_HOST, RT_SCOPE_NOWHERE);
+const Names kRouteTypes = NAMES("RTN_", RTN_UNSPEC, RTN_UNICAST, RTN_LOCAL, RTN_BROADCAST, RTN_ANYCAST, RTN_MULTICAST,
+                                RTN_BLACKHOLE, RTN_UNREACHABLE, RTN_PROHIBIT, RTN_THROW);
+const Names kRuleActions =
+    with({{FR_ACT_TO_TBL, "FR_ACT_TO_TBL", "lookup"}}, NAMES("FR_ACT_", FR_ACT_UNSPEC, FR_ACT_GOTO, FR_ACT_NOP,
+                                                             FR_ACT_BLACKHOLE, FR_ACT_UNREACHABLE, FR_ACT_PROHIBIT));
+const Names kCommands       = NAMES("CTRL_CMD_", CTRL_CMD_GETFAMILY);
+const Names kEncapsulations = {
+    "UDP_ENCAP_", {{1, "UDP_ENCAP_ESPINUDP_NON_IKE"}, {2, "UDP_ENCAP_ESPINUDP"}, {7, "TCP_ENCAP_ESPINTCP"}}};
+const Names kRouteFlags = NAMES("RTM_F_", RTM_F_NOTIFY, RTM_F_CLONED, RTM_F_LOOKUP_TABLE);
+const Names kRuleFlags =
+    with({{FIB_RULE_INVERT, "FIB_RULE_INVERT", "inverted"}},
+         NAMES("FIB_RULE_", FIB_RULE_PERMANENT, FIB_RULE_UNRESOLVED, FIB_RULE_IIF_DETACHED, FIB_RULE_OIF_DETACHED));
+const Names kStateFlags =
+    NAMES("XFRM_STATE_", XFRM_STATE_NOECN, XFRM_STATE_DECAP_DSCP, XFRM_STATE_NOPMTUDISC, XFRM_STATE_WILDRECV,
+          XFRM_STATE_ICMP, XFRM_STATE_AF_UNSPEC, XFRM_STATE_ALIGN4, XFRM_STATE_ESN);
+const Names kExtraFlags  = NAMES("XFRM_SA_XFLAG_", XFRM_SA_XFLAG_DONT_ENCAP_DSCP, XFRM_SA_XFLAG_OSEQ_MAY_WRAP);
+const Names kPolicyFlags = NAMES("XFRM_POLICY_", XFRM_POLICY_LOCALOK, XFRM_POLICY_ICMP);
+const Names kOffloadFlags =
+    with({{4, "XFRM_OFFLOAD_PACKET"}}, NAMES("XFRM_OFFLOAD_", XFRM_OFFLOAD_IPV6, XFRM_OFFLOAD_INBOUND));
 
 const Structure kGeneric          = STRUCTURE(genlmsghdr, AT(cmd, kCommands), AT(version), AT(reserved));
 const Structure kInterfaceAddress = STRUCTURE(ifaddrmsg, AT(ifa_family, kFamily), AT(ifa_prefixlen), AT(ifa_flags, Hex),
                                               AT(ifa_scope, kScopes), AT(ifa_index, Device));
 const Structure kLifetimes =
     STRUCTURE(ifa_cacheinfo, AT(ifa_prefered, Limit), AT(ifa_valid, Limit), AT(cstamp), AT(tstamp));
-const Structure kLink  = STRUCTURE(ifinfomsg, AT(ifi_family, kFamily), AT(ifi_type), AT(ifi_index, Device),
-                                   AT(ifi_flags, Hex), AT(ifi_change, Hex));
-const Structure kRoute = STRUCTURE(
-    rtmsg, AT(rtm_family, kFamily), AT(rtm_dst_len, Prefix, "destination"), AT(rtm_src_len), AT(rtm_tos), AT(rtm_table),
-    AT(rtm_protocol, kOrigins), AT(rtm_scope, kScopes), AT(rtm_type, kRouteTypes), AT(rtm_flags, {kRouteFlags, Flags}));
+const Structure kLink = STRUCTURE(ifinfomsg, AT(ifi_family, kFamily), AT(ifi_type), AT(ifi_index, Device),
+                                  AT(ifi_flags, Hex), AT(ifi_change, Hex));
+const Structure kRoute =
+    STRUCTURE(rtmsg, AT(rtm_family, kFamily), AT(rtm_dst_len, Prefix, "destination"), AT(rtm_src_len), AT(rtm_tos),
+              AT(rtm_table), AT(rtm_protocol, kOrigins, "origin"), AT(rtm_scope, kScopes, "scope"),
+              AT(rtm_type, kRouteTypes, "type"), AT(rtm_flags, {kRouteFlags, Flags}));
 const Structure kRule = STRUCTURE(fib_rule_hdr, AT(family, kFamily, "family"), AT(dst_len, Prefix, "to"),
                                   AT(src_len, Prefix, "from"), AT(tos, Hex, "tos"), AT(table), AT(res1), AT(res2),
                                   AT(action, kRuleActions, "action"), AT(flags, {kRuleFlags, Flags}, "flags"));
@@ -358,12 +365,10 @@ const Member kMore("", 0, 0);
 
 const Structure kHeader =
     STRUCTURE(nlmsghdr, AT(nlmsg_len), AT(nlmsg_type), AT(nlmsg_flags, Hex), AT(nlmsg_seq), AT(nlmsg_pid));
-const Names kProtocols   = {"NETLINK_", {NAMED(NETLINK_ROUTE), NAMED(NETLINK_XFRM), NAMED(NETLINK_GENERIC)}};
-const Names kHeaderFlags = {"NLM_F_",
-                            {NAMED(NLM_F_REQUEST), NAMED(NLM_F_MULTI), NAMED(NLM_F_ACK), NAMED(NLM_F_ECHO),
-                             NAMED(NLM_F_DUMP_INTR), NAMED(NLM_F_REPLACE), NAMED(NLM_F_EXCL), NAMED(NLM_F_CREATE),
-                             NAMED(NLM_F_APPEND)}};
-const Names kGetFlags    = {"NLM_F_", {NAMED(NLM_F_REQUEST), NAMED(NLM_F_ACK), NAMED(NLM_F_DUMP)}};
+const Names kProtocols   = NAMES("NETLINK_", NETLINK_ROUTE, NETLINK_XFRM, NETLINK_GENERIC);
+const Names kHeaderFlags = NAMES("NLM_F_", NLM_F_REQUEST, NLM_F_MULTI, NLM_F_ACK, NLM_F_ECHO, NLM_F_DUMP_INTR,
+                                 NLM_F_REPLACE, NLM_F_EXCL, NLM_F_CREATE, NLM_F_APPEND);
+const Names kGetFlags    = NAMES("NLM_F_", NLM_F_REQUEST, NLM_F_ACK, NLM_F_DUMP);
 
 const Message* messageOf(int protocol, std::uint64_t type)
 {

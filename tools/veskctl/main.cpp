@@ -20,7 +20,7 @@ void advise(Answer& answer, const Command& command)
         answer.note +=
             answer.note.empty() ? "mainline kernels refuse this always" : "; mainline kernels refuse this in any case";
     if (answer.status == Refused && answer.error == EPERM && !mayChangeNetworks())
-        answer.note = "this process has no CAP_NET_ADMIN; run it as root";
+        answer.note = kNoRights;
     answer.advise(EPROTONOSUPPORT,
                   "this kernel lacks the protocol; for IPsec, its module xfrm_user may have to be loaded");
 }

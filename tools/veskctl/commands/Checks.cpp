@@ -10,7 +10,7 @@
 #include <arpa/inet.h>
 #include <net/if.h>
 
-Prefix prefixOf(const std::string& text)
+Prefix prefixOf(const std::string& text, const char* form)
 {
     const std::size_t slash = text.find('/');
     const std::string host  = text.substr(0, slash);
@@ -22,8 +22,7 @@ Prefix prefixOf(const std::string& text)
         prefix.address.ss_family = AF_INET6;
         prefix.length            = 128;
     } else {
-        throw Refusal(text +
-                      ": no address; write one such as 192.0.2.1 or 2001:db8::1, with or without a prefix length");
+        throw Refusal(text + ": no address; write one such as 192.0.2.1 or 2001:db8::1" + form);
     }
     if (slash == std::string::npos)
         return prefix;
@@ -58,7 +57,7 @@ unsigned char familyOf(const std::string& text)
 {
     if (text.find('/') != std::string::npos)
         throw Refusal(text + ": a prefix; write an address alone");
-    return static_cast<unsigned char>(prefixOf(text).address.ss_family);
+    return static_cast<unsigned char>(prefixOf(text, "").address.ss_family);
 }
 
 std::vector<std::string> checkSelectors(const std::string& source, const std::string& destination)

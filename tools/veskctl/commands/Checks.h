@@ -16,7 +16,7 @@ struct Prefix {
 // All throw a Refusal that says what to write instead.
 
 // "address" or "address/length"; a whole address when nothing else is said.
-Prefix prefixOf(const std::string& text);
+Prefix prefixOf(const std::string& text, const char* form = ", with or without a prefix length");
 
 // An address without a prefix; AF_INET or AF_INET6.
 unsigned char familyOf(const std::string& text);

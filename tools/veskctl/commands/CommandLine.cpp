@@ -33,11 +33,12 @@ struct Kind {
     std::map<std::string, std::int64_t> words;
 };
 const std::map<std::string, Kind> kKinds = {
-    {"HANDLE", {"a handle as tc shows it, such as 1: or 1:1, or ", {{"root", 0}}}},
+    {"HANDLE", {"a handle as tc shows it, such as 1:, or ", {}}},
+    {"PARENT", {"a handle as tc shows it, such as 1:1, or root, or ", {{"root", 0}}}},
     {"PROTOCOL",
      {"a name such as tcp, or ",
       {{"icmp", 1}, {"tcp", 6}, {"udp", 17}, {"gre", 47}, {"esp", 50}, {"ah", 51}, {"icmpv6", 58}, {"sctp", 132}}}},
-    {"TECHNOLOGY", {"marked-rx, or ", {{"marked-rx", TRO_TECHNOLOGY_NAME_MARKED_RX_V01}}}},
+    {"{marked-rx}", {"", {{"marked-rx", TRO_TECHNOLOGY_NAME_MARKED_RX_V01}}}},
 };
 
 // "1:" and "1:1": two hexadecimal halves, the second of which may be missing.
@@ -57,9 +58,12 @@ std::optional<std::int64_t> handleOf(const std::string& text)
 template <typename Number>
 Number numberFor(const Argument& argument, const std::string& name, const std::string& text)
 {
-    constexpr std::int64_t lowest = std::numeric_limits<Number>::min(), highest = std::numeric_limits<Number>::max();
-    const auto kind = kKinds.find(argument.type);
-    auto number = argument.type == "HANDLE" && text.find(':') != std::string::npos ? handleOf(text) : numberOf(text);
+    constexpr std::int64_t highest = std::numeric_limits<Number>::max();
+    const std::int64_t lowest      = argument.type == "SPI" ? 1 : std::numeric_limits<Number>::min();
+    const auto kind                = kKinds.find(argument.type);
+    auto number = (argument.type == "HANDLE" || argument.type == "PARENT") && text.find(':') != std::string::npos
+                      ? handleOf(text)
+                      : numberOf(text);
     if (kind != kKinds.end() && kind->second.words.contains(text))
         number = kind->second.words.at(text);
     if (!number || *number < lowest || *number > highest)
@@ -74,17 +78,17 @@ void set(Arguments& arguments, const Argument& argument, const std::string& name
     if (type.starts_with('{') &&
         (',' + type.substr(1, type.size() - 2) + ',').find(',' + text + ',') == std::string::npos)
         throw Refusal(name + ": write one of " + replaced(type.substr(1, type.size() - 2), ",", ", "));
-    if (type == "DEVICE" && text.empty())
-        throw Refusal(name + ": write one of " + devices());
     const auto setField = [&](auto field) {
         auto& value = arguments.*field;
         using Value = std::remove_reference_t<decltype(value)>;
         if constexpr (std::is_same_v<Value, bool>)
             value = true;
-        else if constexpr (std::is_same_v<Value, std::string>)
-            value = text;
-        else
+        else if constexpr (!std::is_same_v<Value, std::string>)
             value = numberFor<Value>(argument, name, text);
+        else if (text.empty() && type != "PREFIX") // a script's unset variable, perhaps
+            throw Refusal(name + ": write " + (type == "DEVICE" ? "one of " + devices() : "it behind; it is empty"));
+        else
+            value = text;
     };
     std::visit(setField, argument.field);
 }
@@ -203,7 +207,7 @@ const Command& CommandLine::parse(Arguments& arguments) const
             const Command* const meant = commandAt(this->path());
             if (command == nullptr && meant != nullptr && named(meant->arguments, name) != nullptr)
                 throw Refusal(name + ": in the wrong place; write it behind " + behind(kProgram, meant->path));
-            std::set<std::string> known;
+            std::set<std::string> known = {"-h"};
             for (const auto* list : {&commonOptions(), command != nullptr ? &command->arguments : &commonOptions()})
                 for (const Argument& each : *list)
                     if (each.name.starts_with('-'))
@@ -259,7 +263,7 @@ const Command& CommandLine::parse(Arguments& arguments) const
     if (!missing.empty())
         throw Refusal("missing: " + joined(missing) + "; " + helpFor(path));
     const char* const level = std::getenv("VESK_LOG_LEVEL");
-    if (level != nullptr && arguments.logLevel == 0)
+    if (level != nullptr && *level != '\0' && arguments.logLevel == 0)
         set(arguments, *named(commonOptions(), "--log"), std::string("VESK_LOG_LEVEL=") + level, level);
     return *command;
 }

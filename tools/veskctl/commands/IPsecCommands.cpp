@@ -18,6 +18,8 @@ namespace {
 
 const std::string kSeePolicies = "; veskctl policy list shows what is there";
 
+const std::string kRenew = "; to change that, veskctl sa remove and veskctl sa add";
+
 const char* nameOf(bool tx)
 {
     return tx ? "TX" : "RX";
@@ -49,6 +51,18 @@ bool isOwnAndReached(const InstalledState& state)
     return state.own && !state.marked;
 }
 
+// The SA from elsewhere that has the SPI and destination of one of a record's; nothing where there is none.
+std::string othersLike(const std::vector<InstalledState>& states, bool tx)
+{
+    const auto* const other = oneOf(states, tx, [](const InstalledState& each) { return !each.own && !each.marked; });
+    return other == nullptr ? "" : "an SA from " + other->source + " has the SPI and destination of " + nameOf(tx);
+}
+
+bool isInUDP(const Record& record)
+{
+    return record.udp_encap_valid != 0 && record.udp_encap != 0;
+}
+
 auto changeStates(Arguments& a, decltype(Vesk::addXFRMStates)* operation)
 {
     a.record.read(a.file, ForStates, a.warnings);
@@ -66,15 +80,17 @@ Operation addStates(Arguments& a)
             return;
         const auto after         = installedStates(a.record);
         const std::string remove = "veskctl sa remove " + forShell(a.file);
+        const std::string rx     = othersLike(after, false);
         if (!before && oneOf(after, true, isOwnAndReached) != nullptr)
-            answer.inPart("TX was installed and stays, RX was refused; before another try, remove both: " + remove);
+            answer.inPart("TX was installed and stays, RX was refused" +
+                          (rx.empty() ? "" : ": " + rx + ", and is in the way") +
+                          "; before another try, remove both: " + remove);
         if (a.record.ipsec_protocol == TRO_IPSEC_PROTOCOL_AH_V01)
             answer.advise(EINVAL, "mainline kernels refuse this always: SAs of AH take no cipher there");
         if (before)
             answer.advise(EEXIST, "TX is installed already; remove the SAs first: " + remove);
-        else if (const auto* const other = oneOf(after, true, isReached))
-            answer.advise(EEXIST, "an SA with the SPI and destination of TX is there, from " + other->source +
-                                      "; veskctl sa list shows it");
+        else if (const std::string other = othersLike(after, true); !other.empty())
+            answer.advise(EEXIST, "in the way: " + other + "; veskctl sa list shows it");
     };
     return {.call = changeStates(a, Vesk::addXFRMStates), .around = around};
 }
@@ -91,6 +107,10 @@ Operation updateStates(Arguments& a)
         makeCall();
         const auto after = installedStates(a.record, wanted);
         if (answer.result != 0) {
+            if (const auto* const tx = oneOf(after, true, isOwnAndReached);
+                tx != nullptr && tx->inUDP != isInUDP(a.record))
+                answer.advise(EINVAL, std::string("TX is installed ") + (tx->inUDP ? "with" : "without") +
+                                          " UDP encapsulation" + kRenew);
             answer.advise(ESRCH, oneOf(after, true, isOwn) == nullptr
                                      ? "TX is not installed; veskctl sa add installs both"
                                      : "TX is installed with a mark, which requests of a record do not name");
@@ -104,7 +124,7 @@ Operation updateStates(Arguments& a)
             answer.inPart("TX was updated" + (kept.empty() ? "" : " but " + joined(kept)) + ", RX was not" +
                           (oneOf(after, false, isReached) != nullptr ? "" : ": it is not installed"));
         else if (!kept.empty())
-            answer.notAsAsked(joined(kept, "; ") + "; to change that, veskctl sa remove and veskctl sa add");
+            answer.notAsAsked(joined(kept, "; ") + kRenew);
         else if (answer.heard(kTxCountersStay))
             answer.inPart("both were updated, but the counters of TX were refused");
     };
@@ -115,12 +135,10 @@ Operation updateStates(Arguments& a)
 void refuseOthers(const std::vector<InstalledState>& states)
 {
     for (const bool tx : {true, false}) {
-        const auto* const other =
-            oneOf(states, tx, [](const InstalledState& each) { return !each.own && !each.marked; });
-        if (other != nullptr && oneOf(states, tx, isOwn) != nullptr)
-            throw Refusal(std::string("in the way: an SA from ") + other->source + " has the SPI and destination of " +
-                              nameOf(tx) + ", and would be removed instead; remove it first, if it is not needed: " +
-                              "ip xfrm state shows both",
+        const std::string other = othersLike(states, tx);
+        if (!other.empty() && oneOf(states, tx, isOwn) != nullptr)
+            throw Refusal("in the way: " + other + ", and would be removed instead; remove it first, if it is not " +
+                              "needed: ip xfrm state shows both",
                           Refused);
     }
 }
@@ -135,19 +153,20 @@ Operation removeStates(Arguments& a)
         if (answer.result != 0)
             return;
         const auto after = installedStates(a.record);
-        int removed = 0, left = 0, marked = 0;
+        int removed      = 0;
+        bool left        = false;
         for (const bool tx : {true, false}) {
-            const auto* const is              = oneOf(after, tx, isOwn);
-            const bool was                    = oneOf(before, tx, isOwn) != nullptr;
-            answer.findings[tx ? "tx" : "rx"] = is != nullptr ? "still there" : was ? "removed" : "not installed";
-            removed += was && is == nullptr ? 1 : 0;
-            left += is != nullptr ? 1 : 0;
-            marked += is != nullptr && is->marked ? 1 : 0;
+            const bool is                     = oneOf(after, tx, isOwnAndReached) != nullptr;
+            const bool was                    = oneOf(before, tx, isOwnAndReached) != nullptr;
+            answer.findings[tx ? "tx" : "rx"] = is ? "still there" : was ? "removed" : "not installed";
+            removed += was && !is ? 1 : 0;
+            left |= is;
+            if (!is && oneOf(after, tx, isOwn) != nullptr)
+                a.warnings.push_back(std::string("an SA with the SPI and ends of ") + nameOf(tx) +
+                                     " is left: it has a mark, which requests of a record do not name");
         }
-        if (left != 0)
-            answer.notAsAsked(std::string("an SA of the record is left") +
-                              (marked != 0 ? ": it has a mark, which requests of a record do not name" : "") +
-                              "; veskctl sa list shows it");
+        if (left)
+            answer.notAsAsked("an SA of the record is left; veskctl sa list shows it");
         else if (removed == 0)
             answer.notAsAsked("nothing was removed: no SA has the record's protocol, SPIs and addresses; "
                               "veskctl sa list shows what is there");
@@ -161,8 +180,9 @@ Operation removeStates(Arguments& a)
 // Policies
 
 // Why there is no such policy for the library.
-std::string noPolicy(const std::vector<std::string>& otherwise)
+std::string noPolicy(const Arguments& a, unsigned char direction)
 {
+    const auto otherwise = otherwiseOf(selectorOf(a.source, a.destination, a.protocol), direction);
     return otherwise.empty() ? "no policy has this selector, protocol and direction" + kSeePolicies
                              : "the policy with this selector has " + otherwise[0] +
                                    ", which this command cannot name; ip xfrm policy delete can";
@@ -207,27 +227,28 @@ Operation removePolicies(Arguments& a)
             return;
         if (a.inbound && in && !isThere(a, XFRM_POLICY_IN)) {
             answer.inPart(fwd ? "the in policy was removed, the fwd policy was not" + kSeePolicies
-                              : "the in policy was removed; there was no fwd policy");
+                              : "the in policy was removed; of fwd, " + noPolicy(a, XFRM_POLICY_FWD));
         } else if (a.inbound && !in && fwd && answer.error == ENOENT) { // which the library does not come to
             answer.error = removePolicy(selectorOf(a.source, a.destination, a.protocol), XFRM_POLICY_FWD);
             if (answer.error == 0)
                 answer.notAsAsked("the fwd policy was removed; there was no in policy");
         }
-        answer.advise(ENOENT, noPolicy(otherwiseOf(selectorOf(a.source, a.destination, a.protocol),
-                                                   a.inbound ? XFRM_POLICY_IN : XFRM_POLICY_OUT)));
+        answer.advise(ENOENT, noPolicy(a, a.inbound ? XFRM_POLICY_IN : XFRM_POLICY_OUT));
     };
     return {.call = call, .around = around};
 }
 
 Operation bypass(Arguments& a, decltype(Vesk::addXFRMPolicyEx)* operation)
 {
+    a.destination                 = Vesk::kBypassSelector;
+    a.protocol                    = IPPROTO_ICMPV6;
     const unsigned char direction = a.direction == "in"    ? XFRM_POLICY_IN
                                     : a.direction == "out" ? XFRM_POLICY_OUT
                                                            : XFRM_POLICY_FWD;
     const auto around             = [direction, &a](Answer& answer, const auto& makeCall) {
         makeCall();
         answer.advise(EEXIST, "there is such a policy; remove it first: veskctl policy bypass remove " + a.direction);
-        answer.advise(ENOENT, noPolicy(otherwiseOf(selectorOf("", Vesk::kBypassSelector, IPPROTO_ICMPV6), direction)));
+        answer.advise(ENOENT, noPolicy(a, direction));
     };
     return {.call = [direction, operation](Answer&) { return operation(direction); }, .around = around};
 }
@@ -244,11 +265,18 @@ void judgeMigration(Answer& answer, const Arguments& a, const std::array<int, 2>
         if (before[tx] == 0)
             none.emplace_back(nameOf(tx));
     }
+    std::vector<std::string> kept;
+    for (const InstalledState& each : installedStates(a.otherRecord))
+        if (each.own && !each.marked && each.inUDP != isInUDP(a.otherRecord))
+            kept.push_back(std::string(nameOf(each.tx)) + (each.inUDP ? " kept its" : " has no") +
+                           " UDP encapsulation");
     if (left)
         answer.notAsAsked("an SA is still between the old addresses; veskctl sa list shows it");
     else if (!none.empty())
         answer.notAsAsked("the policies were moved; there was no SA between the old addresses to move for " +
                           joined(none, " and "));
+    else if (!kept.empty())
+        answer.notAsAsked(joined(kept, "; ") + kRenew);
 }
 
 Operation migrate(Arguments& a)
@@ -274,6 +302,10 @@ Operation migrate(Arguments& a)
         else if (answer.heard(kNotMovedBack[0]) || answer.heard(kNotMovedBack[1]))
             answer.inPart("some of it was moved and could not be moved back" + kSeePolicies);
         answer.advise(ENOENT, "a policy of one of the three directions, out, in and fwd, is missing" + kSeePolicies);
+        for (const InstalledState& each : installedStates(a.otherRecord))
+            if (each.own && !each.marked)
+                answer.advise(ENODATA, std::string("an SA with the SPI of ") + nameOf(each.tx) +
+                                           " is at the new address already; veskctl sa list shows it");
         answer.advise(ENODATA,
                       "a policy has no template of the records' mode, protocol and old addresses" + kSeePolicies);
     };
@@ -302,9 +334,8 @@ Operation explain(Arguments&)
 const Argument kRecord     = {"record", "FILE", "File with the record; - for standard input", &Arguments::file};
 const Argument kOutputMark = {"--mark", "NUMBER", "Mark of what TX sends", &Arguments::mark};
 const Argument kOutputMask = {"--mask", "NUMBER", "The bits of that mark to set; all when not given", &Arguments::mask};
-const Argument kTechnology = {"--technology", "TECHNOLOGY",
-                              "marked-rx: what RX receives gets mark " + hexadecimal(Vesk::kMarkedRx),
-                              &Arguments::technology};
+const Argument kTechnology = {"--technology", "{marked-rx}",
+                              "What RX receives gets mark " + hexadecimal(Vesk::kMarkedRx), &Arguments::technology};
 const Argument kFrom       = {"source", "PREFIX", "Source of the traffic; \"\" for any", &Arguments::source};
 const Argument kTo         = {"destination", "PREFIX", "Its destination; \"\" for any", &Arguments::destination};
 const Argument kProtocol   = {"--protocol", "PROTOCOL", "Of this IP protocol alone, such as tcp", &Arguments::protocol};
@@ -332,8 +363,9 @@ std::vector<Command> ipsecCommands()
          .example    = "handset.ini --mark 1 --mask 0xff",
          .arguments  = {kRecord, kOutputMark, kOutputMask, kTechnology},
          .prepare    = updateStates,
-         .notes      = marks + "Mainline kernels keep mode, source, algorithms and keys: remove the SAs and add\n"
-                               "them to change those. Status 3 when they differ, or RX was refused.",
+         .notes      = marks + "Mainline kernels keep mode, source, algorithms, keys and UDP encapsulation: to\n"
+                               "change those, remove the SAs and add them. Status 3 when they differ, or RX\n"
+                               "was refused.",
          .unanswered = "ids and counters in the last two requests are those of the installed SAs"},
         {.path       = "sa remove",
          .what       = "Remove the two SAs of a record",

@@ -2,6 +2,7 @@
 
 #include "Command.h"
 #include "kernel/Kernel.h"
+#include "kernel/Looks.h"
 #include "print/Text.h"
 
 #include <netlink/Numbers.h>
@@ -20,27 +21,45 @@ namespace {
 const std::string kPurged =
     "a label of " + std::to_string(Vesk::kDefaultLabel) + ", or " + std::to_string(Vesk::kFirstOwnLabel) + " or more";
 
-Operation labelChange(Arguments& a, decltype(Vesk::addrlabelAdd)* operation)
-{
-    a.prefix = prefixOf(a.address);
-    a.index  = indexOrNumberOf(a.device);
-    return {[&a, operation](Answer&) { return operation(&a.prefix.address, a.prefix.length, a.label, a.index); }};
-}
-
-Operation labelAdd(Arguments& a)
-{
-    return labelChange(a, Vesk::addrlabelAdd);
-}
-
-Operation labelDel(Arguments& a)
-{
-    return labelChange(a, Vesk::addrlabelDel);
-}
-
 // Whether an entry is of the prefix length and device that are purged.
 bool isCandidate(const Label& each, const Arguments& a)
 {
     return a.prefix.address.ss_family == AF_INET6 && each.length == a.prefix.length && each.device == a.index;
+}
+
+// The entry that the arguments name, as the kernel keeps it: without bits behind the prefix.
+Label entryOf(const Arguments& a)
+{
+    Label entry         = {{}, a.prefix.length, a.index, a.label};
+    const auto& address = reinterpret_cast<const sockaddr_in6&>(a.prefix.address).sin6_addr.s6_addr;
+    for (unsigned int bit = 0; bit < entry.length; ++bit)
+        entry.address[bit / 8] |= static_cast<unsigned char>(address[bit / 8] & 0x80 >> bit % 8);
+    return entry;
+}
+
+template <decltype(Vesk::addrlabelAdd)* operation>
+Operation labelChange(Arguments& a)
+{
+    a.prefix          = prefixOf(a.address);
+    a.index           = indexOrNumberOf(a.device);
+    const auto call   = [&a](Answer&) { return operation(&a.prefix.address, a.prefix.length, a.label, a.index); };
+    const auto around = [&a](Answer& answer, const auto& makeCall) {
+        const Label wanted = entryOf(a);
+        std::vector<Label> all;
+        static_cast<void>(readLabels(all));
+        for (const Label& each : all) {
+            if (!isCandidate(each, a) || each.address != wanted.address)
+                continue;
+            const std::string label = std::to_string(each.label), has = each.text() + " has label " + label;
+            if (operation == Vesk::addrlabelDel && each.label != a.label) // the kernel does not compare labels
+                throw Refusal(has + ", and would be deleted all the same; write that label", Refused);
+            makeCall();
+            return answer.advise(EEXIST, has + "; delete it first: veskctl label del " + each.text() + ' ' + label +
+                                             (a.device.empty() ? "" : " --device " + forShell(a.device)));
+        }
+        makeCall();
+    };
+    return {.call = call, .around = around};
 }
 
 // Whether it has the address that is purged: whole bytes of the prefix are compared, as the library does.
@@ -74,6 +93,8 @@ void judgePurge(const Arguments& a, const std::vector<Label>& before, Answer& an
     else if (purged.empty() && own->label != Vesk::kDefaultLabel && own->label < Vesk::kFirstOwnLabel)
         answer.notAsAsked("nothing was purged: " + own->text() + " has label " + std::to_string(own->label) +
                           "; only " + kPurged + " is purged; veskctl label del deletes one");
+    else if (purged.empty() && !mayChangeNetworks())
+        answer.notAsAsked(std::string("nothing was purged: ") + kNoRights);
     else if (purged.empty())
         answer.notAsAsked(
             "nothing was purged: for this address, the kernel takes another entry; give an address that only " +
@@ -121,19 +142,17 @@ std::vector<Command> labelCommands()
          .what      = "Give an IPv6 prefix a label",
          .example   = "2001:db8::/32 4711 --device wlan0",
          .arguments = {kPrefix, kLabel, kEntryDevice},
-         .prepare   = labelAdd,
+         .prepare   = labelChange<Vesk::addrlabelAdd>,
          .notes     = "Mainline kernels have no labels for IPv4 (EOPNOTSUPP).",
-         .advice    = {ipv4,
-                       {EINVAL, "there is no such device, or the label is 0xffffffff, which stands for none"},
-                       {EEXIST, "the prefix has a label; delete it first: veskctl label del"}}},
+         .advice    = {ipv4, {EINVAL, "there is no such device, or the label is 0xffffffff, which stands for none"}}},
         {.path      = "label del",
          .what      = "Delete the label of an IPv6 prefix",
          .example   = "2001:db8::/32 4711 --device wlan0",
          .arguments = {kPrefix, kLabel, kEntryDevice},
-         .prepare   = labelDel,
+         .prepare   = labelChange<Vesk::addrlabelDel>,
          .advice    = {ipv4, {ESRCH, "there is no such entry; veskctl label list shows all"}}},
         {.path      = "label purge",
-         .what      = "Delete the label of a prefix, wherever it is",
+         .what      = "Delete a label from prefixes of one length and device",
          .example   = "2001:db8::/32 --device wlan0",
          .arguments = {kPrefix, kEntryDevice},
          .prepare   = purge,

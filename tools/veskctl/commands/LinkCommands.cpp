@@ -53,8 +53,14 @@ std::string withoutGateway(const Arguments& a)
 // What is said of a route that was not even asked for, since its gateway is none; or whose gateway is elsewhere.
 void judgeGateway(const Arguments& a, Answer& answer, const char* nothing)
 {
-    if (answer.result == 0 || !nextHop(a.address, a.family, a.mark)) // the advice tells of those without a route
+    if (answer.result == 0)
         return;
+    if (!nextHop(a.address, a.family, a.mark)) {
+        answer.advise(EINVAL, "a blackhole route leads there");
+        answer.advise(EACCES, "a prohibit route leads there");
+        answer.advise(EHOSTUNREACH, "an unreachable route leads there");
+        return answer.advise(ENETUNREACH, "no route leads there");
+    }
     if (const std::string why = withoutGateway(a); !why.empty())
         answer.notAsAsked(nothing + why);
     answer.advise(ENETUNREACH, "the gateway is not on the link of " + a.device);
@@ -71,6 +77,7 @@ Operation routeGet(Arguments& a)
     };
     const auto around = [&a](Answer& answer, const auto& makeCall) {
         makeCall();
+        judgeGateway(a, answer, "");
         if (answer.result == 0 && answer.findings.empty())
             answer.notAsAsked(withoutGateway(a));
     };
@@ -109,10 +116,11 @@ Operation routeDel(Arguments& a)
         if (before.empty())
             answer.notAsAsked("nothing to remove: there is no " + route);
         else if (after == before && !mayChangeNetworks())
-            answer.notAsAsked("the " + route + " is still there: this process has no CAP_NET_ADMIN; run it as root");
+            answer.notAsAsked("the " + route + " is still there: " + kNoRights);
         else if (const auto hop = nextHop(a.address, a.family, a.mark); after == before && hop)
             answer.notAsAsked("nothing was removed: what is there is " + joined(after) + ", asked for was via " +
-                              hop->gateway + " metric " + std::to_string(Vesk::kRouteMetric));
+                              hop->gateway + " metric " + std::to_string(Vesk::kRouteMetric) + " advmss " +
+                              std::to_string(Vesk::kAdvertisedMSS) + " origin static scope universe type unicast");
     };
     return {.call = call, .around = around};
 }
@@ -184,16 +192,10 @@ const Argument kOutput      = {"device", "DEVICE", "Interface that packets leave
 const Argument kLookUpMark  = {"--mark", "NUMBER", "Mark of the packets whose gateway is looked up", &Arguments::mark};
 const Argument kTable       = {"--table", "NUMBER", "Routing table; 254, main, when not given", &Arguments::table};
 const Argument kValid       = {"--valid", "SECONDS", "How long it stays valid; required", &Arguments::valid, true};
-const Argument kParent      = {"--parent", "HANDLE", "Where, such as 2:1; the root when not given", &Arguments::parent};
+const Argument kParent      = {"--parent", "PARENT", "Where, such as 2:1; the root when not given", &Arguments::parent};
 const Argument kHandle = {"--handle", "HANDLE", "Its handle, such as 1:; chosen when not given", &Arguments::handle};
 const Argument kKind   = {"kind", "KIND", "Kind of discipline, such as fq_codel", &Arguments::kind};
 const Argument kEnable = {"--enable", "", "Switch flow control on; off when not given", &Arguments::enable};
-
-const std::vector<Advice> kNoRoute = {
-    {ENETUNREACH, "no route leads there"},
-    {EHOSTUNREACH, "no route leads there"},
-    {EEXIST, "there is a route to this host of the same metric; ip route show table all lists it"},
-};
 
 } // namespace
 
@@ -239,7 +241,6 @@ std::vector<Command> linkCommands()
          .arguments  = {kDestination, kLookUpMark},
          .prepare    = routeGet,
          .notes      = "Status 3 where there is none: on the link, or with an IPv6 gateway.",
-         .advice     = kNoRoute,
          .unanswered = "the gateway is in it"},
         {.path      = "route add",
          .what      = "Install a host route through today's gateway",
@@ -248,7 +249,7 @@ std::vector<Command> linkCommands()
          .prepare   = routeAdd,
          .notes     = "The gateway is looked up as by route get. Metric " + std::to_string(kRouteMetric) +
                   ", advertised MSS " + std::to_string(kAdvertisedMSS) + ".",
-         .advice     = kNoRoute,
+         .advice     = {{EEXIST, "there is a route to this host of the same metric; ip route show table all lists it"}},
          .unanswered = "RTM_NEWROUTE would follow, " + gateway},
         {.path       = "route del",
          .what       = "Remove a host route that route add installed",
@@ -257,7 +258,6 @@ std::vector<Command> linkCommands()
          .prepare    = routeDel,
          .notes      = "The kernel's answer is not waited for. So the table is looked at before and\n"
                        "after; status 3 when the route was not there, or still is.",
-         .advice     = kNoRoute,
          .unanswered = "RTM_DELROUTE would follow, " + gateway},
 
         {.path      = "rule get",

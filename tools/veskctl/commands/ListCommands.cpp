@@ -181,9 +181,10 @@ Operation stateStatus(Arguments& a)
             const std::string differs = kept.size() > 2 ? kept.substr(2) : "";
             if (!differs.empty())
                 answer.notAsAsked("what the record says is not what is installed");
-            Json& finding = answer.findings[tx ? "tx" : "rx"] = {{"installed", is != all.end()}};
-            if (is == all.end()) {
-                text += "  not installed\n";
+            const bool installed = is != all.end() && !is->larval;
+            Json& finding = answer.findings[tx ? "tx" : "rx"] = {{"installed", installed}};
+            if (!installed) {
+                text += is == all.end() ? "  not installed\n" : "  larval, without keys yet\n";
                 continue;
             }
             const bool others =
@@ -198,7 +199,7 @@ Operation stateStatus(Arguments& a)
 }
 
 const Argument kRecordOnly = {"--record", "FILE", "Those of a record alone", &Arguments::file};
-const Argument kSPI        = {"--spi", "NUMBER", "Those with this SPI alone", &Arguments::spi};
+const Argument kSPI        = {"--spi", "SPI", "Those with this SPI alone", &Arguments::spi};
 const Argument kAddress    = {"--address", "ADDRESS", "Those with this address at an end alone", &Arguments::address};
 
 } // namespace
@@ -245,6 +246,6 @@ std::string explainedLists()
     std::string text;
     for (const auto& [style, dump] : {std::pair(kStateStyle, kStates), std::pair(kPolicyStyle, kPolicies),
                                       std::pair(kRuleStyle, kRules), std::pair(kLabelStyle, kLabels)})
-        text += explained(style, listed(dump.protocol, dump.reply));
+        text += explained(style, mayShow(dump));
     return text;
 }

@@ -126,10 +126,10 @@ std::string manual()
         ".SH RECORDS\n"
         "A record is a file with one \"name = value\" a line; the rest of a line from ; or # on is ignored. It\n"
         "holds keys. So a regular file, standard input included, is refused when its mode lets its group or others\n"
-        "read or write it; other files, such as pipes, have no such mode and are not looked at. Root is told when\n"
+        "read or write it; the mode of other files, such as pipes, is not looked at. Root is told when\n"
         "the file belongs to another user. While keys are held, the process leaves no core file.\n"
         ".PP\nRefused are keys that are all zeros and, except when SAs are removed, ends that are equal, unspecified\n"
-        "(0.0.0.0, ::), loopback, multicast or broadcast. Words stand for codes:\n" +
+        "(0.0.0.0, ::), loopback, multicast, reserved or broadcast. Words stand for codes:\n" +
         verbatim(record.text) +
         ".SH LISTS AND JSON\n"
         "Lists name what is not as usual: what is left out is 0, none, any, or without limit. \"unknown\" are attributes\n"

@@ -260,7 +260,7 @@ const char* unusable(const tro_ip_addr_type_v01& address)
     if (is4 ? v4 >> 24 == IN_LOOPBACKNET : IN6_IS_ADDR_LOOPBACK(&v6) != 0)
         return "a loopback address";
     if (is4 ? v4 >= INADDR_UNSPEC_GROUP : IN6_IS_ADDR_MULTICAST(&v6) != 0)
-        return "a multicast or broadcast address";
+        return "a multicast, reserved or broadcast address";
     return nullptr;
 }
 

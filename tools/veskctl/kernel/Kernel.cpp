@@ -81,6 +81,14 @@ Fields decoded(const Dump& what, const nlmsghdr* message)
     return fields;
 }
 
+Fields mayShow(const Dump& what)
+{
+    Fields fields = listed(what.protocol, what.reply);
+    if (what.reply == kStates.reply || what.reply == kRules.reply)
+        addWord(fields, what.reply == kStates.reply ? "state" : "device", "");
+    return fields;
+}
+
 int readAll(const Dump& what, const std::function<void()>& begin,
             const std::function<void(const Fields& fields, Bytes message)>& each)
 {

@@ -34,6 +34,9 @@ extern const Dump kStates, kPolicies, kRules, kLabels, kRoutes, kQdiscs;
 int readAll(const Dump& what, const std::function<void()>& begin,
             const std::function<void(const Fields& fields, Bytes message)>& each);
 
+// All that it may show, without values.
+Fields mayShow(const Dump& what);
+
 // One message of it.
 Fields decoded(const Dump& what, const nlmsghdr* message);
 

@@ -103,7 +103,8 @@ std::vector<InstalledState> installedStates(const Record& r, const Requests& wan
                                         word(fields, "destination") == ends.destination)
                 found.push_back({tx, number(fields, "mark") != 0, word(fields, "source") == ends.source,
                                  word(fields, "source"), keptBy(fields, message, wanted), number(fields, "packets"),
-                                 word(fields, "used"), std::all_of(keys.begin(), keys.end(), isZero)});
+                                 word(fields, "used"), std::all_of(keys.begin(), keys.end(), isZero),
+                                 word(fields, "state") == "larval", fieldOf(fields, "encapsulation") != nullptr});
     };
     const int read = look(kStates, found, add);
     if (result != nullptr)
@@ -148,6 +149,8 @@ std::vector<std::string> otherwiseOf(const xfrm_selector& sel, unsigned char dir
             words.push_back("mark " + word(fields, "mark") + '/' + word(fields, "mask"));
         if (number(fields, "if_id") != 0)
             words.push_back("if_id " + word(fields, "if_id"));
+        if (const std::string context = word(fields, "security_context"); !context.empty())
+            words.push_back("context " + context);
         if (number(fields, "policy_type") != XFRM_POLICY_TYPE_MAIN)
             words.emplace_back("ptype sub");
         found.push_back(joined(words));
@@ -176,7 +179,9 @@ std::vector<std::string> routesTo(const std::string& destination, unsigned int t
             return;
         const std::string gateway = word(fields, "gateway");
         routes.push_back((gateway.empty() ? "on link" : "via " + gateway) + " metric " +
-                         std::to_string(number(fields, "metric")));
+                         std::to_string(number(fields, "metric")) + " advmss " +
+                         std::to_string(number(fields, "RTAX_ADVMSS")) + " origin " + word(fields, "origin") +
+                         " scope " + word(fields, "scope") + " type " + word(fields, "type"));
     });
     return routes;
 }

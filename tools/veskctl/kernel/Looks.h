@@ -23,6 +23,8 @@ struct InstalledState {
     std::uint64_t packets;
     std::string used; // when last, or "never"
     bool hidden;      // keys are all zeros
+    bool larval;      // it has none yet
+    bool inUDP;
 };
 using Requests = std::vector<std::vector<unsigned char>>;
 std::vector<InstalledState> installedStates(const Record& r, const Requests& wanted = {}, int* result = nullptr);
@@ -39,7 +41,7 @@ std::vector<std::string> otherwiseOf(const xfrm_selector& sel, unsigned char dir
 // Removes one, as the library would. Returns 0, or an errno.
 int removePolicy(const xfrm_selector& sel, unsigned char direction);
 
-// The IPv4 routes to a host over a device, as "via 192.0.2.254 metric 100".
+// The IPv4 routes to a host over a device, as "via 192.0.2.254 metric 100 ...", with all that a removal compares.
 std::vector<std::string> routesTo(const std::string& destination, unsigned int table, unsigned int device);
 
 // What the kernel would send packets for a destination to. Without a gateway, the destination itself is on the link.
@@ -51,7 +53,8 @@ std::optional<NextHop> nextHop(const std::string& destination, unsigned char fam
 // The queueing discipline of a device at a parent, as "fq_codel 1:"; empty for none that was asked for.
 std::string qdiscAt(unsigned int device, unsigned int parent);
 
-// Whether this process has CAP_NET_ADMIN.
+// Whether this process has CAP_NET_ADMIN; what to say when it has not.
+inline constexpr const char* kNoRights = "this process has no CAP_NET_ADMIN; run it as root";
 bool mayChangeNetworks();
 
 #endif

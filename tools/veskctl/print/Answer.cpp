@@ -108,7 +108,10 @@ int put(const std::string& text, int status)
             left.remove_prefix(static_cast<std::size_t>(written));
         } else if (errno != EINTR) {
             complain(std::string("the answer could not be written: ") + std::strerror(errno));
-            return status == Done || status == NotAsAsked ? Lost : status;
+            if (status == Done)
+                return Lost;
+            complain(text);
+            return status;
         }
     }
     return status;

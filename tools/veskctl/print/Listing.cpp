@@ -43,7 +43,7 @@ std::string typeOf(Kind kind)
     case Kind::Family:
         return "word";
     case Kind::Time:
-        return "time, as 2026-11-22T10:54:44+01:00";
+        return "time, as 2026-11-22T10:54:44+01:00, or never";
     case Kind::Device:
     case Kind::Text:
         return "text";
@@ -163,5 +163,6 @@ std::string explained(const ListStyle& style, const Fields& listed)
         if (each.kind == Kind::Device)
             add(name + "_index", "number, where there is no such device any more");
     }
+    add("unknown", "array of texts");
     return std::string(style.name) + ":\n" + text;
 }
