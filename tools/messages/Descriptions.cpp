@@ -187,8 +187,11 @@ const Structure kLimits = STRUCTURE(
     AT(soft_add_expires_seconds, Number, "soft_seconds"), AT(hard_add_expires_seconds, Number, "hard_seconds"),
     AT(soft_use_expires_seconds, Number, "soft_seconds_of_use"),
     AT(hard_use_expires_seconds, Number, "hard_seconds_of_use"));
-const Structure kUse   = STRUCTURE(xfrm_lifetime_cur, AT(bytes, Number, "bytes"), AT(packets, Number, "packets"),
-                                   AT(add_time, Time, "added"), AT(use_time, Time, "used"));
+const Structure kUse = STRUCTURE(xfrm_lifetime_cur, AT(bytes, Number, "bytes"), AT(packets, Number, "packets"),
+                                 AT(add_time, Time, "added"), AT(use_time, Time, "used"));
+const Structure kStateUse =
+    STRUCTURE(xfrm_lifetime_cur, AT(bytes, Number, "bytes"), AT(packets, Number, "packets"),
+              AT(add_time, Time, "added"), AT(use_time, Time, "first_used")); // which later use leaves
 const Structure kStats = STRUCTURE(xfrm_stats, AT(replay_window, Number, "outside_window"),
                                    AT(replay, Number, "replayed"), AT(integrity_failed, Number, "integrity_failed"));
 
@@ -204,7 +207,7 @@ void finishState(std::span<Field> fields)
 
 const Structure kState =
     finished(STRUCTURE(xfrm_usersa_info, AT(sel, kSelector, "selected"), AT(id, kId), AT(saddr, Address, "source"),
-                       AT(lft, kLimits), AT(curlft, kUse), AT(stats, kStats), AT(seq, Number, "acquire_sequence"),
+                       AT(lft, kLimits), AT(curlft, kStateUse), AT(stats, kStats), AT(seq, Number, "acquire_sequence"),
                        AT(reqid, Number, "reqid"), AT(family, kFamily), AT(mode, kModes, "mode"),
                        AT(replay_window, Number, "replay_window"), AT(flags, {kStateFlags, Flags}, "flags")),
              finishState);

@@ -212,7 +212,8 @@ const Command& CommandLine::parse(Arguments& arguments) const
                 for (const Argument& each : *list)
                     if (each.name.starts_with('-'))
                         known.insert(each.name);
-            throw Refusal("unknown option: " + name + "; one of " + joined(known));
+            throw Refusal("unknown option: " + name + "; one of " + joined(known) +
+                          "; other words with a dash go behind --");
         }
         if (std::holds_alternative<bool Arguments::*>(option->field)) {
             if (sign != std::string::npos)

@@ -79,7 +79,8 @@ Operation addStates(Arguments& a)
         if (answer.result == 0)
             return;
         const auto after         = installedStates(a.record);
-        const std::string remove = "veskctl sa remove " + forShell(a.file);
+        const bool isStream      = a.file == "-" || a.file.starts_with("/dev/");
+        const std::string remove = "veskctl sa remove" + (isStream ? ", with the same record" : ' ' + forShell(a.file));
         const std::string rx     = othersLike(after, false);
         if (!before && oneOf(after, true, isOwnAndReached) != nullptr)
             answer.inPart("TX was installed and stays, RX was refused" +
@@ -271,10 +272,12 @@ void judgeMigration(Answer& answer, const Arguments& a, const std::array<int, 2>
             kept.push_back(std::string(nameOf(each.tx)) + (each.inUDP ? " kept its" : " has no") +
                            " UDP encapsulation");
     if (left)
-        answer.notAsAsked("an SA is still between the old addresses; veskctl sa list shows it");
+        answer.notAsAsked(
+            "an SA is still between the old addresses; the kernel may have moved another one in its place; veskctl sa list shows both");
     else if (!none.empty())
-        answer.notAsAsked("the policies were moved; there was no SA between the old addresses to move for " +
-                          joined(none, " and "));
+        answer.notAsAsked(
+            "the policies were moved; there was no SA of the record between the old addresses to move for " +
+            joined(none, " and "));
     else if (!kept.empty())
         answer.notAsAsked(joined(kept, "; ") + kRenew);
 }

@@ -11,7 +11,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <random>
 
 #include <netinet/in.h>
@@ -27,14 +26,14 @@ bool isCandidate(const Label& each, const Arguments& a)
     return a.prefix.address.ss_family == AF_INET6 && each.length == a.prefix.length && each.device == a.index;
 }
 
-// The entry that the arguments name, as the kernel keeps it: without bits behind the prefix.
-Label entryOf(const Arguments& a)
+// Whether it is the one that the arguments name. The kernel keeps it without bits behind the prefix.
+bool isEntryOf(const Label& each, const Arguments& a)
 {
-    Label entry         = {{}, a.prefix.length, a.index, a.label};
     const auto& address = reinterpret_cast<const sockaddr_in6&>(a.prefix.address).sin6_addr.s6_addr;
-    for (unsigned int bit = 0; bit < entry.length; ++bit)
-        entry.address[bit / 8] |= static_cast<unsigned char>(address[bit / 8] & 0x80 >> bit % 8);
-    return entry;
+    bool same           = isCandidate(each, a);
+    for (unsigned int bit = 0; same && bit < each.length; ++bit)
+        same = ((address[bit / 8] ^ each.address[bit / 8]) & 0x80 >> bit % 8) == 0;
+    return same;
 }
 
 template <decltype(Vesk::addrlabelAdd)* operation>
@@ -44,11 +43,10 @@ Operation labelChange(Arguments& a)
     a.index           = indexOrNumberOf(a.device);
     const auto call   = [&a](Answer&) { return operation(&a.prefix.address, a.prefix.length, a.label, a.index); };
     const auto around = [&a](Answer& answer, const auto& makeCall) {
-        const Label wanted = entryOf(a);
         std::vector<Label> all;
         static_cast<void>(readLabels(all));
         for (const Label& each : all) {
-            if (!isCandidate(each, a) || each.address != wanted.address)
+            if (!isEntryOf(each, a))
                 continue;
             const std::string label = std::to_string(each.label), has = each.text() + " has label " + label;
             if (operation == Vesk::addrlabelDel && each.label != a.label) // the kernel does not compare labels
@@ -62,25 +60,17 @@ Operation labelChange(Arguments& a)
     return {.call = call, .around = around};
 }
 
-// Whether it has the address that is purged: whole bytes of the prefix are compared, as the library does.
-bool hasAddress(const Label& each, const Arguments& a)
-{
-    const auto& address = reinterpret_cast<const sockaddr_in6&>(a.prefix.address).sin6_addr;
-    return std::memcmp(each.address.data(), &address, a.prefix.length / 8) == 0;
-}
-
 void judgePurge(const Arguments& a, const std::vector<Label>& before, Answer& answer)
 {
     std::vector<Label> after, purged, left;
     if (answer.result != 0 || readLabels(after) != 0)
         return;
-    const auto own = std::find_if(before.begin(), before.end(),
-                                  [&](const Label& each) { return isCandidate(each, a) && hasAddress(each, a); });
+    const auto own = std::find_if(before.begin(), before.end(), [&a](const Label& each) { return isEntryOf(each, a); });
     for (const Label& each : before)
         if (std::count(after.begin(), after.end(), each) == 0)
             purged.push_back(each);
     for (const Label& each : after)
-        if (own != before.end() && isCandidate(each, a) && (each.label == own->label || hasAddress(each, a)))
+        if (own != before.end() && isCandidate(each, a) && (each.label == own->label || isEntryOf(each, a)))
             left.push_back(each);
 
     for (const Label& each : purged)
@@ -159,7 +149,7 @@ std::vector<Command> labelCommands()
          .notes     = "Deleted are the entry of the prefix, and those of the same prefix length and\n"
                       "device that have its label, if it is " +
                   kPurged + ".\nStatus 3 when there was none, or one is left.",
-         .advice     = {ipv4},
+         .advice     = {ipv4, {ESRCH, "no entry matches this address; veskctl label list shows all"}},
          .unanswered = "where it names " + kPurged +
                        ", a dump of all labels would follow, and "
                        "RTM_DELADDRLABEL for each that matches"},

@@ -21,7 +21,7 @@ using namespace Vesk::Messages;
 namespace {
 
 constexpr ListStyle kStateStyle  = {"sas", "{protocol} {mode} {source} > {destination} spi {spi}",
-                                    "{packets} {bytes} {added?} {used?}", ""};
+                                    "{packets} {bytes} {added?} {first_used?} {last_used?}", ""};
 constexpr ListStyle kPolicyStyle = {"policies", "{direction} {source} > {destination}",
                                     "{priority} {action} {index} {added?} {used?}",
                                     "{protocol} {mode} {source} > {destination}"};
@@ -190,17 +190,20 @@ Operation stateStatus(Arguments& a)
             const bool others =
                 differs.find("cipher") != std::string::npos || differs.find("hash") != std::string::npos;
             const std::string keys = others ? "others" : is->hidden ? "hidden" : "the record's";
-            finding.update({{"keys", keys}, {"packets", is->packets}, {"used", is->used}, {"differs", differs}});
-            text += "  installed  keys " + keys + "  packets " + std::to_string(is->packets) + "  used " + is->used +
+            finding.update(
+                {{"keys", keys}, {"packets", is->packets}, {"first_used", is->firstUsed}, {"differs", differs}});
+            if (!is->lastUsed.empty())
+                finding["last_used"] = is->lastUsed;
+            text += "  installed  keys " + keys + "  packets " + std::to_string(is->packets) + "  first_used " +
+                    is->firstUsed + (is->lastUsed.empty() ? "" : "  last_used " + is->lastUsed) +
                     (differs.empty() ? "" : "  differs in " + differs) + '\n';
         }
         return result;
     }};
 }
 
-const Argument kRecordOnly = {"--record", "FILE", "Those of a record alone", &Arguments::file};
-const Argument kSPI        = {"--spi", "SPI", "Those with this SPI alone", &Arguments::spi};
-const Argument kAddress    = {"--address", "ADDRESS", "Those with this address at an end alone", &Arguments::address};
+const Argument kSPI     = {"--spi", "SPI", "Those with this SPI alone", &Arguments::spi};
+const Argument kAddress = {"--address", "ADDRESS", "Those with this address at an end alone", &Arguments::address};
 
 } // namespace
 
@@ -210,18 +213,19 @@ std::vector<Command> listCommands()
     return {
         {.path = "rule list", .what = "All rules", .prepare = ruleList, .unanswered = unanswered},
         {.path = "label list", .what = "All labels", .prepare = labelList, .unanswered = unanswered},
-        {.path       = "sa status",
-         .what       = "Whether the two SAs of a record are installed",
-         .example    = "handset.ini",
-         .arguments  = {{"record", "FILE", "File with the record; - for standard input", &Arguments::file}},
-         .prepare    = stateStatus,
-         .notes      = "With whose keys, how many packets, and when last used. Status 3 when one is\n"
-                       "missing or has other keys.",
+        {.path      = "sa status",
+         .what      = "Whether the two SAs of a record are installed",
+         .example   = "handset.ini",
+         .arguments = {{"record", "FILE", "File with the record; - for standard input", &Arguments::file}},
+         .prepare   = stateStatus,
+         .notes =
+             "With whose keys, how many packets, and when used: first, and last where the\nkernel tells. Status 3 when one is "
+             "missing or has other keys.",
          .unanswered = "what is installed is in it"},
         {.path       = "sa list",
          .what       = "SAs, without keys",
          .example    = "--spi 0x1001",
-         .arguments  = {kRecordOnly,
+         .arguments  = {{"--record", "FILE", "Those of a record alone", &Arguments::file},
                         kSPI,
                         kAddress,
                         {"--direction", "{in,out}", "Those that end here, or begin here", &Arguments::direction}},
@@ -230,7 +234,7 @@ std::vector<Command> listCommands()
         {.path       = "policy list",
          .what       = "Policies",
          .example    = "--direction out",
-         .arguments  = {kRecordOnly,
+         .arguments  = {{"--record", "FILE", "Those between the ends of a record alone", &Arguments::file},
                         kSPI,
                         kAddress,
                         {"--direction", "{in,out,fwd}", "Those of this direction", &Arguments::direction}},

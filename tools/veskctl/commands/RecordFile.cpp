@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <climits>
 #include <cstddef>
 #include <cstring>
 #include <map>
@@ -214,7 +215,9 @@ private:
     {
         const bool handedOver = path.starts_with("/dev/fd/");
         const auto number     = handedOver ? numberOf(path.substr(std::strlen("/dev/fd/"))) : std::nullopt;
-        return path == "-" || path == "/dev/stdin" ? STDIN_FILENO : number ? static_cast<int>(*number) : -1;
+        return path == "-" || path == "/dev/stdin" ? STDIN_FILENO
+               : number && *number <= INT_MAX      ? static_cast<int>(*number)
+                                                   : -1;
     }
 
     // The file that is looked at is the one that is read. Only a file has a mode that says who else may read it.

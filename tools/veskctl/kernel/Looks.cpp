@@ -103,8 +103,9 @@ std::vector<InstalledState> installedStates(const Record& r, const Requests& wan
                                         word(fields, "destination") == ends.destination)
                 found.push_back({tx, number(fields, "mark") != 0, word(fields, "source") == ends.source,
                                  word(fields, "source"), keptBy(fields, message, wanted), number(fields, "packets"),
-                                 word(fields, "used"), std::all_of(keys.begin(), keys.end(), isZero),
-                                 word(fields, "state") == "larval", fieldOf(fields, "encapsulation") != nullptr});
+                                 word(fields, "first_used"), word(fields, "last_used"),
+                                 std::all_of(keys.begin(), keys.end(), isZero), word(fields, "state") == "larval",
+                                 fieldOf(fields, "encapsulation") != nullptr});
     };
     const int read = look(kStates, found, add);
     if (result != nullptr)
@@ -128,8 +129,10 @@ int statesBetween(const Record& r, bool tx)
     const Ends ends(r, tx);
     look(kStates, count, [&](const Fields& fields, Bytes) {
         const bool between = word(fields, "source") == ends.source && word(fields, "destination") == ends.destination;
-        const bool tunnel  = word(fields, "mode") == "tunnel";
-        count += between && word(fields, "protocol") == protocolOf(r) &&
+        const bool other =
+            (tx ? r.spi_tx_valid : r.spi_rx_valid) != 0 && number(fields, "spi") != (tx ? r.spi_tx : r.spi_rx);
+        const bool tunnel = word(fields, "mode") == "tunnel";
+        count += between && !other && word(fields, "protocol") == protocolOf(r) &&
                          tunnel == (r.encap_mode == TRO_IPSEC_ENCAP_MODE_TUNNEL_V01)
                      ? 1
                      : 0;

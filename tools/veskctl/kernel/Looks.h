@@ -21,9 +21,9 @@ struct InstalledState {
     std::string source; //
     std::string kept;   // what it has otherwise than a request for it: "mode, cipher key"
     std::uint64_t packets;
-    std::string used; // when last, or "never"
-    bool hidden;      // keys are all zeros
-    bool larval;      // it has none yet
+    std::string firstUsed, lastUsed; // "never"; empty where the kernel does not tell
+    bool hidden;                     // keys are all zeros
+    bool larval;                     // it has none yet
     bool inUDP;
 };
 using Requests = std::vector<std::vector<unsigned char>>;
@@ -32,7 +32,7 @@ std::vector<InstalledState> installedStates(const Record& r, const Requests& wan
 // What an operation would send, for comparing.
 Requests requestsOf(const std::function<int()>& operation);
 
-// How many SAs of a record's protocol and mode go from its local to its remote address, or come back.
+// How many SAs of a record's protocol and mode, and of its SPI if it has one, go from its local to its remote address, or come back.
 int statesBetween(const Record& r, bool tx);
 
 // Policies with a selector and direction. The requests of the library reach the one that is otherwise "".

@@ -45,8 +45,8 @@ std::string visible(const std::string& text)
     for (std::size_t i = 0; i < text.size(); ++i) {
         const auto byte = static_cast<unsigned char>(text[i]);
         // In UTF-8, U+0080 to U+009f, which some terminals obey too, are c2 and that byte.
-        const bool second = i > 0 && text[i - 1] == '\xc2' && byte < 0xa0;
-        if (byte < ' ' || byte == 0x7f || second)
+        const auto isControl = [&](std::size_t c2) { return text[c2] == '\xc2' && (text[c2 + 1] & 0xe0) == 0x80; };
+        if (byte < ' ' || byte == 0x7f || isControl(i) || (i > 0 && isControl(i - 1)))
             to += {'\\', 'x', figures[byte / 16], figures[byte % 16]};
         else
             to += text[i];
@@ -57,8 +57,12 @@ std::string visible(const std::string& text)
 std::string forShell(const std::string& text)
 {
     constexpr const char* plain = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_./:@%+,=-";
+    if (text.starts_with('-')) // which would be an option
+        return forShell("./" + text);
     if (!text.empty() && text.find_first_not_of(plain) == std::string::npos)
         return text;
+    if (visible(text) != text)
+        return "$'" + replaced(visible(replaced(text, "\\", "\\\\")), "'", "\\'") + '\'';
     return '\'' + replaced(text, "'", "'\\''") + '\'';
 }
 

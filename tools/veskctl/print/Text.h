@@ -32,7 +32,7 @@ std::string replaced(std::string text, const std::string& old, const std::string
 // As it is shown to people: control characters, which a name may hold, as \x1b.
 std::string visible(const std::string& text);
 
-// As a word of a shell's command line.
+// As a word of a shell's command line that is a file, a device or a prefix.
 std::string forShell(const std::string& text);
 
 // "ENOENT"; the number where the kernel's networking has no use for that errno.
