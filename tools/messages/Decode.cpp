@@ -96,6 +96,13 @@ void nameValue(Field& field, std::uint64_t value, const Names& names)
     field.words   = {field.unnamed ? field.text : wordOf(names, *found)};
 }
 
+std::string nameOf(const Names& names, int value)
+{
+    Field field;
+    nameValue(field, static_cast<std::uint64_t>(value), names);
+    return field.text;
+}
+
 void readNumber(Field& field, const Format& format, Bytes bytes)
 {
     const bool networkOrder    = field.kind == Kind::Big || field.kind == Kind::BigHex || field.kind == Kind::BigMask;
@@ -388,9 +395,12 @@ Fields listed(int protocol, unsigned int type)
 
 std::string protocolName(int protocol)
 {
-    Field field;
-    nameValue(field, static_cast<std::uint64_t>(protocol), kProtocols);
-    return field.text;
+    return nameOf(kProtocols, protocol);
+}
+
+std::string errorName(int number)
+{
+    return nameOf(kErrors, number);
 }
 
 std::string hexadecimal(std::uint64_t value)

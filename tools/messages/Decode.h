@@ -89,6 +89,9 @@ std::string joined(const Range& all, const char* between = ", ", const TextOf& t
 // "NETLINK_XFRM"
 std::string protocolName(int protocol);
 
+// "ENOENT"; the number where the kernel's networking has no use for that errno.
+std::string errorName(int number);
+
 // "0x1001"
 std::string hexadecimal(std::uint64_t value);
 

@@ -71,7 +71,7 @@ struct Attribute {
 extern const Member kMore; // follows where there may be several structures: an array in lists
 
 extern const Structure kHeader;
-extern const Names kProtocols, kHeaderFlags, kGetFlags;
+extern const Names kProtocols, kErrors, kHeaderFlags, kGetFlags;
 
 struct Message {
     int protocol;

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <cerrno>
 #include <cstddef>
 
 #include <linux/fib_rules.h>
@@ -368,7 +369,13 @@ const Member kMore("", 0, 0);
 
 const Structure kHeader =
     STRUCTURE(nlmsghdr, AT(nlmsg_len), AT(nlmsg_type), AT(nlmsg_flags, Hex), AT(nlmsg_seq), AT(nlmsg_pid));
-const Names kProtocols   = NAMES("NETLINK_", NETLINK_ROUTE, NETLINK_XFRM, NETLINK_GENERIC);
+const Names kProtocols = NAMES("NETLINK_", NETLINK_ROUTE, NETLINK_XFRM, NETLINK_GENERIC);
+// strerrorname_np came to the platform's C library later than veskctl is for.
+const Names kErrors = NAMES("", EPERM, ENOENT, ESRCH, EINTR, EIO, ENXIO, E2BIG, EBADF, EAGAIN, ENOMEM, EACCES, EFAULT,
+                            EBUSY, EEXIST, ENODEV, EINVAL, ENFILE, EMFILE, ENOSPC, EDOM, ERANGE, ENOSYS, ENODATA,
+                            EPROTO, EBADMSG, EOVERFLOW, EMSGSIZE, EPROTONOSUPPORT, ESOCKTNOSUPPORT, EOPNOTSUPP,
+                            EPFNOSUPPORT, EAFNOSUPPORT, EADDRINUSE, EADDRNOTAVAIL, ENETDOWN, ENETUNREACH, ENOPROTOOPT,
+                            ECONNREFUSED, ECONNRESET, ENOBUFS, ENOTCONN, ETIMEDOUT, EHOSTUNREACH, EALREADY, ECANCELED);
 const Names kHeaderFlags = NAMES("NLM_F_", NLM_F_REQUEST, NLM_F_MULTI, NLM_F_ACK, NLM_F_ECHO, NLM_F_DUMP_INTR,
                                  NLM_F_REPLACE, NLM_F_EXCL, NLM_F_CREATE, NLM_F_APPEND);
 const Names kGetFlags    = NAMES("NLM_F_", NLM_F_REQUEST, NLM_F_ACK, NLM_F_DUMP);

@@ -14,9 +14,9 @@ constexpr int kNoLog = 5;
 // What to do next, after a refusal or failure that the command itself has nothing to say about.
 void advise(Answer& answer, const Command& command)
 {
-    for (const Advice& each : command.advice)
+    for (const Advice& each : command.more.advice)
         answer.advise(each.error, each.text);
-    if (command.mainlineRefusal != 0 && answer.status == Refused)
+    if (command.more.mainlineRefusal != 0 && answer.status == Refused)
         answer.note +=
             answer.note.empty() ? "mainline kernels refuse this always" : "; mainline kernels refuse this in any case";
     if (answer.status == Refused && answer.error == EPERM && !mayChangeNetworks())
@@ -34,7 +34,7 @@ Answer answerOf(const Command& command, Arguments& arguments)
         arguments.record.forgetKeys();
         arguments.otherRecord.forgetKeys();
     }
-    Answer answer   = arguments.dry ? dryRun(operation, command.unanswered, arguments.showKeys) : perform(operation);
+    Answer answer = arguments.dry ? dryRun(operation, command.more.unanswered, arguments.showKeys) : perform(operation);
     answer.warnings = arguments.warnings;
     if (!arguments.dry)
         advise(answer, command);

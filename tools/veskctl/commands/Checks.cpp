@@ -37,21 +37,22 @@ Prefix prefixOf(const std::string& text, const char* form)
     return prefix;
 }
 
-namespace {
-
-bool hasHostBits(const Prefix& prefix)
+std::string bitsOf(const Prefix& prefix)
 {
-    const bool v4 = prefix.address.ss_family == AF_INET;
-    const auto* const bytes =
-        v4 ? reinterpret_cast<const unsigned char*>(&reinterpret_cast<const sockaddr_in&>(prefix.address).sin_addr)
-           : reinterpret_cast<const sockaddr_in6&>(prefix.address).sin6_addr.s6_addr;
-    for (unsigned int bit = prefix.length; bit < (v4 ? 32U : 128U); ++bit)
-        if ((bytes[bit / 8] & 0x80U >> bit % 8) != 0)
-            return true;
-    return false;
+    const bool is4    = prefix.address.ss_family == AF_INET;
+    const auto* bytes = reinterpret_cast<const sockaddr_in6&>(prefix.address).sin6_addr.s6_addr;
+    if (is4)
+        bytes = reinterpret_cast<const unsigned char*>(&reinterpret_cast<const sockaddr_in&>(prefix.address).sin_addr);
+    std::string bits = is4 ? "4" : "6";
+    for (std::size_t i = 0; i < (is4 ? 32 : 128); ++i)
+        bits += (bytes[i / 8] >> (7 - i % 8) & 1) != 0 ? '1' : '0';
+    return bits;
 }
 
-} // namespace
+bool takesIn(const Prefix& prefix, const Prefix& address)
+{
+    return bitsOf(address).starts_with(bitsOf(prefix).substr(0, 1 + prefix.length));
+}
 
 unsigned char familyOf(const std::string& text)
 {
@@ -70,7 +71,7 @@ std::vector<std::string> checkSelectors(const std::string& source, const std::st
                       " are of different families; write two IPv4 or two IPv6 prefixes");
     std::vector<std::string> warnings;
     for (const std::string& each : {source, destination})
-        if (!each.empty() && hasHostBits(prefixOf(each)))
+        if (!each.empty() && bitsOf(prefixOf(each)).find('1', 1 + prefixOf(each).length) != std::string::npos)
             warnings.push_back(each + ": bits are set behind the prefix; the policy keeps them, and is found with them "
                                       "alone");
     return warnings;

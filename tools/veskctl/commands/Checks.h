@@ -18,6 +18,12 @@ struct Prefix {
 // "address" or "address/length"; a whole address when nothing else is said.
 Prefix prefixOf(const std::string& text, const char* form = ", with or without a prefix length");
 
+// "4" or "6", and the bits of the address.
+std::string bitsOf(const Prefix& prefix);
+
+// Whether an address is in a prefix.
+bool takesIn(const Prefix& prefix, const Prefix& address);
+
 // An address without a prefix; AF_INET or AF_INET6.
 unsigned char familyOf(const std::string& text);
 

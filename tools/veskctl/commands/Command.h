@@ -46,16 +46,23 @@ struct Advice {
     std::string text;
 };
 
-struct Command {
-    std::string path; // "route add"
-    std::string what;
-    std::string example             = {}; // of arguments
-    std::vector<Argument> arguments = {};
-    Operation (*prepare)(Arguments&); // checks arguments, and throws a Refusal when they cannot be meant
-    std::string notes          = {};  // more for the help
+struct More {
+    std::string notes          = {}; // for the help
     std::vector<Advice> advice = {};
     int mainlineRefusal        = 0;  // the errno with which mainline kernels refuse it, if not with another before
     std::string unanswered     = {}; // what a dry run lacks of the kernel's answer
+};
+
+struct Command {
+    Command(const std::string& is, const std::string& does, const std::string& such, const std::vector<Argument>& takes,
+            Operation (*prepares)(Arguments&), const More& also = {})
+        : path(is), what(does), example(such), arguments(takes), prepare(prepares), more(also)
+    {}
+    std::string path;          // "route add"
+    std::string what, example; // the example is one of arguments
+    std::vector<Argument> arguments;
+    Operation (*prepare)(Arguments&); // checks arguments, and throws a Refusal when they cannot be meant
+    More more;
 };
 
 // Arguments of several commands

@@ -18,6 +18,7 @@ namespace {
 
 const std::string kSeePolicies = "; veskctl policy list shows what is there";
 
+const std::string kMark  = " a mark, which requests of a record do not name";
 const std::string kRenew = "; to change that, veskctl sa remove and veskctl sa add";
 
 const char* nameOf(bool tx)
@@ -114,7 +115,7 @@ Operation updateStates(Arguments& a)
                                           " UDP encapsulation" + kRenew);
             answer.advise(ESRCH, oneOf(after, true, isOwn) == nullptr
                                      ? "TX is not installed; veskctl sa add installs both"
-                                     : "TX is installed with a mark, which requests of a record do not name");
+                                     : "TX is installed, but has" + kMark);
             return;
         }
         std::vector<std::string> kept;
@@ -123,7 +124,9 @@ Operation updateStates(Arguments& a)
                 kept.push_back(std::string(nameOf(each.tx)) + " kept its " + each.kept);
         if (answer.heard(kRxNotUpdated))
             answer.inPart("TX was updated" + (kept.empty() ? "" : " but " + joined(kept)) + ", RX was not" +
-                          (oneOf(after, false, isReached) != nullptr ? "" : ": it is not installed"));
+                          (oneOf(after, false, isReached) != nullptr ? ""
+                           : oneOf(after, false, isOwn) != nullptr   ? ": it has" + kMark
+                                                                     : ": it is not installed"));
         else if (!kept.empty())
             answer.notAsAsked(joined(kept, "; ") + kRenew);
         else if (answer.heard(kTxCountersStay))
@@ -163,8 +166,8 @@ Operation removeStates(Arguments& a)
             removed += was && !is ? 1 : 0;
             left |= is;
             if (!is && oneOf(after, tx, isOwn) != nullptr)
-                a.warnings.push_back(std::string("an SA with the SPI and ends of ") + nameOf(tx) +
-                                     " is left: it has a mark, which requests of a record do not name");
+                a.warnings.push_back(std::string("an SA with the SPI and ends of ") + nameOf(tx) + " is left: it has" +
+                                     kMark);
         }
         if (left)
             answer.notAsAsked("an SA of the record is left; veskctl sa list shows it");
@@ -352,75 +355,48 @@ std::vector<Command> ipsecCommands()
     const std::string algorithm = "this kernel lacks the cipher or the hash; its module may have to be loaded";
     const std::string marks     = "The bit " + hexadecimal(Vesk::kOutputMark) + " is set in mark and mask, always.\n";
     return {
-        {.path      = "sa add",
-         .what      = "Install the two SAs of a record, TX then RX",
-         .example   = "handset.ini --mark 1 --mask 0xff",
-         .arguments = {kRecord, kOutputMark, kOutputMask, kTechnology},
-         .prepare   = addStates,
-         .notes     = marks + "When RX is refused, TX stays: status 3. Mainline kernels refuse SAs of AH.",
-         .advice    = {{ENOSYS, algorithm},
-                       {ENOENT, algorithm},
-                       {EPROTONOSUPPORT, "this kernel lacks ESP or AH, or IPsec; a module may have to be loaded"}}},
-        {.path       = "sa update",
-         .what       = "Update the two SAs of a record in place",
-         .example    = "handset.ini --mark 1 --mask 0xff",
-         .arguments  = {kRecord, kOutputMark, kOutputMask, kTechnology},
-         .prepare    = updateStates,
-         .notes      = marks + "Mainline kernels keep mode, source, algorithms, keys and UDP encapsulation: to\n"
-                               "change those, remove the SAs and add them. Status 3 when they differ, or RX\n"
-                               "was refused.",
-         .unanswered = "ids and counters in the last two requests are those of the installed SAs"},
-        {.path       = "sa remove",
-         .what       = "Remove the two SAs of a record",
-         .example    = "handset.ini",
-         .arguments  = {kRecord},
-         .prepare    = removeStates,
-         .notes      = "Status 3 when one of the two was not there, or still is. Refused when another\n"
-                       "SA would be removed, of the same SPI and destination from another source.",
-         .unanswered = "XFRM_MSG_DELSA would follow for each SA that the record names"},
+        Command(
+            "sa add", "Install the two SAs of a record, TX then RX", "handset.ini --mark 1 --mask 0xff",
+            {kRecord, kOutputMark, kOutputMask, kTechnology}, addStates,
+            {.notes  = marks + "When RX is refused, TX stays: status 3. Mainline kernels refuse SAs of AH.",
+             .advice = {{ENOSYS, algorithm},
+                        {ENOENT, algorithm},
+                        {EPROTONOSUPPORT, "this kernel lacks ESP or AH, or IPsec; a module may have to be loaded"}}}),
+        Command("sa update", "Update the two SAs of a record in place", "handset.ini --mark 1 --mask 0xff",
+                {kRecord, kOutputMark, kOutputMask, kTechnology}, updateStates,
+                {.notes      = marks + "Mainline kernels keep mode, source, algorithms, keys, UDP encapsulation and,\n"
+                                       "without --technology, RX's mark: to change those, remove the SAs and add them.\n"
+                                       "Status 3 when they differ, or RX was refused.",
+                 .unanswered = "ids and counters in the last two requests are those of the installed SAs"}),
+        Command("sa remove", "Remove the two SAs of a record", "handset.ini", {kRecord}, removeStates,
+                {.notes      = "Status 3 when one of the two was not there, or still is. Refused when another\n"
+                               "SA would be removed, of the same SPI and destination from another source.",
+                 .unanswered = "XFRM_MSG_DELSA would follow for each SA that the record names"}),
 
-        {.path      = "policy add",
-         .what      = "Install the policies of one side",
-         .example   = "handset.ini 10.0.0.0/16 10.1.0.0/16",
-         .arguments = {kRecord, kFrom, kTo, kInbound, kProtocol},
-         .prepare   = addPolicies,
-         .notes     = "With --in, the peer's prefix is the source. Status 3 when in was installed, but\n"
-                      "not fwd."},
-        {.path      = "policy remove",
-         .what      = "Remove the policies of one side",
-         .example   = "10.0.0.0/16 10.1.0.0/16",
-         .arguments = {kFrom, kTo, kInbound, kProtocol},
-         .prepare   = removePolicies,
-         .notes     = "With --in, status 3 when one of the two was not there."},
-        {.path      = "policy bypass add",
-         .what      = std::string("Let ICMPv6 to ") + Vesk::kBypassSelector + " past IPsec",
-         .example   = "out",
-         .arguments = {kDirection},
-         .prepare   = [](Arguments& a) { return bypass(a, Vesk::addXFRMPolicyEx); }},
-        {.path      = "policy bypass remove",
-         .what      = "Remove that policy again",
-         .example   = "out",
-         .arguments = {kDirection},
-         .prepare   = [](Arguments& a) { return bypass(a, Vesk::removeXFRMPolicyEx); }},
+        Command("policy add", "Install the policies of one side", "handset.ini 10.0.0.0/16 10.1.0.0/16",
+                {kRecord, kFrom, kTo, kInbound, kProtocol}, addPolicies,
+                {.notes = "With --in, the peer's prefix is the source. Status 3 when in was installed, but\n"
+                          "not fwd."}),
+        Command("policy remove", "Remove the policies of one side", "10.0.0.0/16 10.1.0.0/16",
+                {kFrom, kTo, kInbound, kProtocol}, removePolicies,
+                {.notes = "With --in, status 3 when one of the two was not there."}),
+        Command("policy bypass add", std::string("Let ICMPv6 to ") + Vesk::kBypassSelector + " past IPsec", "out",
+                {kDirection}, [](Arguments& a) { return bypass(a, Vesk::addXFRMPolicyEx); }),
+        Command("policy bypass remove", "Remove that policy again", "out", {kDirection},
+                [](Arguments& a) { return bypass(a, Vesk::removeXFRMPolicyEx); }),
 
-        {.path      = "migrate",
-         .what      = "Move SAs and policies to a new local address",
-         .example   = "old.ini new.ini 10.0.0.0/16 10.1.0.0/16",
-         .arguments = {{"old", "FILE", "Record as it was installed", &Arguments::file},
-                       {"new", "FILE", "Record as it is now", &Arguments::otherFile},
-                       {"local", "PREFIX", "This end's selector", &Arguments::source},
-                       {"remote", "PREFIX", "The peer's selector", &Arguments::destination},
-                       kProtocol},
-         .prepare   = migrate,
-         .notes     = "There have to be policies out, in and fwd. When one is refused, what was moved\n"
-                      "is moved back. Status 3 when there was no SA to move, or one is left.",
-         .advice    = {{ENOPROTOOPT, "this kernel was built without CONFIG_XFRM_MIGRATE"}}},
+        Command("migrate", "Move SAs and policies to a new local address", "old.ini new.ini 10.0.0.0/16 10.1.0.0/16",
+                {{"old", "FILE", "Record as it was installed", &Arguments::file},
+                 {"new", "FILE", "Record as it is now", &Arguments::otherFile},
+                 {"local", "PREFIX", "This end's selector", &Arguments::source},
+                 {"remote", "PREFIX", "The peer's selector", &Arguments::destination},
+                 kProtocol},
+                migrate,
+                {.notes  = "There have to be policies out, in and fwd. When one is refused, what was moved\n"
+                           "is moved back. Status 3 when there was no SA to move, or one is left.",
+                 .advice = {{ENOPROTOOPT, "this kernel was built without CONFIG_XFRM_MIGRATE"}}}),
 
-        {.path      = "record check",
-         .what      = "Look at a record, and send nothing",
-         .example   = "handset.ini",
-         .arguments = {kRecord},
-         .prepare   = checkRecord},
-        {.path = "record explain", .what = "Every name of a record, its words and codes", .prepare = explain},
+        Command("record check", "Look at a record, and send nothing", "handset.ini", {kRecord}, checkRecord),
+        Command("record explain", "Every name of a record, its words and codes", "", {}, explain),
     };
 }

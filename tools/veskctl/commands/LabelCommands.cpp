@@ -29,11 +29,7 @@ bool isCandidate(const Label& each, const Arguments& a)
 // Whether it is the one that the arguments name. The kernel keeps it without bits behind the prefix.
 bool isEntryOf(const Label& each, const Arguments& a)
 {
-    const auto& address = reinterpret_cast<const sockaddr_in6&>(a.prefix.address).sin6_addr.s6_addr;
-    bool same           = isCandidate(each, a);
-    for (unsigned int bit = 0; same && bit < each.length; ++bit)
-        same = ((address[bit / 8] ^ each.address[bit / 8]) & 0x80 >> bit % 8) == 0;
-    return same;
+    return isCandidate(each, a) && takesIn(prefixOf(each.text()), a.prefix);
 }
 
 template <decltype(Vesk::addrlabelAdd)* operation>
@@ -128,38 +124,28 @@ std::vector<Command> labelCommands()
 {
     const Advice ipv4 = {EOPNOTSUPP, "mainline kernels refuse this always: they have labels for IPv6 only"};
     return {
-        {.path      = "label add",
-         .what      = "Give an IPv6 prefix a label",
-         .example   = "2001:db8::/32 4711 --device wlan0",
-         .arguments = {kPrefix, kLabel, kEntryDevice},
-         .prepare   = labelChange<Vesk::addrlabelAdd>,
-         .notes     = "Mainline kernels have no labels for IPv4 (EOPNOTSUPP).",
-         .advice    = {ipv4, {EINVAL, "there is no such device, or the label is 0xffffffff, which stands for none"}}},
-        {.path      = "label del",
-         .what      = "Delete the label of an IPv6 prefix",
-         .example   = "2001:db8::/32 4711 --device wlan0",
-         .arguments = {kPrefix, kLabel, kEntryDevice},
-         .prepare   = labelChange<Vesk::addrlabelDel>,
-         .advice    = {ipv4, {ESRCH, "there is no such entry; veskctl label list shows all"}}},
-        {.path      = "label purge",
-         .what      = "Delete a label from prefixes of one length and device",
-         .example   = "2001:db8::/32 --device wlan0",
-         .arguments = {kPrefix, kEntryDevice},
-         .prepare   = purge,
-         .notes     = "Deleted are the entry of the prefix, and those of the same prefix length and\n"
-                      "device that have its label, if it is " +
-                  kPurged + ".\nStatus 3 when there was none, or one is left.",
-         .advice     = {ipv4, {ESRCH, "no entry matches this address; veskctl label list shows all"}},
-         .unanswered = "where it names " + kPurged +
-                       ", a dump of all labels would follow, and "
-                       "RTM_DELADDRLABEL for each that matches"},
-        {.path      = "label generate",
-         .what      = "Propose a label",
-         .arguments = {{"--default", "", "Propose the default label", &Arguments::useDefault}},
-         .prepare   = generate,
-         .notes     = "Just below the first label above " + std::to_string(Vesk::kLastSystemLabel) +
-                  " that has none before it, or a random one\n"
-                  "above the largest.",
-         .unanswered = "the proposal depends on it"},
+        Command(
+            "label add", "Give an IPv6 prefix a label", "2001:db8::/32 4711 --device wlan0",
+            {kPrefix, kLabel, kEntryDevice}, labelChange<Vesk::addrlabelAdd>,
+            {.notes  = "Mainline kernels have no labels for IPv4 (EOPNOTSUPP).",
+             .advice = {ipv4, {EINVAL, "there is no such device, or the label is 0xffffffff, which stands for none"}}}),
+        Command("label del", "Delete the label of an IPv6 prefix", "2001:db8::/32 4711 --device wlan0",
+                {kPrefix, kLabel, kEntryDevice}, labelChange<Vesk::addrlabelDel>,
+                {.advice = {ipv4, {ESRCH, "there is no such entry; veskctl label list shows all"}}}),
+        Command("label purge", "Delete a label from prefixes of one length and device", "2001:db8::/32 --device wlan0",
+                {kPrefix, kEntryDevice}, purge,
+                {.notes = "Deleted are the entry of the prefix, and those of the same prefix length and\n"
+                          "device that have its label, if it is " +
+                          kPurged + ".\nStatus 3 when there was none, or one is left.",
+                 .advice     = {ipv4, {ESRCH, "no entry matches this address; veskctl label list shows all"}},
+                 .unanswered = "where it names " + kPurged +
+                               ", a dump of all labels would follow, and "
+                               "RTM_DELADDRLABEL for each that matches"}),
+        Command("label generate", "Propose a label", "",
+                {{"--default", "", "Propose the default label", &Arguments::useDefault}}, generate,
+                {.notes = "Just below the first label above " + std::to_string(Vesk::kLastSystemLabel) +
+                          " that has none before it, or a random one\n"
+                          "above the largest.",
+                 .unanswered = "the proposal depends on it"}),
     };
 }

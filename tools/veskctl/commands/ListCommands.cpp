@@ -9,7 +9,6 @@
 #include <vesk/netlink.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <set>
 
@@ -60,22 +59,11 @@ bool isOf(const Record& r, const Fields& state)
 }
 
 // Whether this is an end that is this address, or a prefix that it is in.
-bool takesIn(const Field& field, const std::string& address)
+bool isEndAt(const Field& field, const std::string& address)
 {
     if (field.kind != Kind::Address || (field.listed != "source" && field.listed != "destination"))
         return false;
-    const auto bits = [](const std::string& text) {
-        const bool isIPv4                   = text.find(':') == std::string::npos;
-        std::array<unsigned char, 16> bytes = {};
-        inet_pton(isIPv4 ? AF_INET : AF_INET6, text.c_str(), bytes.data());
-        std::string all = isIPv4 ? "4" : "6";
-        for (std::size_t i = 0; i < (isIPv4 ? 32 : 128); ++i)
-            all += (bytes[i / 8] >> (7 - i % 8) & 1) != 0 ? '1' : '0';
-        return all;
-    };
-    const std::string own = bits(field.text);
-    return bits(address).starts_with(
-        own.substr(0, field.prefix < 0 ? own.size() : 1 + static_cast<unsigned>(field.prefix)));
+    return field.text == "any" || takesIn(prefixOf(field.inWords()), prefixOf(address));
 }
 
 // Whether a template is between the ends of a record.
@@ -84,7 +72,7 @@ bool isBetween(const Fields& policy, const Record& r)
     const auto itemsAt = [&policy](const std::string& address) {
         std::set<std::size_t> items;
         for (const Field& each : policy)
-            if (each.group == "templates" && takesIn(each, address))
+            if (each.group == "templates" && isEndAt(each, address))
                 items.insert(each.item);
         return items;
     };
@@ -112,7 +100,7 @@ bool isLocal(const std::string& address)
 bool isChosen(const Fields& fields, const Arguments& a)
 {
     const auto hasSPI = [&a](const Field& each) { return each.listed == "spi" && each.number() == a.spi; };
-    const auto isAt   = [&a](const Field& each) { return takesIn(each, a.address); };
+    const auto isAt   = [&a](const Field& each) { return isEndAt(each, a.address); };
     return (a.spi == 0 || std::any_of(fields.begin(), fields.end(), hasSPI)) &&
            (a.address.empty() || std::any_of(fields.begin(), fields.end(), isAt));
 }
@@ -187,9 +175,9 @@ Operation stateStatus(Arguments& a)
                 text += is == all.end() ? "  not installed\n" : "  larval, without keys yet\n";
                 continue;
             }
-            const bool others =
-                differs.find("cipher") != std::string::npos || differs.find("hash") != std::string::npos;
-            const std::string keys = others ? "others" : is->hidden ? "hidden" : "the record's";
+            const std::string keys = differs.find(" key") != std::string::npos ? "others"
+                                     : is->hidden                              ? "hidden, or all zeros"
+                                                                               : "the record's";
             finding.update(
                 {{"keys", keys}, {"packets", is->packets}, {"first_used", is->firstUsed}, {"differs", differs}});
             if (!is->lastUsed.empty())
@@ -211,37 +199,30 @@ std::vector<Command> listCommands()
 {
     const std::string unanswered = "the list is in it";
     return {
-        {.path = "rule list", .what = "All rules", .prepare = ruleList, .unanswered = unanswered},
-        {.path = "label list", .what = "All labels", .prepare = labelList, .unanswered = unanswered},
-        {.path      = "sa status",
-         .what      = "Whether the two SAs of a record are installed",
-         .example   = "handset.ini",
-         .arguments = {{"record", "FILE", "File with the record; - for standard input", &Arguments::file}},
-         .prepare   = stateStatus,
-         .notes =
-             "With whose keys, how many packets, and when used: first, and last where the\nkernel tells. Status 3 when one is "
-             "missing or has other keys.",
-         .unanswered = "what is installed is in it"},
-        {.path       = "sa list",
-         .what       = "SAs, without keys",
-         .example    = "--spi 0x1001",
-         .arguments  = {{"--record", "FILE", "Those of a record alone", &Arguments::file},
-                        kSPI,
-                        kAddress,
-                        {"--direction", "{in,out}", "Those that end here, or begin here", &Arguments::direction}},
-         .prepare    = stateList,
-         .unanswered = unanswered},
-        {.path       = "policy list",
-         .what       = "Policies",
-         .example    = "--direction out",
-         .arguments  = {{"--record", "FILE", "Those between the ends of a record alone", &Arguments::file},
-                        kSPI,
-                        kAddress,
-                        {"--direction", "{in,out,fwd}", "Those of this direction", &Arguments::direction}},
-         .prepare    = policyList,
-         .notes      = "A policy has the SPIs and ends of its templates, and each address that its\n"
-                       "selector takes in.",
-         .unanswered = unanswered},
+        Command("rule list", "All rules", "", {}, ruleList, {.unanswered = unanswered}),
+        Command("label list", "All labels", "", {}, labelList, {.unanswered = unanswered}),
+        Command(
+            "sa status", "Whether the two SAs of a record are installed", "handset.ini",
+            {{"record", "FILE", "File with the record; - for standard input", &Arguments::file}}, stateStatus,
+            {.notes =
+                 "With whose keys, how many packets, and when used: first, and last where the\nkernel tells. Status 3 when one is "
+                 "missing or has other keys.",
+             .unanswered = "what is installed is in it"}),
+        Command("sa list", "SAs, without keys", "--spi 0x1001",
+                {{"--record", "FILE", "Those of a record alone", &Arguments::file},
+                 kSPI,
+                 kAddress,
+                 {"--direction", "{in,out}", "Those that end here, or begin here", &Arguments::direction}},
+                stateList, {.unanswered = unanswered}),
+        Command("policy list", "Policies", "--direction out",
+                {{"--record", "FILE", "Those between the ends of a record alone", &Arguments::file},
+                 kSPI,
+                 kAddress,
+                 {"--direction", "{in,out,fwd}", "Those of this direction", &Arguments::direction}},
+                policyList,
+                {.notes      = "A policy has the SPIs and ends of its templates, and each address that its\n"
+                               "selector takes in.",
+                 .unanswered = unanswered}),
     };
 }
 

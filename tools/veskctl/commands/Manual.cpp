@@ -45,10 +45,11 @@ std::string section(const std::string& title, const std::vector<Argument>& argum
 
 std::string notesOf(const Command& command)
 {
-    return (command.notes.empty() ? "" : command.notes + '\n') +
-           (command.mainlineRefusal == 0 ? ""
-                                         : "Mainline kernels refuse this always (" +
-                                               errorName(command.mainlineRefusal) + ", if nothing else is wrong).\n");
+    return (command.more.notes.empty() ? "" : command.more.notes + '\n') +
+           (command.more.mainlineRefusal == 0
+                ? ""
+                : "Mainline kernels refuse this always (" + errorName(command.more.mainlineRefusal) +
+                      ", if nothing else is wrong).\n");
 }
 
 std::string exampleOf(const Command& command)

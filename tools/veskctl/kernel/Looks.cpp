@@ -63,9 +63,8 @@ std::vector<unsigned char> valueIn(const Fields& fields, Bytes message, const ch
     return value;
 }
 
-// What an SA has otherwise than the request for it among these. A kernel that keeps keys to itself shows
-// them as zeros.
-std::string keptBy(const Fields& state, Bytes message, const Requests& wanted)
+// What an SA has otherwise than the request for it among these, keys aside when they are hidden.
+std::string keptBy(const Fields& state, Bytes message, const Requests& wanted, bool hidden)
 {
     for (const auto& request : wanted) {
         const Fields asked = decode(NETLINK_XFRM, request);
@@ -78,10 +77,9 @@ std::string keptBy(const Fields& state, Bytes message, const Requests& wanted)
         for (const auto& [attribute, name] :
              {std::pair("XFRMA_ALG_CRYPT", "cipher"), std::pair("XFRMA_ALG_AUTH_TRUNC", "hash"),
               std::pair("XFRMA_ENCAP", "UDP encapsulation"), std::pair("XFRMA_SET_MARK", "output mark")}) {
-            const auto key = valueIn(state, message, attribute, true);
             if (valueIn(asked, request, attribute, false) != valueIn(state, message, attribute, false))
                 kept.emplace_back(name);
-            else if (!isZero(key) && key != valueIn(asked, request, attribute, true))
+            if (!hidden && valueIn(asked, request, attribute, true) != valueIn(state, message, attribute, true))
                 kept.push_back(std::string(name) + " key");
         }
         return joined(kept);
@@ -95,16 +93,17 @@ std::vector<InstalledState> installedStates(const Record& r, const Requests& wan
 {
     std::vector<InstalledState> found;
     const auto add = [&](const Fields& fields, Bytes message) {
-        const auto keys = {valueIn(fields, message, "XFRMA_ALG_CRYPT", true),
-                           valueIn(fields, message, "XFRMA_ALG_AUTH_TRUNC", true)};
+        const auto keys   = {valueIn(fields, message, "XFRMA_ALG_CRYPT", true),
+                             valueIn(fields, message, "XFRMA_ALG_AUTH_TRUNC", true)};
+        const bool hidden = std::all_of(keys.begin(), keys.end(), isZero);
         for (const bool tx : {true, false})
             if (const Ends ends(r, tx); word(fields, "protocol") == protocolOf(r) &&
                                         number(fields, "spi") == (tx ? r.spi_tx : r.spi_rx) &&
                                         word(fields, "destination") == ends.destination)
                 found.push_back({tx, number(fields, "mark") != 0, word(fields, "source") == ends.source,
-                                 word(fields, "source"), keptBy(fields, message, wanted), number(fields, "packets"),
-                                 word(fields, "first_used"), word(fields, "last_used"),
-                                 std::all_of(keys.begin(), keys.end(), isZero), word(fields, "state") == "larval",
+                                 word(fields, "source"), keptBy(fields, message, wanted, hidden),
+                                 number(fields, "packets"), word(fields, "first_used"), word(fields, "last_used"),
+                                 hidden, word(fields, "state") == "larval",
                                  fieldOf(fields, "encapsulation") != nullptr});
     };
     const int read = look(kStates, found, add);

@@ -1,11 +1,9 @@
 #include "Text.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <charconv>
 #include <cstdlib>
 #include <cstring>
-#include <map>
 
 #include <unistd.h>
 
@@ -87,23 +85,4 @@ std::string bold(const std::string& text)
 std::string faint(const std::string& text)
 {
     return painted("2", text);
-}
-
-// strerrorname_np came to the platform's C library later than veskctl is for.
-std::string errorName(int number)
-{
-#define NAMED(constant) std::pair(constant, #constant)
-    static const std::map<int, const char*> names = {
-        NAMED(EPERM),        NAMED(ENOENT),       NAMED(ESRCH),           NAMED(EINTR),           NAMED(EIO),
-        NAMED(ENXIO),        NAMED(E2BIG),        NAMED(EBADF),           NAMED(EAGAIN),          NAMED(ENOMEM),
-        NAMED(EACCES),       NAMED(EFAULT),       NAMED(EBUSY),           NAMED(EEXIST),          NAMED(ENODEV),
-        NAMED(EINVAL),       NAMED(ENFILE),       NAMED(EMFILE),          NAMED(ENOSPC),          NAMED(EDOM),
-        NAMED(ERANGE),       NAMED(ENOSYS),       NAMED(ENODATA),         NAMED(EPROTO),          NAMED(EBADMSG),
-        NAMED(EOVERFLOW),    NAMED(EMSGSIZE),     NAMED(EPROTONOSUPPORT), NAMED(ESOCKTNOSUPPORT), NAMED(EOPNOTSUPP),
-        NAMED(EPFNOSUPPORT), NAMED(EAFNOSUPPORT), NAMED(EADDRINUSE),      NAMED(EADDRNOTAVAIL),   NAMED(ENETDOWN),
-        NAMED(ENETUNREACH),  NAMED(ENOPROTOOPT),  NAMED(ECONNREFUSED),    NAMED(ECONNRESET),      NAMED(ENOBUFS),
-        NAMED(ENOTCONN),     NAMED(ETIMEDOUT),    NAMED(EHOSTUNREACH),    NAMED(EALREADY),        NAMED(ECANCELED)};
-#undef NAMED
-    const auto found = names.find(number);
-    return found != names.end() ? found->second : std::to_string(number);
 }

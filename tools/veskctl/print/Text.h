@@ -16,6 +16,7 @@ std::optional<std::int64_t> numberOf(std::string_view text);
 
 using Vesk::Messages::addressText;
 using Vesk::Messages::digits;
+using Vesk::Messages::errorName;
 using Vesk::Messages::hexadecimal;
 using Vesk::Messages::isZero;
 using Vesk::Messages::joined;
@@ -34,9 +35,6 @@ std::string visible(const std::string& text);
 
 // As a word of a shell's command line that is a file, a device or a prefix.
 std::string forShell(const std::string& text);
-
-// "ENOENT"; the number where the kernel's networking has no use for that errno.
-std::string errorName(int number);
 
 // Bold or faint when standard output is a terminal that is to have colours; else the text as it is.
 std::string bold(const std::string& text);
