@@ -393,6 +393,14 @@ Fields listed(int protocol, unsigned int type)
     return all;
 }
 
+std::map<std::string, std::uint64_t> ipProtocols()
+{
+    std::map<std::string, std::uint64_t> all;
+    for (const Name& each : ipProtocolNames().names)
+        all.emplace(wordOf(ipProtocolNames(), each), each.value);
+    return all;
+}
+
 std::string protocolName(int protocol)
 {
     return nameOf(kProtocols, protocol);

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <span>
 #include <string>
 #include <string_view>
@@ -85,6 +86,9 @@ std::string joined(const Range& all, const char* between = ", ", const TextOf& t
     }
     return text;
 }
+
+// The numbers of IP protocols, by the words that lists have for them.
+std::map<std::string, std::uint64_t> ipProtocols();
 
 // "NETLINK_XFRM"
 std::string protocolName(int protocol);

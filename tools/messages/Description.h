@@ -71,6 +71,7 @@ struct Attribute {
 extern const Member kMore; // follows where there may be several structures: an array in lists
 
 extern const Structure kHeader;
+const Names& ipProtocolNames(); // also while the tables of another source are made
 extern const Names kProtocols, kErrors, kHeaderFlags, kGetFlags;
 
 struct Message {

@@ -59,17 +59,28 @@ Names with(std::vector<Name> own, Names names)
     return names;
 }
 
+} // namespace
+
+const Names& ipProtocolNames()
+{
+    static const Names all =
+        with({{IPPROTO_IP, "IPPROTO_IP", "any"}, {255, "IPSEC_PROTO_ANY", "any-ipsec"}},
+             NAMES("IPPROTO_", IPPROTO_ICMP, IPPROTO_IGMP, IPPROTO_IPIP, IPPROTO_TCP, IPPROTO_UDP, IPPROTO_DCCP,
+                   IPPROTO_IPV6, IPPROTO_ROUTING, IPPROTO_GRE, IPPROTO_ESP, IPPROTO_AH, IPPROTO_ICMPV6, IPPROTO_DSTOPTS,
+                   IPPROTO_COMP, IPPROTO_SCTP, IPPROTO_MH, IPPROTO_UDPLITE));
+    return all;
+}
+
+namespace {
+
+const Names& kIPProtocols = ipProtocolNames();
+
 const Names kFamilies = with({{AF_INET, "AF_INET", "ipv4"},
                               {AF_INET6, "AF_INET6", "ipv6"},
                               {128, "RTNL_FAMILY_IPMR", "ipv4-multicast"},
                               {129, "RTNL_FAMILY_IP6MR", "ipv6-multicast"}},
                              NAMES("", AF_UNSPEC));
 const Format kFamily(kFamilies, Family);
-const Names kIPProtocols =
-    with({{IPPROTO_IP, "IPPROTO_IP", "any"}, {255, "IPSEC_PROTO_ANY", "any-ipsec"}},
-         NAMES("IPPROTO_", IPPROTO_ICMP, IPPROTO_IGMP, IPPROTO_IPIP, IPPROTO_TCP, IPPROTO_UDP, IPPROTO_DCCP,
-               IPPROTO_IPV6, IPPROTO_ROUTING, IPPROTO_GRE, IPPROTO_ESP, IPPROTO_AH, IPPROTO_ICMPV6, IPPROTO_DSTOPTS,
-               IPPROTO_COMP, IPPROTO_SCTP, IPPROTO_MH, IPPROTO_UDPLITE));
 const Names kModes = with({{XFRM_MODE_ROUTEOPTIMIZATION, "XFRM_MODE_ROUTEOPTIMIZATION", "ro"},
                            {XFRM_MODE_IN_TRIGGER, "XFRM_MODE_IN_TRIGGER", "in-trigger"},
                            {5, "XFRM_MODE_IPTFS"}},
@@ -270,6 +281,8 @@ const Attributes kOfRoutes    = {
        ATTRIBUTE(RTA_OIF, Device, "device"),
        ATTRIBUTE(RTA_GATEWAY, Address, "gateway"),
        ATTRIBUTE(RTA_VIA, kVia, nullptr, &kViaBehind), // of another family than the destination
+       ATTRIBUTE(RTA_MULTIPATH, Bytes),
+       ATTRIBUTE(RTA_NH_ID),
        ATTRIBUTE(RTA_METRICS, kOfMetrics),
        ATTRIBUTE(RTA_PRIORITY, Number, "metric"),
        ATTRIBUTE(RTA_MARK, Hex),

@@ -22,7 +22,8 @@ Prefix prefixOf(const std::string& text, const char* form)
         prefix.address.ss_family = AF_INET6;
         prefix.length            = 128;
     } else {
-        throw Refusal(text + ": no address; write one such as 192.0.2.1 or 2001:db8::1" + form);
+        throw Refusal((text.empty() ? "\"\"" : text) + ": no address; write one such as 192.0.2.1 or 2001:db8::1" +
+                      form);
     }
     if (slash == std::string::npos)
         return prefix;

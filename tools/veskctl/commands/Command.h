@@ -54,9 +54,10 @@ struct More {
 };
 
 struct Command {
-    Command(const std::string& is, const std::string& does, const std::string& such, const std::vector<Argument>& takes,
-            Operation (*prepares)(Arguments&), const More& also = {})
-        : path(is), what(does), example(such), arguments(takes), prepare(prepares), more(also)
+    Command(std::string is, std::string does, std::string such, std::vector<Argument> takes,
+            Operation (*prepares)(Arguments&), More also = {})
+        : path(std::move(is)), what(std::move(does)), example(std::move(such)), arguments(std::move(takes)),
+          prepare(prepares), more(std::move(also))
     {}
     std::string path;          // "route add"
     std::string what, example; // the example is one of arguments

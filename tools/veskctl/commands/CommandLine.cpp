@@ -30,14 +30,12 @@ const std::map<std::string, const char*> kGroups = {
 // What may be written instead of a number, by the type of the argument.
 struct Kind {
     std::string advice;
-    std::map<std::string, std::int64_t> words;
+    std::map<std::string, std::uint64_t> words;
 };
 const std::map<std::string, Kind> kKinds = {
     {"HANDLE", {"a handle as tc shows it, such as 1:, or ", {}}},
     {"PARENT", {"a handle as tc shows it, such as 1:1, or root, or ", {{"root", 0}}}},
-    {"PROTOCOL",
-     {"a name such as tcp, or ",
-      {{"icmp", 1}, {"tcp", 6}, {"udp", 17}, {"gre", 47}, {"esp", 50}, {"ah", 51}, {"icmpv6", 58}, {"sctp", 132}}}},
+    {"PROTOCOL", {"a name such as tcp, or ", Vesk::Messages::ipProtocols()}},
     {"{marked-rx}", {"", {{"marked-rx", TRO_TECHNOLOGY_NAME_MARKED_RX_V01}}}},
 };
 
@@ -65,7 +63,7 @@ Number numberFor(const Argument& argument, const std::string& name, const std::s
                       ? handleOf(text)
                       : numberOf(text);
     if (kind != kKinds.end() && kind->second.words.contains(text))
-        number = kind->second.words.at(text);
+        number = static_cast<std::int64_t>(kind->second.words.at(text));
     if (!number || *number < lowest || *number > highest)
         throw Refusal(name + ": write " + (kind != kKinds.end() ? kind->second.advice : "") +
                       numberFrom(lowest, highest));

@@ -13,7 +13,7 @@ const std::vector<Command>& allCommands();
 std::vector<std::pair<std::string, std::string>> nextWords(const std::string& path);
 
 struct CommandLine {
-    explicit CommandLine(const std::vector<std::string>& words) : given(words) {}
+    explicit CommandLine(std::vector<std::string> words) : given(std::move(words)) {}
 
     // As far as the words lead, whatever else is wrong: to a command, a group, or nowhere.
     [[nodiscard]] std::string path() const;

@@ -90,7 +90,10 @@ Operation addStates(Arguments& a)
         if (a.record.ipsec_protocol == TRO_IPSEC_PROTOCOL_AH_V01)
             answer.advise(EINVAL, "mainline kernels refuse this always: SAs of AH take no cipher there");
         if (before)
-            answer.advise(EEXIST, "TX is installed already; remove the SAs first: " + remove);
+            answer.advise(
+                EEXIST,
+                "an SA with the SPI and ends of TX is there; if veskctl sa status takes it for the record's, remove the SAs first: " +
+                    remove);
         else if (const std::string other = othersLike(after, true); !other.empty())
             answer.advise(EEXIST, "in the way: " + other + "; veskctl sa list shows it");
     };
@@ -213,7 +216,8 @@ Operation addPolicies(Arguments& a)
                                    forShell(a.source) + ' ' + forShell(a.destination);
         if (answer.result != 0 && a.inbound && !before && isThere(a, XFRM_POLICY_IN))
             answer.inPart("the in policy was installed and stays, the fwd policy was refused" + kSeePolicies);
-        answer.advise(EEXIST, "there is such a policy; remove it first: " + remove);
+        answer.advise(EEXIST, "there is a policy with this selector" + kSeePolicies +
+                                  "; to replace it, remove it first: " + remove);
     };
     return {.call = call, .around = around};
 }

@@ -152,7 +152,10 @@ Operation qdiscChange(Arguments& a, unsigned char operation, std::function<int()
 {
     a.index           = indexOf(a.device);
     const auto around = [&a, operation](Answer& answer, const auto& makeCall) {
+        const std::string before = qdiscAt(a.index, a.parent);
         makeCall();
+        if (answer.result == 0 && operation == kAdd && !before.empty())
+            a.warnings.push_back("replaced what was there: " + before);
         const std::string there = qdiscAt(a.index, a.parent);
         const std::string which = there.empty() ? "; none was installed there" : "; what is there is " + there;
         answer.advise(EEXIST, "there is one already" + which);

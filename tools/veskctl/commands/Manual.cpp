@@ -133,13 +133,13 @@ std::string manual()
         "(0.0.0.0, ::), loopback, multicast, reserved or broadcast. Words stand for codes:\n" +
         verbatim(record.text) +
         ".SH LISTS AND JSON\n"
-        "Lists name what is not as usual: what is left out is 0, none, any, or without limit. \"unknown\" are attributes\n"
-        "and bytes that veskctl cannot read, by number and length. On a terminal, lines end where it does; elsewhere\n"
-        "each object is one line.\n"
-        ".PP\nA field has the same type in all answers of a list: numbers are decimal, in the units of their names; words\n"
-        "stand for numbers, and those without a word are digits in a text. In place of ports, selectors of ICMP have\n"
-        "message_type and message_code, those of GRE gre_key, all numbers. SAs that the kernel has no keys for yet have the\n"
-        "state larval. The device of a rule is the one whose own table it looks up.\n" +
+        "Lists name what is not as usual: what is left out is 0, none, any, or without limit. \"unknown\" are\n"
+        "attributes and bytes that veskctl cannot read, by number and length. On a terminal, lines end where it\n"
+        "does; elsewhere each object is one line.\n"
+        ".PP\nA field has the same type in all answers of a list: numbers are decimal, in the units of their names;\n"
+        "words stand for numbers, and those without a word are digits in a text. In place of ports, selectors of\n"
+        "ICMP have message_type and message_code, those of GRE gre_key, all numbers. SAs that the kernel has no keys\n"
+        "for yet have the state larval. The device of a rule is the one whose own table it looks up.\n" +
         verbatim(explainedLists()) + ".SH EXIT STATUS\n";
     for (const auto& [status, meaning] : kStatuses)
         page += ".TP\n" + std::to_string(status) + '\n' + meaning + '\n';

@@ -227,7 +227,7 @@ private:
         if (fstat(descriptor, &about) != 0)
             return unreadable();
         if (S_ISREG(about.st_mode) && (about.st_mode & (S_IRGRP | S_IWGRP | S_IROTH | S_IWOTH)) != 0)
-            return "holds keys, but others may read or write it; chmod 600 it, or a copy";
+            return "a record holds keys, but others may read or write this file; chmod 600 it, or a copy";
         if (S_ISREG(about.st_mode) && geteuid() == 0 && about.st_uid != 0)
             warnings.push_back(title + ": belongs to user " + std::to_string(about.st_uid) + ", who can change it");
         ssize_t got = 0;

@@ -104,8 +104,8 @@ int readAll(const Dump& what, const std::function<void()>& begin,
         if (what.payload != 0)
             msg.addMsgPayload(what.payload, about.data());
         begin();
-        auto context = &show;
-        result       = msg.messageDump(
+        const auto* context = &show;
+        result              = msg.messageDump(
             [](nlmsghdr* message, void* with) { (**static_cast<decltype(context)*>(with))(message); }, &context);
         if (result != 0 || errno != EINTR)
             break;

@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstring>
 
 #include <arpa/inet.h>
 #include <linux/capability.h>
@@ -141,10 +140,11 @@ int statesBetween(const Record& r, bool tx)
 
 std::vector<std::string> otherwiseOf(const xfrm_selector& sel, unsigned char direction)
 {
+    const auto* const bytes = reinterpret_cast<const unsigned char*>(&sel);
     std::vector<std::string> found;
     look(kPolicies, found, [&](const Fields& fields, Bytes message) {
         if (number(fields, "direction") != direction ||
-            std::memcmp(message.data() + NLMSG_HDRLEN, &sel, sizeof sel) != 0) // it is the first in the message
+            !std::equal(bytes, bytes + sizeof sel, message.begin() + NLMSG_HDRLEN)) // it is the first in the message
             return;
         std::vector<std::string> words;
         if ((number(fields, "mark") | number(fields, "mask")) != 0)
@@ -177,10 +177,13 @@ std::vector<std::string> routesTo(const std::string& destination, unsigned int t
     std::vector<std::string> routes;
     look(kRoutes, routes, [&](const Fields& fields, Bytes) {
         if (word(fields, "destination") != destination + "/32" || number(fields, "table") != table ||
-            number(fields, "RTA_OIF") != device)
+            (number(fields, "RTA_OIF") != device && fieldOf(fields, "RTA_MULTIPATH") == nullptr))
             return;
         const std::string gateway = word(fields, "gateway");
-        routes.push_back((gateway.empty() ? "on link" : "via " + gateway) + " metric " +
+        const std::string object  = word(fields, "RTA_NH_ID");
+        const std::string direct  = fieldOf(fields, "RTA_MULTIPATH") != nullptr ? "via several gateways" : "on link";
+        routes.push_back((gateway.empty() ? direct : "via " + gateway) +
+                         (object.empty() ? "" : " by nexthop object " + object) + " metric " +
                          std::to_string(number(fields, "metric")) + " advmss " +
                          std::to_string(number(fields, "RTAX_ADVMSS")) + " origin " + word(fields, "origin") +
                          " scope " + word(fields, "scope") + " type " + word(fields, "type"));

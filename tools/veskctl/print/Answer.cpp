@@ -70,6 +70,24 @@ void complain(const std::string& text)
         std::fprintf(stderr, "veskctl: %s\n", visible(line).c_str());
 }
 
+Json jsonOf(const Answer& answer, const std::string& verdict, const Json& failures)
+{
+    Json all = {{"result", answer.result}, {"status", answer.status}};
+    all.update(answer.findings);
+    if (answer.error != 0)
+        all.update(
+            Json{{"errno", answer.error}, {"name", errorName(answer.error)}, {"text", std::strerror(answer.error)}});
+    if (const std::string words = kernelsWords(answer); !words.empty())
+        all["kernel"] = words;
+    if (!answer.note.empty() || answer.status != Done)
+        all["message"] = answer.note.empty() ? verdict : answer.note;
+    if (!answer.warnings.empty())
+        all["warnings"] = answer.warnings;
+    if (answer.status != Done)
+        all["failures"] = failures;
+    return all;
+}
+
 } // namespace
 
 bool Answer::heard(const char* format) const
@@ -131,22 +149,8 @@ int print(const Answer& answer, bool json, int logLevel)
     const std::string reason = answer.error != 0 ? reasonOf(answer) : "";
     const std::string verdict =
         answer.status == Refused ? verdictOn(answer) + (reason.empty() ? "" : ": " + reason) : "";
-    if (json) {
-        Json all = {{"result", answer.result}, {"status", answer.status}};
-        all.update(answer.findings);
-        if (answer.error != 0)
-            all.update(Json{
-                {"errno", answer.error}, {"name", errorName(answer.error)}, {"text", std::strerror(answer.error)}});
-        if (const std::string words = kernelsWords(answer); !words.empty())
-            all["kernel"] = words;
-        if (!answer.note.empty() || answer.status != Done)
-            all["message"] = answer.note.empty() ? verdict : answer.note;
-        if (!answer.warnings.empty())
-            all["warnings"] = answer.warnings;
-        if (answer.status != Done)
-            all["failures"] = failures;
-        return put(jsonText(all), answer.status);
-    }
+    if (json)
+        return put(jsonText(jsonOf(answer, verdict, failures)), answer.status);
 
     std::string text = answer.text;
     for (const auto& [finding, value] : answer.findings.items())

@@ -82,6 +82,8 @@ Answer dryRun(const Operation& operation, const std::string& unanswered, bool sh
     Answer ignored; // what the operation makes of a kernel that says nothing
     const int result = operation.call(ignored);
     Answer answer;
+    if (kernel.requests().empty() && result == 0)
+        answer = ignored; // it has no need of a kernel
     answer.findings["requests"] = Json::array();
     for (const Request& request : kernel.requests())
         addRequest(answer, request, showKeys);
