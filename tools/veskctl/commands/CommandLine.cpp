@@ -106,9 +106,9 @@ const Command* commandAt(const std::string& path)
     return found != all.end() ? &*found : nullptr;
 }
 
-std::string behind(const std::string& path, const std::string& word)
+std::string behind(const std::string& first, const std::string& next)
 {
-    return path + (path.empty() || word.empty() ? "" : " ") + word;
+    return first + (first.empty() || next.empty() ? "" : " ") + next;
 }
 
 std::string choices(const std::string& path)
@@ -120,6 +120,113 @@ std::string helpFor(const std::string& path)
 {
     return behind(kProgram, path) + " --help shows what it takes";
 }
+
+// One pass over the words.
+class Parser {
+public:
+    Parser(const std::vector<std::string>& words, Arguments& to) : given(words), arguments(to) {}
+
+    const Command& parse()
+    {
+        bool optionsEnded = false;
+        for (std::size_t i = 0; i < given.size(); ++i) {
+            const std::string& word = given[i];
+            if (!optionsEnded && word == "--") {
+                optionsEnded = true;
+            } else if (!optionsEnded && word.size() > 1 && word[0] == '-') {
+                takeOption(i);
+            } else if (command != nullptr) {
+                takePositional(word);
+            } else {
+                takeCommand(word);
+            }
+        }
+        if (command == nullptr)
+            throw Refusal(behind(kProgram, path) + " which? One" + choices(path).substr(3));
+        refuseMissing();
+        const char* const level = std::getenv("VESK_LOG_LEVEL");
+        if (level != nullptr && *level != '\0' && arguments.logLevel == 0)
+            set(arguments, *named(commonOptions(), "--log"), std::string("VESK_LOG_LEVEL=") + level, level);
+        return *command;
+    }
+
+private:
+    void takeCommand(const std::string& word)
+    {
+        path    = behind(path, word);
+        command = commandAt(path);
+        if (nextWords(path).empty() && command == nullptr) {
+            const std::string group = path.substr(0, path.size() - word.size());
+            throw Refusal("unknown command: " + word + "; " +
+                          choices(group.substr(0, group.find_last_not_of(' ') + 1)));
+        }
+    }
+
+    const Argument* optionCalled(const std::string& name) const
+    {
+        const Argument* option = named(commonOptions(), name);
+        if (option == nullptr && command != nullptr)
+            option = named(command->arguments, name);
+        if (option != nullptr)
+            return option;
+        const Command* const meant = commandAt(CommandLine(given).path());
+        if (command == nullptr && meant != nullptr && named(meant->arguments, name) != nullptr)
+            throw Refusal(name + ": in the wrong place; write it behind " + behind(kProgram, meant->path));
+        std::set<std::string> known = {"-h"};
+        for (const auto* list : {&commonOptions(), command != nullptr ? &command->arguments : &commonOptions()})
+            for (const Argument& each : *list)
+                if (each.name.starts_with('-'))
+                    known.insert(each.name);
+        throw Refusal("unknown option: " + name + "; one of " + joined(known) +
+                      "; other words with a dash go behind --");
+    }
+
+    void takeOption(std::size_t& i)
+    {
+        const std::size_t sign       = given[i].find('=');
+        const std::string name       = given[i].substr(0, sign);
+        const Argument* const option = optionCalled(name);
+        if (std::holds_alternative<bool Arguments::*>(option->field)) {
+            if (sign != std::string::npos)
+                throw Refusal(name + ": takes no value");
+            return set(arguments, *option, name, "");
+        }
+        if (!seen.insert(name).second)
+            throw Refusal(name + ": given twice; write it once");
+        if (sign == std::string::npos && i + 1 == given.size())
+            throw Refusal(name + ": write its value behind it; " + helpFor(path));
+        set(arguments, *option, name, sign != std::string::npos ? given[i].substr(sign + 1) : given[++i]);
+    }
+
+    void takePositional(const std::string& word)
+    {
+        for (std::size_t i = 0; i < command->arguments.size(); ++i)
+            if (!command->arguments[i].name.starts_with('-') && i >= place) {
+                place = i + 1;
+                return set(arguments, command->arguments[i], command->arguments[i].name, word);
+            }
+        throw Refusal("one word too many: " + word + "; " + helpFor(path));
+    }
+
+    void refuseMissing() const
+    {
+        std::vector<std::string> missing;
+        for (std::size_t i = 0; i < command->arguments.size(); ++i) {
+            const Argument& each = command->arguments[i];
+            if (each.required && (each.name.starts_with('-') ? !seen.contains(each.name) : i >= place))
+                missing.push_back(each.name);
+        }
+        if (!missing.empty())
+            throw Refusal("missing: " + joined(missing) + "; " + helpFor(path));
+    }
+
+    const std::vector<std::string>& given;
+    Arguments& arguments;
+    const Command* command = nullptr;
+    std::string path;
+    std::size_t place = 0; // among the positional arguments
+    std::set<std::string> seen;
+};
 
 } // namespace
 
@@ -189,80 +296,5 @@ bool CommandLine::has(const std::string& option) const
 
 const Command& CommandLine::parse(Arguments& arguments) const
 {
-    const Command* command = nullptr;
-    std::string path;
-    std::size_t place = 0; // among the positional arguments
-    std::set<std::string> seen;
-    bool optionsEnded = false;
-
-    const auto takeOption = [&](std::size_t& i) {
-        const std::size_t sign = given[i].find('=');
-        const std::string name = given[i].substr(0, sign);
-        const Argument* option = named(commonOptions(), name);
-        if (option == nullptr && command != nullptr)
-            option = named(command->arguments, name);
-        if (option == nullptr) {
-            const Command* const meant = commandAt(this->path());
-            if (command == nullptr && meant != nullptr && named(meant->arguments, name) != nullptr)
-                throw Refusal(name + ": in the wrong place; write it behind " + behind(kProgram, meant->path));
-            std::set<std::string> known = {"-h"};
-            for (const auto* list : {&commonOptions(), command != nullptr ? &command->arguments : &commonOptions()})
-                for (const Argument& each : *list)
-                    if (each.name.starts_with('-'))
-                        known.insert(each.name);
-            throw Refusal("unknown option: " + name + "; one of " + joined(known) +
-                          "; other words with a dash go behind --");
-        }
-        if (std::holds_alternative<bool Arguments::*>(option->field)) {
-            if (sign != std::string::npos)
-                throw Refusal(name + ": takes no value");
-            return set(arguments, *option, name, "");
-        }
-        if (!seen.insert(name).second)
-            throw Refusal(name + ": given twice; write it once");
-        if (sign == std::string::npos && i + 1 == given.size())
-            throw Refusal(name + ": write its value behind it; " + helpFor(path));
-        set(arguments, *option, name, sign != std::string::npos ? given[i].substr(sign + 1) : given[++i]);
-    };
-    const auto takePositional = [&](const std::string& word) {
-        for (std::size_t i = 0; i < command->arguments.size(); ++i)
-            if (!command->arguments[i].name.starts_with('-') && i >= place) {
-                place = i + 1;
-                return set(arguments, command->arguments[i], command->arguments[i].name, word);
-            }
-        throw Refusal("one word too many: " + word + "; " + helpFor(path));
-    };
-
-    for (std::size_t i = 0; i < given.size(); ++i) {
-        const std::string& word = given[i];
-        if (!optionsEnded && word == "--") {
-            optionsEnded = true;
-        } else if (!optionsEnded && word.size() > 1 && word[0] == '-') {
-            takeOption(i);
-        } else if (command != nullptr) {
-            takePositional(word);
-        } else {
-            path    = behind(path, word);
-            command = commandAt(path);
-            if (nextWords(path).empty() && command == nullptr) {
-                const std::string group = path.substr(0, path.size() - word.size());
-                throw Refusal("unknown command: " + word + "; " +
-                              choices(group.substr(0, group.find_last_not_of(' ') + 1)));
-            }
-        }
-    }
-    if (command == nullptr)
-        throw Refusal(behind(kProgram, path) + " which? One" + choices(path).substr(3));
-    std::vector<std::string> missing;
-    for (std::size_t i = 0; i < command->arguments.size(); ++i) {
-        const Argument& each = command->arguments[i];
-        if (each.required && (each.name.starts_with('-') ? !seen.contains(each.name) : i >= place))
-            missing.push_back(each.name);
-    }
-    if (!missing.empty())
-        throw Refusal("missing: " + joined(missing) + "; " + helpFor(path));
-    const char* const level = std::getenv("VESK_LOG_LEVEL");
-    if (level != nullptr && *level != '\0' && arguments.logLevel == 0)
-        set(arguments, *named(commonOptions(), "--log"), std::string("VESK_LOG_LEVEL=") + level, level);
-    return *command;
+    return Parser(given, arguments).parse();
 }

@@ -90,14 +90,31 @@ Operation addStates(Arguments& a)
         if (a.record.ipsec_protocol == TRO_IPSEC_PROTOCOL_AH_V01)
             answer.advise(EINVAL, "mainline kernels refuse this always: SAs of AH take no cipher there");
         if (before)
-            answer.advise(
-                EEXIST,
-                "an SA with the SPI and ends of TX is there; if veskctl sa status takes it for the record's, remove the SAs first: " +
-                    remove);
+            answer.advise(EEXIST,
+                          "an SA with the SPI and ends of TX is there; if veskctl sa status takes it for the record's, "
+                          "remove the SAs first: " +
+                              remove);
         else if (const std::string other = othersLike(after, true); !other.empty())
             answer.advise(EEXIST, "in the way: " + other + "; veskctl sa list shows it");
     };
     return {.call = changeStates(a, Vesk::addXFRMStates), .around = around};
+}
+
+void adviseOnUpdate(Answer& answer, const Record& record, const std::vector<InstalledState>& after)
+{
+    if (const auto* const tx = oneOf(after, true, isOwnAndReached); tx != nullptr && tx->inUDP != isInUDP(record))
+        answer.advise(EINVAL, std::string("TX is installed ") + (tx->inUDP ? "with" : "without") +
+                                  " UDP encapsulation" + kRenew);
+    answer.advise(ESRCH, oneOf(after, true, isOwn) == nullptr ? "TX is not installed; veskctl sa add installs both"
+                                                              : "TX is installed, but has" + kMark);
+}
+
+// What keeps an update from RX, as far as the lists tell.
+std::string whyNotReached(const std::vector<InstalledState>& after)
+{
+    if (oneOf(after, false, isReached) != nullptr)
+        return "";
+    return oneOf(after, false, isOwn) != nullptr ? ": it has" + kMark : ": it is not installed";
 }
 
 Operation updateStates(Arguments& a)
@@ -111,25 +128,15 @@ Operation updateStates(Arguments& a)
     const auto around = [&a, wanted](Answer& answer, const auto& makeCall) {
         makeCall();
         const auto after = installedStates(a.record, wanted);
-        if (answer.result != 0) {
-            if (const auto* const tx = oneOf(after, true, isOwnAndReached);
-                tx != nullptr && tx->inUDP != isInUDP(a.record))
-                answer.advise(EINVAL, std::string("TX is installed ") + (tx->inUDP ? "with" : "without") +
-                                          " UDP encapsulation" + kRenew);
-            answer.advise(ESRCH, oneOf(after, true, isOwn) == nullptr
-                                     ? "TX is not installed; veskctl sa add installs both"
-                                     : "TX is installed, but has" + kMark);
-            return;
-        }
+        if (answer.result != 0)
+            return adviseOnUpdate(answer, a.record, after);
         std::vector<std::string> kept;
         for (const InstalledState& each : after)
             if (!each.marked && !each.kept.empty())
                 kept.push_back(std::string(nameOf(each.tx)) + " kept its " + each.kept);
         if (answer.heard(kRxNotUpdated))
             answer.inPart("TX was updated" + (kept.empty() ? "" : " but " + joined(kept)) + ", RX was not" +
-                          (oneOf(after, false, isReached) != nullptr ? ""
-                           : oneOf(after, false, isOwn) != nullptr   ? ": it has" + kMark
-                                                                     : ": it is not installed"));
+                          whyNotReached(after));
         else if (!kept.empty())
             answer.notAsAsked(joined(kept, "; ") + kRenew);
         else if (answer.heard(kTxCountersStay))
@@ -268,9 +275,9 @@ void judgeMigration(Answer& answer, const Arguments& a, const std::array<int, 2>
     bool left = false;
     for (const bool tx : {true, false}) {
         const bool stays                  = statesBetween(a.record, tx) != 0;
-        answer.findings[tx ? "tx" : "rx"] = stays ? "still there" : before[tx] != 0 ? "moved" : "not installed";
+        answer.findings[tx ? "tx" : "rx"] = stays ? "still there" : before[tx ? 1 : 0] != 0 ? "moved" : "not installed";
         left                              = left || stays;
-        if (before[tx] == 0)
+        if (before[tx ? 1 : 0] == 0)
             none.emplace_back(nameOf(tx));
     }
     std::vector<std::string> kept;
@@ -280,7 +287,8 @@ void judgeMigration(Answer& answer, const Arguments& a, const std::array<int, 2>
                            " UDP encapsulation");
     if (left)
         answer.notAsAsked(
-            "an SA is still between the old addresses; the kernel may have moved another one in its place; veskctl sa list shows both");
+            "an SA is still between the old addresses; the kernel may have moved another one in its place; "
+            "veskctl sa list shows both");
     else if (!none.empty())
         answer.notAsAsked(
             "the policies were moved; there was no SA of the record between the old addresses to move for " +
@@ -368,8 +376,8 @@ std::vector<Command> ipsecCommands()
                         {EPROTONOSUPPORT, "this kernel lacks ESP or AH, or IPsec; a module may have to be loaded"}}}),
         Command("sa update", "Update the two SAs of a record in place", "handset.ini --mark 1 --mask 0xff",
                 {kRecord, kOutputMark, kOutputMask, kTechnology}, updateStates,
-                {.notes      = marks + "Mainline kernels keep mode, source, algorithms, keys, UDP encapsulation and,\n"
-                                       "without --technology, RX's mark: to change those, remove the SAs and add them.\n"
+                {.notes      = marks + "Mainline kernels keep mode, source, algorithms, keys, UDP encapsulation\n"
+                                       "and, without --technology, RX's mark: remove the SAs and add them instead.\n"
                                        "Status 3 when they differ, or RX was refused.",
                  .unanswered = "ids and counters in the last two requests are those of the installed SAs"}),
         Command("sa remove", "Remove the two SAs of a record", "handset.ini", {kRecord}, removeStates,

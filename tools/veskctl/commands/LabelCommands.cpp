@@ -41,17 +41,15 @@ Operation labelChange(Arguments& a)
     const auto around = [&a](Answer& answer, const auto& makeCall) {
         std::vector<Label> all;
         static_cast<void>(readLabels(all));
-        for (const Label& each : all) {
-            if (!isEntryOf(each, a))
-                continue;
-            const std::string label = std::to_string(each.label), has = each.text() + " has label " + label;
-            if (operation == Vesk::addrlabelDel && each.label != a.label) // the kernel does not compare labels
-                throw Refusal(has + ", and would be deleted all the same; write that label", Refused);
-            makeCall();
-            return answer.advise(EEXIST, has + "; delete it first: veskctl label del " + each.text() + ' ' + label +
-                                             (a.device.empty() ? "" : " --device " + forShell(a.device)));
-        }
+        const auto known = std::find_if(all.begin(), all.end(), [&a](const Label& each) { return isEntryOf(each, a); });
+        if (known == all.end())
+            return makeCall();
+        const std::string label = std::to_string(known->label), has = known->text() + " has label " + label;
+        if (operation == Vesk::addrlabelDel && known->label != a.label) // the kernel does not compare labels
+            throw Refusal(has + ", and would be deleted all the same; write that label", Refused);
         makeCall();
+        answer.advise(EEXIST, has + "; delete it first: veskctl label del " + known->text() + ' ' + label +
+                                  (a.device.empty() ? "" : " --device " + forShell(a.device)));
     };
     return {.call = call, .around = around};
 }

@@ -201,13 +201,12 @@ std::vector<Command> listCommands()
     return {
         Command("rule list", "All rules", "", {}, ruleList, {.unanswered = unanswered}),
         Command("label list", "All labels", "", {}, labelList, {.unanswered = unanswered}),
-        Command(
-            "sa status", "Whether the two SAs of a record are installed", "handset.ini",
-            {{"record", "FILE", "File with the record; - for standard input", &Arguments::file}}, stateStatus,
-            {.notes =
-                 "With whose keys, how many packets, and when used: first, and last where the\nkernel tells. Status 3 when one is "
-                 "missing or has other keys.",
-             .unanswered = "what is installed is in it"}),
+        Command("sa status", "Whether the two SAs of a record are installed", "handset.ini",
+                {{"record", "FILE", "File with the record; - for standard input", &Arguments::file}}, stateStatus,
+                {.notes      = "With whose keys, how many packets, and when used: first, and last where the\n"
+                               "kernel tells. Status 3 when one is "
+                               "missing or has other keys.",
+                 .unanswered = "what is installed is in it"}),
         Command("sa list", "SAs, without keys", "--spi 0x1001",
                 {{"--record", "FILE", "Those of a record alone", &Arguments::file},
                  kSPI,

@@ -32,7 +32,8 @@ std::vector<InstalledState> installedStates(const Record& r, const Requests& wan
 // What an operation would send, for comparing.
 Requests requestsOf(const std::function<int()>& operation);
 
-// How many SAs of a record's protocol and mode, and of its SPI if it has one, go from its local to its remote address, or come back.
+// How many SAs of a record's protocol and mode, and of its SPI if it has one, go from its local to its remote address,
+// or come back.
 int statesBetween(const Record& r, bool tx);
 
 // Policies with a selector and direction. The requests of the library reach the one that is otherwise "".
