@@ -162,7 +162,7 @@ private:
         }
     }
 
-    const Argument* optionCalled(const std::string& name) const
+    [[nodiscard]] const Argument* optionCalled(const std::string& name) const
     {
         const Argument* option = named(commonOptions(), name);
         if (option == nullptr && command != nullptr)

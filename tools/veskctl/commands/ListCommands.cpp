@@ -147,6 +147,34 @@ Operation labelList(Arguments&)
     return list(kLabels, kLabelStyle, all);
 }
 
+void addStatus(Answer& answer, const Record& record, const std::vector<InstalledState>& all, bool tx)
+{
+    const auto is =
+        std::find_if(all.begin(), all.end(), [tx](const InstalledState& each) { return each.tx == tx && each.own; });
+    std::string& text = answer.text +=
+        bold(tx ? "tx" : "rx") + " spi " + hexadecimal(tx ? record.spi_tx : record.spi_rx);
+    // The output mark is none of the record's.
+    const std::string kept    = is == all.end() ? ", all" : replaced(", " + is->kept, ", output mark", "");
+    const std::string differs = kept.size() > 2 ? kept.substr(2) : "";
+    if (!differs.empty())
+        answer.notAsAsked("what the record says is not what is installed");
+    const bool installed = is != all.end() && !is->larval;
+    Json& finding = answer.findings[tx ? "tx" : "rx"] = {{"installed", installed}};
+    if (!installed) {
+        text += is == all.end() ? "  not installed\n" : "  larval, without keys yet\n";
+        return;
+    }
+    const std::string keys = differs.find(" key") != std::string::npos ? "others"
+                             : is->hidden                              ? "hidden, or all zeros"
+                                                                       : "the record's";
+    finding.update({{"keys", keys}, {"packets", is->packets}, {"first_used", is->firstUsed}, {"differs", differs}});
+    if (!is->lastUsed.empty())
+        finding["last_used"] = is->lastUsed;
+    text += "  installed  keys " + keys + "  packets " + std::to_string(is->packets) + "  first_used " + is->firstUsed +
+            (is->lastUsed.empty() ? "" : "  last_used " + is->lastUsed) +
+            (differs.empty() ? "" : "  differs in " + differs) + '\n';
+}
+
 Operation stateStatus(Arguments& a)
 {
     a.record.read(a.file, ForStates, a.warnings);
@@ -157,35 +185,9 @@ Operation stateStatus(Arguments& a)
         const auto all = installedStates(a.record, requests, &result);
         if (result == 0 && errno == EINTR)
             answer.notAsAsked(kIncomplete);
-        for (const bool tx : {true, false}) {
-            if (result != 0)
-                break;
-            const auto is     = std::find_if(all.begin(), all.end(),
-                                             [tx](const InstalledState& each) { return each.tx == tx && each.own; });
-            std::string& text = answer.text +=
-                bold(tx ? "tx" : "rx") + " spi " + hexadecimal(tx ? a.record.spi_tx : a.record.spi_rx);
-            // The output mark is none of the record's.
-            const std::string kept    = is == all.end() ? ", all" : replaced(", " + is->kept, ", output mark", "");
-            const std::string differs = kept.size() > 2 ? kept.substr(2) : "";
-            if (!differs.empty())
-                answer.notAsAsked("what the record says is not what is installed");
-            const bool installed = is != all.end() && !is->larval;
-            Json& finding = answer.findings[tx ? "tx" : "rx"] = {{"installed", installed}};
-            if (!installed) {
-                text += is == all.end() ? "  not installed\n" : "  larval, without keys yet\n";
-                continue;
-            }
-            const std::string keys = differs.find(" key") != std::string::npos ? "others"
-                                     : is->hidden                              ? "hidden, or all zeros"
-                                                                               : "the record's";
-            finding.update(
-                {{"keys", keys}, {"packets", is->packets}, {"first_used", is->firstUsed}, {"differs", differs}});
-            if (!is->lastUsed.empty())
-                finding["last_used"] = is->lastUsed;
-            text += "  installed  keys " + keys + "  packets " + std::to_string(is->packets) + "  first_used " +
-                    is->firstUsed + (is->lastUsed.empty() ? "" : "  last_used " + is->lastUsed) +
-                    (differs.empty() ? "" : "  differs in " + differs) + '\n';
-        }
+        for (const bool tx : {true, false})
+            if (result == 0)
+                addStatus(answer, a.record, all, tx);
         return result;
     }};
 }

@@ -305,7 +305,7 @@ public:
         checkWhole(purpose);
         checkValues(purpose, warnings);
         if (record.spi_rx_valid != 0 && record.spi_rx == record.spi_tx)
-            warnings.push_back("spi_rx: the same as spi_tx; veskctl sa remove would remove TX alone");
+            warnings.emplace_back("spi_rx: the same as spi_tx; veskctl sa remove would remove TX alone");
         if (!all.empty())
             throw Refusal(joined(all, "\n"));
     }
