@@ -213,11 +213,11 @@ private:
     // Standard input, or what a shell hands over as /dev/fd/63; -1 for any other path.
     static int openedAlready(const std::string& path)
     {
-        const bool handedOver = path.starts_with("/dev/fd/");
-        const auto number     = handedOver ? numberOf(path.substr(std::strlen("/dev/fd/"))) : std::nullopt;
-        return path == "-" || path == "/dev/stdin" ? STDIN_FILENO
-               : number && *number <= INT_MAX      ? static_cast<int>(*number)
-                                                   : -1;
+        if (path == "-" || path == "/dev/stdin")
+            return STDIN_FILENO;
+        constexpr std::string_view folder = "/dev/fd/";
+        const std::int64_t number = path.starts_with(folder) ? numberOf(path.substr(folder.size())).value_or(-1) : -1;
+        return number <= INT_MAX ? static_cast<int>(number) : -1;
     }
 
     // The file that is looked at is the one that is read. Only a file has a mode that says who else may read it.
