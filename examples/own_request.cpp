@@ -15,8 +15,8 @@
 #include <linux/rtnetlink.h>
 #include <net/if.h>
 
-// A dump callback sees each message of the reply. Only its nlmsg_len was checked before: it checks the type, and that the
-// structure is there, then asks for the attributes.
+// A dump callback sees each message of the reply. Only its nlmsg_len was checked before. It checks the type, and that
+// the structure is there, then asks for the attributes.
 static void printLink(nlmsghdr* message, void* context)
 {
     constexpr unsigned int start = NLMSG_SPACE(sizeof(ifinfomsg));

@@ -74,7 +74,7 @@ bool insert(LabelSet& labels, unsigned int label)
     return true;
 }
 
-void addrlabelGenerateCb(nlmsghdr* message, void* context)
+void addrlabelGenerateCb(nlmsghdr* message, void* context) noexcept
 {
     auto& labels = *static_cast<LabelSet*>(context);
     if (message->nlmsg_type != RTM_NEWADDRLABEL)
@@ -120,7 +120,7 @@ int addrlabelPurgeNLMsgParse(nlmsghdr* message, LabelAttributes& attributes, con
     return 0;
 }
 
-VeskNetlinkQueryReturn addrlabelPurgeQueryCb(nlmsghdr* message, void* given)
+VeskNetlinkQueryReturn addrlabelPurgeQueryCb(nlmsghdr* message, void* given) noexcept
 {
     auto& context = *static_cast<addrlabelPurgeCtx*>(given);
     LabelAttributes attributes;
@@ -136,7 +136,7 @@ VeskNetlinkQueryReturn addrlabelPurgeQueryCb(nlmsghdr* message, void* given)
     return purged ? NetlinkQueryDone : NetlinkQueryContinue;
 }
 
-void addrlabelPurgeDumpCb(nlmsghdr* message, void* given)
+void addrlabelPurgeDumpCb(nlmsghdr* message, void* given) noexcept
 {
     const auto& context = *static_cast<addrlabelPurgeCtx*>(given);
     LabelAttributes attributes;

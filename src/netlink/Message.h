@@ -1,4 +1,5 @@
-// Reading a message:
+// Reading a message, as callbacks do. They are noexcept, like the exchanges that call them, so that the compiler keeps
+// nothing to clean up between log lines.
 //
 //     header      | nlmsg_len (4) | nlmsg_type (2) | nlmsg_flags (2) | nlmsg_seq (4) | nlmsg_pid (4) |
 //     payload     | fixed structure of the message's type |

@@ -510,7 +510,7 @@ int NetlinkMessage::messageDump(DumpCallback* cb, void* ctx) noexcept
     bool interrupted = false;
     while (reply.receive(socketFd) >= 0) {
         while (nlmsghdr* message = reply.next()) {
-            interrupted |= (message->nlmsg_flags & NLM_F_DUMP_INTR) != 0;
+            const bool marked = (message->nlmsg_flags & NLM_F_DUMP_INTR) != 0;
             if (message->nlmsg_type == NLMSG_ERROR) {
                 if (message->nlmsg_len < kMinErrorSize)
                     return FAIL_WITH(EBADMSG, "%s(): invalid NL ERR received");
@@ -527,9 +527,10 @@ int NetlinkMessage::messageDump(DumpCallback* cb, void* ctx) noexcept
                 if (status < 0)
                     return FAIL_WITH(reasonOf(status), "%s(): NL dump reports errno [%d, %s]", positive(status),
                                      strerror(positive(status)));
-                errno = errnoOfDump(interrupted);
+                errno = errnoOfDump(interrupted || marked);
                 return 0;
-            } else if ((message->nlmsg_flags & NLM_F_DUMP_INTR) != 0) {
+            } else if (marked) {
+                interrupted = true;
                 LOG(notice, "%s(): NL dump was interrupted");
             }
             cb(message, ctx);
@@ -551,7 +552,7 @@ void NetlinkMessage::parseAttributes(nlattr* first, std::unordered_map<int, nlat
 
 namespace {
 
-VeskNetlinkQueryReturn queryGENLCb(nlmsghdr* msg, void* ctx)
+VeskNetlinkQueryReturn queryGENLCb(nlmsghdr* msg, void* ctx) noexcept
 {
     auto* id = static_cast<int*>(ctx);
     const AttributeTable<CTRL_ATTR_OP> attributes(msg, kMessageSize<genlmsghdr>);

@@ -111,7 +111,7 @@ int RTNetlinkSetGSOMaxSize(std::string& device, unsigned short gsoMaxSize) noexc
 namespace {
 
 // Takes the first message that shows a route with an IPv4 gateway; the table and the device are looked at for the log.
-VeskNetlinkQueryReturn getRouterAddress(nlmsghdr* message, void* context)
+VeskNetlinkQueryReturn getRouterAddress(nlmsghdr* message, void* context) noexcept
 {
     constexpr auto next         = NetlinkQueryContinue;
     constexpr unsigned int size = kMessageSize<rtmsg>;
@@ -275,7 +275,7 @@ struct RuleMarkCtx {
     __u32 fwmask;
 };
 
-void getRuleMark(nlmsghdr* message, void* context)
+void getRuleMark(nlmsghdr* message, void* context) noexcept
 {
     constexpr unsigned int size = kMessageSize<fib_rule_hdr>;
 

@@ -1,5 +1,5 @@
-// Requests of IPsec go out whole or not at all. A policy without its template would let the traffic pass in the clear, an
-// SA without its hash would go unauthenticated.
+// Requests of IPsec are sent whole or not at all. A policy without its template would let the traffic pass in the
+// clear, an SA without its hash would go unauthenticated.
 #ifndef VESK_WHOLE_REQUEST_H
 #define VESK_WHOLE_REQUEST_H
 

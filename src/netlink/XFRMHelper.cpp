@@ -411,7 +411,7 @@ std::optional<Direction> matchXFRMState(nlmsghdr* message, const SaRecord& recor
     return YIELD_AS(none, verbose, callback, "%s(): ignoring non-matching SPI\n");
 }
 
-void removeXFRMStateCb(nlmsghdr* message, void* context)
+void removeXFRMStateCb(nlmsghdr* message, void* context) noexcept
 {
     const auto& record = *static_cast<const SaRecord*>(context);
     xfrm_usersa_info state;
@@ -483,7 +483,7 @@ void keepReplay(XFRMSeqMatchCtx& context, Direction direction, unsigned int type
     }
 }
 
-void queryXFRMStateCb(nlmsghdr* message, void* given)
+void queryXFRMStateCb(nlmsghdr* message, void* given) noexcept
 {
     auto& context = *static_cast<XFRMSeqMatchCtx*>(given);
     xfrm_usersa_info state;

@@ -90,8 +90,8 @@ TEST(Faults, LeaveNothingBehind)
                 EXPECT_EQ(std::any_of(kernel->log().begin(), kernel->log().end(), isFailure), !harmless);
                 EXPECT_EQ(kernel->openSockets() + kernel->liveBlocks() + kernel->complaints().size(), 0u);
 
-                // A policy without its template would let the traffic pass in the clear, an SA without its hash would go
-                // unauthenticated. Other requests may go out without an attribute, for the kernel to judge.
+                // A policy without its template would let the traffic pass in the clear, an SA without its hash would
+                // go unauthenticated. Other requests may be sent without an attribute, for the kernel to judge.
                 const std::set<std::string> sent = ofIpsec(*kernel);
                 EXPECT_TRUE(std::includes(whole.begin(), whole.end(), sent.begin(), sent.end()));
                 const bool decides =

@@ -383,7 +383,7 @@ const Member kMore("", 0, 0);
 const Structure kHeader =
     STRUCTURE(nlmsghdr, AT(nlmsg_len), AT(nlmsg_type), AT(nlmsg_flags, Hex), AT(nlmsg_seq), AT(nlmsg_pid));
 const Names kProtocols = NAMES("NETLINK_", NETLINK_ROUTE, NETLINK_XFRM, NETLINK_GENERIC);
-// strerrorname_np came to the platform's C library later than veskctl is for.
+// The C library's own names of errnos came to the platform later than veskctl.
 const Names kErrors = NAMES("", EPERM, ENOENT, ESRCH, EINTR, EIO, ENXIO, E2BIG, EBADF, EAGAIN, ENOMEM, EACCES, EFAULT,
                             EBUSY, EEXIST, ENODEV, EINVAL, ENFILE, EMFILE, ENOSPC, EDOM, ERANGE, ENOSYS, ENODATA,
                             EPROTO, EBADMSG, EOVERFLOW, EMSGSIZE, EPROTONOSUPPORT, ESOCKTNOSUPPORT, EOPNOTSUPP,
