@@ -173,10 +173,10 @@ public:
     /// Closes a nested attribute: writes its length. A handle that names none is only logged.
     void endNestedNLAttribute(NestedAttrHandle& handle) noexcept;
 
-    /// Wipes and frees the attributes. After this the object may only be destroyed.
+    /// Wipes and frees the attributes. Afterwards only destroy the object.
     void clearAttributes() noexcept;
 
-    /// Opens and binds the socket, in place of an earlier one; exchanges do this. @return 0, or -1 with errno
+    /// Opens and binds the socket anew; exchanges do this. @return 0, or -1 with errno
     int openSocket() noexcept;
 
     /**
@@ -189,7 +189,7 @@ public:
 
     /**
      * Sends the request and waits for its acknowledgement.
-     * @warning Without NLM_F_ACK in the flags, 0 says only that it was sent.
+     * @warning Without NLM_F_ACK, 0 says only that it was sent.
      * @return 0, or -1 with errno: the kernel's, when it refused
      */
     int messageTransact() noexcept;
@@ -227,7 +227,7 @@ public:
 
     /**
      * Sends the request and shows all messages of the reply to a callback, until the kernel says that it is done.
-     * @warning Without NLM_F_DUMP in the flags this may wait for ever: the kernel sends no end.
+     * @warning Without NLM_F_DUMP this may wait for ever: the kernel sends no end.
      * @warning After a result of 0, errno is 0, or EINTR when the table changed meanwhile: entries may be missing.
      * @warning Long datagrams, as of links with IFLA_EXT_MASK, are cut off. A cut between two messages does not show:
      * the rest is missing, and the result is 0.
@@ -443,7 +443,8 @@ VESK_EXPORT int addrlabelDel(sockaddr_storage* address, unsigned int prefixLengt
 /**
  * Proposes a free label: the top of the first gap below a label above 20; without one, the largest plus `rand()`.
  * @warning Processes that do not seed `rand()` all propose the same label.
- * @warning Nothing is reserved. `rand()` may yield 0, and so a label in use.
+ * @warning Nothing is reserved, and `rand()` may yield 0: a label in use.
+ * @warning Ends the process when all of several labels are above 20.
  * @param family      AF_INET6; not read for the default
  * @param useDefault  propose label 1, without asking the kernel
  * @param label       receives the proposal
@@ -474,12 +475,12 @@ VESK_EXPORT int addrlabelPurge(sockaddr_storage* address, unsigned int prefixLen
 
 /**
  * Installs the two SAs of a record: TX and, when that succeeds, RX.
- * @warning Add policies first, then SAs; remove SAs first, then policies. Else traffic passes in the clear meanwhile.
+ * @warning Add policies before SAs, and remove them after: else traffic passes in the clear meanwhile.
  * @warning SAs have no replay window, no lifetime limits and no extended sequence numbers.
  * @warning Check the record as @ref ipsec_sa_record.h says: it may end the process, and kernels take integrity keys of
  * 0 bytes.
- * @warning When RX fails, TX stays. Remove it with a copy of the record whose `spi_rx` is `spi_tx`: the record itself
- * may match an RX of somebody else.
+ * @warning When RX fails, refused or not, TX stays; -1 does not tell. Remove TX with a copy of the record whose
+ * `spi_rx` is `spi_tx`: the record itself may match an RX of somebody else.
  * @param record      the SAs
  * @param technology  TRO_TECHNOLOGY_NAME_MARKED_RX_V01 gives RX an output mark
  * @param mark        output mark of TX; bit 0x20000 is always set
@@ -540,8 +541,7 @@ VESK_EXPORT int addXFRMPolicies(tro_ipsec_static_sa_config_ex_info_ind_msg_v01& 
  * Removes the policies of one side of a tunnel: out, or in and then fwd. Parameters as for `addXFRMPolicies`.
  * @warning Any policy of that selector and direction is removed, also one that somebody else made.
  *
- * When in fails, fwd is not tried. When fwd fails, in is gone: add both again before another try (EEXIST of fwd is
- * expected).
+ * When in fails, fwd is not tried. When fwd fails, in is gone: add both again first (EEXIST of fwd is expected).
  * @return 0, or -1 with errno:
  *   - ENOENT: no such policy
  */
