@@ -218,6 +218,12 @@ private:
                                                                 : addressText(value.data(), value.size());
         else if (field.kind == Kind::Text)
             field.text.assign(first, strnlen(first, value.size()));
+        else if (field.kind == Kind::Bitmap && value.size() % 4 == 0)
+            for (std::size_t end = value.size(); end != 0; end -= 4) {
+                const std::uint32_t word =
+                    htonl(static_cast<std::uint32_t>(numberIn(value.subspan(end - 4, 4), false)));
+                field.text = chained(field.text, " ", digits(reinterpret_cast<const unsigned char*>(&word), 4));
+            }
         else
             field.text = digits(value.data(), value.size());
         field.value = field.text;
@@ -288,10 +294,12 @@ private:
 
     void value(const Place& place, const Format& format, std::size_t stop, std::size_t next)
     {
-        Field& field = add(place, "", format.kind, next);
+        const std::size_t size = stop - at - NLA_HDRLEN;
+        const bool isNumber    = format.kind < Kind::Address && size != 0 && size <= sizeof(std::uint64_t);
+        Field& field = add(place, "", format.kind < Kind::Address && !isNumber ? Kind::Unknown : format.kind, next);
         field.listed = place.listed;
         field.valueAt += NLA_HDRLEN;
-        field.valueSize = stop - field.valueAt;
+        field.valueSize = size;
         read(field, format, place.family);
     }
 
@@ -321,6 +329,7 @@ private:
             behind.listed = known.behind->listed != nullptr ? known.behind->listed : "";
             read(behind, known.behind->format, place.family);
         }
+        place.group.clear();
         rest(place, stop);
         padding(place, next);
     }

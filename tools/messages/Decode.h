@@ -34,6 +34,7 @@ enum class Kind {
     Address,
     Text,
     Bytes,
+    Bitmap, // of words of 32 bits, the lowest first; read as one number in hexadecimal
     Key,
     Header,  // of an attribute
     Padding, // between the fields, and behind an attribute

@@ -64,7 +64,7 @@ Names with(std::vector<Name> own, Names names)
 const Names& ipProtocolNames()
 {
     static const Names all =
-        with({{IPPROTO_IP, "IPPROTO_IP", "any"}, {255, "IPSEC_PROTO_ANY", "any-ipsec"}},
+        with({{IPPROTO_IP, "IPPROTO_IP", "any"}},
              NAMES("IPPROTO_", IPPROTO_ICMP, IPPROTO_IGMP, IPPROTO_IPIP, IPPROTO_TCP, IPPROTO_UDP, IPPROTO_DCCP,
                    IPPROTO_IPV6, IPPROTO_ROUTING, IPPROTO_GRE, IPPROTO_ESP, IPPROTO_AH, IPPROTO_ICMPV6, IPPROTO_DSTOPTS,
                    IPPROTO_COMP, IPPROTO_SCTP, IPPROTO_MH, IPPROTO_UDPLITE));
@@ -73,7 +73,8 @@ const Names& ipProtocolNames()
 
 namespace {
 
-const Names& kIPProtocols = ipProtocolNames();
+const Names& kIPProtocols   = ipProtocolNames();
+const Names kIPsecProtocols = with({{255, "IPSEC_PROTO_ANY", "any-ipsec"}}, kIPProtocols); // of SAs and templates
 
 const Names kFamilies = with({{AF_INET, "AF_INET", "ipv4"},
                               {AF_INET6, "AF_INET6", "ipv6"},
@@ -124,9 +125,9 @@ const Structure kLifetimes =
 const Structure kLink = STRUCTURE(ifinfomsg, AT(ifi_family, kFamily), AT(ifi_type), AT(ifi_index, Device),
                                   AT(ifi_flags, Hex), AT(ifi_change, Hex));
 const Structure kRoute =
-    STRUCTURE(rtmsg, AT(rtm_family, kFamily), AT(rtm_dst_len, Prefix, "destination"), AT(rtm_src_len), AT(rtm_tos),
-              AT(rtm_table), AT(rtm_protocol, kOrigins, "origin"), AT(rtm_scope, kScopes, "scope"),
-              AT(rtm_type, kRouteTypes, "type"), AT(rtm_flags, {kRouteFlags, Flags}));
+    STRUCTURE(rtmsg, AT(rtm_family, kFamily), AT(rtm_dst_len, Prefix, "destination"), AT(rtm_src_len),
+              AT(rtm_tos, Hex, "tos"), AT(rtm_table), AT(rtm_protocol, kOrigins, "origin"),
+              AT(rtm_scope, kScopes, "scope"), AT(rtm_type, kRouteTypes, "type"), AT(rtm_flags, {kRouteFlags, Flags}));
 const Structure kRule = STRUCTURE(fib_rule_hdr, AT(family, kFamily, "family"), AT(dst_len, Prefix, "to"),
                                   AT(src_len, Prefix, "from"), AT(tos, Hex, "tos"), AT(table), AT(res1), AT(res2),
                                   AT(action, kRuleActions, "action"), AT(flags, {kRuleFlags, Flags}, "flags"));
@@ -191,8 +192,8 @@ const Structure kSelector = finished(
               AT(prefixlen_d, Prefix, "destination"), AT(prefixlen_s, Prefix, "source"),
               AT(proto, kIPProtocols, "ip_protocol"), AT(ifindex, Device, "device"), AT(user, Number, "user")),
     finishSelector);
-const Structure kId =
-    STRUCTURE(xfrm_id, AT(daddr, Address, "destination"), AT(spi, BigHex, "spi"), AT(proto, kIPProtocols, "protocol"));
+const Structure kId     = STRUCTURE(xfrm_id, AT(daddr, Address, "destination"), AT(spi, BigHex, "spi"),
+                                    AT(proto, kIPsecProtocols, "protocol"));
 const Structure kLimits = STRUCTURE(
     xfrm_lifetime_cfg, AT(soft_byte_limit, Limit, "soft_bytes"), AT(hard_byte_limit, Limit, "hard_bytes"),
     AT(soft_packet_limit, Limit, "soft_packets"), AT(hard_packet_limit, Limit, "hard_packets"),
@@ -224,7 +225,7 @@ const Structure kState =
                        AT(replay_window, Number, "replay_window"), AT(flags, {kStateFlags, Flags}, "flags")),
              finishState);
 const Structure kStateId =
-    STRUCTURE(xfrm_usersa_id, AT(daddr, Address), AT(spi, BigHex), AT(family, kFamily), AT(proto, kIPProtocols));
+    STRUCTURE(xfrm_usersa_id, AT(daddr, Address), AT(spi, BigHex), AT(family, kFamily), AT(proto, kIPsecProtocols));
 const Structure kEvent = STRUCTURE(xfrm_aevent_id, AT(sa_id, kStateId), AT(saddr, Address), AT(flags, Hex), AT(reqid));
 const Structure kPolicy =
     STRUCTURE(xfrm_userpolicy_info, AT(sel, kSelector, ""), AT(lft, kLimits), AT(curlft, kUse),
@@ -265,7 +266,7 @@ const Structure kContext = STRUCTURE(xfrm_user_sec_ctx, AT(len), AT(exttype), AT
 const Structure kVia = STRUCTURE(rtvia, AT(rtvia_family, kFamily));
 
 const Member kKeyBehind("alg_key", 0, 0, Key);
-const Member kBitmapBehind("bmp", 0, 0, Bytes, "extended_replay_bitmap");
+const Member kBitmapBehind("bmp", 0, 0, Bitmap, "extended_replay_bitmap");
 const Member kViaBehind("rtvia_addr", 0, 0, Address, "gateway");
 const Member kTextBehind("context", 0, 0, Text, "security_context");
 
