@@ -36,18 +36,37 @@ std::string replaced(std::string text, const std::string& old, const std::string
     return text;
 }
 
+namespace {
+
+// How many bytes at a place are one character to show: of UTF-8, and no control character, to a terminal of eight bits
+// either. 0 for any other byte.
+std::size_t characterAt(const std::string& text, std::size_t at)
+{
+    const auto byte        = [&](std::size_t i) { return at + i < text.size() ? text[at + i] & 0xff : 0; };
+    const int first        = byte(0);
+    const std::size_t size = first < 0x80 ? 1 : first < 0xe0 ? 2 : first < 0xf0 ? 3 : 4;
+    const bool isContinued = [&] {
+        for (std::size_t i = 1; i < size; ++i)
+            if ((byte(i) & 0xc0) != 0x80)
+                return false;
+        return true;
+    }();
+    const bool isControl = first < ' ' || first == 0x7f || (first == 0xc2 && byte(1) < 0xa0);
+    const bool isFirst   = first < 0x80 || (first >= 0xc2 && first < 0xf5);
+    return isContinued && isFirst && !isControl ? size : 0;
+}
+
+} // namespace
+
 std::string visible(const std::string& text)
 {
     constexpr const char* figures = "0123456789abcdef";
     std::string to;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        const auto byte = static_cast<unsigned char>(text[i]);
-        // In UTF-8, U+0080 to U+009f, which some terminals obey too, are c2 and that byte.
-        const auto isControl = [&](std::size_t c2) { return text[c2] == '\xc2' && (text[c2 + 1] & 0xe0) == 0x80; };
-        if (byte < ' ' || byte == 0x7f || isControl(i) || (i > 0 && isControl(i - 1)))
-            to += {'\\', 'x', figures[byte / 16], figures[byte % 16]};
-        else
-            to += text[i];
+    for (std::size_t at = 0; at < text.size();) {
+        const auto byte        = static_cast<unsigned char>(text[at]);
+        const std::size_t size = characterAt(text, at);
+        to += size != 0 ? text.substr(at, size) : std::string{'\\', 'x', figures[byte / 16], figures[byte % 16]};
+        at += std::max<std::size_t>(size, 1);
     }
     return to;
 }
@@ -55,8 +74,6 @@ std::string visible(const std::string& text)
 std::string forShell(const std::string& text)
 {
     constexpr const char* plain = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_./:@%+,=-";
-    if (text.starts_with('-')) // which would be an option
-        return forShell("./" + text);
     if (!text.empty() && text.find_first_not_of(plain) == std::string::npos)
         return text;
     if (visible(text) != text)

@@ -30,10 +30,10 @@ std::string padded(std::string text, std::size_t width);
 // With each occurrence of a piece replaced.
 std::string replaced(std::string text, const std::string& old, const std::string& with);
 
-// As it is shown to people: control characters, which a name may hold, as \x1b.
+// As it is shown to people: control characters, which a name may hold, and what is no UTF-8, as \x1b.
 std::string visible(const std::string& text);
 
-// As a word of a shell's command line that is a file, a device or a prefix.
+// As a word of a shell's command line.
 std::string forShell(const std::string& text);
 
 // Bold or faint when standard output is a terminal that is to have colours; else the text as it is.
