@@ -35,7 +35,7 @@ Answer answerOf(const Command& command, Arguments& arguments)
         arguments.otherRecord.forgetKeys();
     }
     Answer answer = arguments.dry ? dryRun(operation, command.more.unanswered, arguments.showKeys) : perform(operation);
-    answer.warnings = arguments.warnings;
+    answer.warnings.insert(answer.warnings.begin(), arguments.warnings.begin(), arguments.warnings.end());
     if (!arguments.dry)
         advise(answer, command);
     return answer;
@@ -58,7 +58,7 @@ int main(int argc, char** argv)
         return put(helpOn(line.path()));
     if (line.has("--version"))
         return put("veskctl " VESK_VERSION "\n");
-    if (line.has("--manual")) // for the build
+    if (argc == 2 && line.has("--manual")) // for the build
         return put(manual());
     try {
         Arguments arguments;

@@ -80,7 +80,8 @@ std::vector<std::string> checkSelectors(const std::string& source, const std::st
 
 unsigned int indexOf(const std::string& device)
 {
-    const unsigned int index = device.empty() ? 0 : if_nametoindex(device.c_str());
+    const bool cut           = device.find(':') != std::string::npos; // where the kernel would end the name
+    const unsigned int index = device.empty() || cut ? 0 : if_nametoindex(device.c_str());
     if (index == 0 && !device.empty())
         throw Refusal("no such device: " + device + "; one of " + devices(), Refused);
     return index;

@@ -72,9 +72,10 @@ Number numberFor(const Argument& argument, const std::string& name, const std::s
 
 void set(Arguments& arguments, const Argument& argument, const std::string& name, const std::string& text)
 {
-    const std::string& type = argument.type;
-    if (type.starts_with('{') &&
-        (',' + type.substr(1, type.size() - 2) + ',').find(',' + text + ',') == std::string::npos)
+    const std::string& type   = argument.type;
+    const std::string choices = type.starts_with('{') ? ',' + type.substr(1, type.size() - 2) + ',' : "";
+    if (!choices.empty() &&
+        (text.find(',') != std::string::npos || choices.find(',' + text + ',') == std::string::npos))
         throw Refusal(name + ": write one of " + replaced(type.substr(1, type.size() - 2), ",", ", "));
     const auto setField = [&](auto field) {
         auto& value = arguments.*field;
@@ -84,7 +85,7 @@ void set(Arguments& arguments, const Argument& argument, const std::string& name
         else if constexpr (!std::is_same_v<Value, std::string>)
             value = numberFor<Value>(argument, name, text);
         else if (text.empty() && type != "PREFIX") // a script's unset variable, perhaps
-            throw Refusal(name + ": write " + (type == "DEVICE" ? "one of " + devices() : "it behind; it is empty"));
+            throw Refusal(name + ": write " + (type == "DEVICE" ? "one of " + devices() : "something; it is empty"));
         else
             value = text;
     };

@@ -258,8 +258,10 @@ const char* unusable(const tro_ip_addr_type_v01& address)
     std::uint32_t v4 = 0;
     std::memcpy(&v4, address.addr, sizeof v4);
     const bool is4 = address.ip_type == TRO_IP_TYPE_IPV4_V01;
-    if (is4 ? v4 == INADDR_ANY : IN6_IS_ADDR_UNSPECIFIED(&v6) != 0)
-        return "no address";
+    if (is4 ? v4 >> 24 == 0 : IN6_IS_ADDR_UNSPECIFIED(&v6) != 0)
+        return "no address of a host";
+    if (!is4 && IN6_IS_ADDR_V4MAPPED(&v6) != 0)
+        return "an IPv4 address in IPv6's form";
     if (is4 ? v4 >> 24 == IN_LOOPBACKNET : IN6_IS_ADDR_LOOPBACK(&v6) != 0)
         return "a loopback address";
     if (is4 ? v4 >= INADDR_UNSPEC_GROUP : IN6_IS_ADDR_MULTICAST(&v6) != 0)
@@ -307,7 +309,7 @@ public:
         if (record.spi_rx_valid != 0 && record.spi_rx == record.spi_tx)
             warnings.emplace_back("spi_rx: the same as spi_tx; veskctl sa remove would remove TX alone");
         if (!all.empty())
-            throw Refusal(joined(all, "\n"));
+            throw Refusal(all);
     }
 
 private:
@@ -398,7 +400,9 @@ private:
                 if (algorithm != nullptr && std::count(algorithm->keys.begin(), algorithm->keys.end(), key.size()) == 0)
                     addTo(field.name, std::to_string(key.size()) + " bytes; " + algorithm->word + " takes " +
                                           either(algorithm->keys));
-                else if (isZero(key))
+                else if (const std::size_t nonce =
+                             algorithm == nullptr || algorithm->mode != TRO_IPSEC_AES_MODE_CTR_V01 ? 0 : 4;
+                         isZero(key.first(key.size() - nonce)))
                     addTo(field.name, "all zeros; write the key");
             }
             // The keys of the two directions are neighbours in the record.
