@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <random>
 
+#include <net/if.h>
 #include <netinet/in.h>
 
 namespace {
@@ -32,6 +33,17 @@ bool isEntryOf(const Label& each, const Arguments& a)
     return isCandidate(each, a) && takesIn(prefixOf(each.text()), a.prefix);
 }
 
+// The kernel has one errno for three reasons.
+void adviseOnPrefix(Answer& answer, const Arguments& a)
+{
+    char name[IF_NAMESIZE];
+    answer.advise(EINVAL, a.label == UINT32_MAX ? "0xffffffff stands for no label"
+                          : a.index != 0 && if_indextoname(a.index, name) == nullptr
+                              ? "there is no such device"
+                              : "for such an address, the kernel takes another prefix length: 128 for ::1, 96 for IPv4 "
+                                "addresses behind ::, at most 96 behind ::ffff:");
+}
+
 template <decltype(Vesk::addrlabelAdd)* operation>
 Operation labelChange(Arguments& a)
 {
@@ -39,26 +51,30 @@ Operation labelChange(Arguments& a)
     a.index           = indexOrNumberOf(a.device);
     const auto call   = [&a](Answer&) { return operation(&a.prefix.address, a.prefix.length, a.label, a.index); };
     const auto around = [&a](Answer& answer, const auto& makeCall) {
-        std::vector<Label> all;
-        static_cast<void>(readLabels(all));
+        const auto all   = installedLabels();
         const auto known = std::find_if(all.begin(), all.end(), [&a](const Label& each) { return isEntryOf(each, a); });
-        if (known == all.end())
-            return makeCall();
+        if (known == all.end()) {
+            makeCall();
+            return adviseOnPrefix(answer, a);
+        }
         const std::string label = std::to_string(known->label), has = known->text() + " has label " + label;
         if (operation == Vesk::addrlabelDel && known->label != a.label) // the kernel does not compare labels
             throw Refusal(has + ", and would be deleted all the same; write that label", Refused);
         makeCall();
         answer.advise(EEXIST, has + "; delete it first: veskctl label del " + known->text() + ' ' + label +
-                                  (a.device.empty() ? "" : " --device " + forShell(a.device)));
+                                  (a.device.empty() ? "" : " --device=" + forShell(a.device)));
+        if (operation == Vesk::addrlabelAdd && answer.result == 0) // which some kernels do
+            a.warnings.push_back(has + " as well");
     };
     return {.call = call, .around = around};
 }
 
 void judgePurge(const Arguments& a, const std::vector<Label>& before, Answer& answer)
 {
-    std::vector<Label> after, purged, left;
-    if (answer.result != 0 || readLabels(after) != 0)
+    if (answer.result != 0)
         return;
+    const auto after = installedLabels();
+    std::vector<Label> purged, left;
     const auto own = std::find_if(before.begin(), before.end(), [&a](const Label& each) { return isEntryOf(each, a); });
     for (const Label& each : before)
         if (std::count(after.begin(), after.end(), each) == 0)
@@ -92,8 +108,7 @@ Operation purge(Arguments& a)
     a.prefix          = prefixOf(a.address);
     a.index           = indexOrNumberOf(a.device);
     const auto around = [&a](Answer& answer, const auto& makeCall) {
-        std::vector<Label> before;
-        static_cast<void>(readLabels(before));
+        const auto before = installedLabels();
         makeCall();
         judgePurge(a, before, answer);
     };
@@ -122,23 +137,26 @@ std::vector<Command> labelCommands()
 {
     const Advice ipv4 = {EOPNOTSUPP, "mainline kernels refuse this always: they have labels for IPv6 only"};
     return {
-        Command(
-            "label add", "Give an IPv6 prefix a label", "2001:db8::/32 4711 --device wlan0",
-            {kPrefix, kLabel, kEntryDevice}, labelChange<Vesk::addrlabelAdd>,
-            {.notes  = "Mainline kernels have no labels for IPv4 (EOPNOTSUPP).",
-             .advice = {ipv4, {EINVAL, "there is no such device, or the label is 0xffffffff, which stands for none"}}}),
+        Command("label add", "Give an IPv6 prefix a label", "2001:db8::/32 4711 --device wlan0",
+                {kPrefix, kLabel, kEntryDevice}, labelChange<Vesk::addrlabelAdd>,
+                {.notes = "Mainline kernels have no labels for IPv4 (EOPNOTSUPP).", .advice = {ipv4}}),
         Command("label del", "Delete the label of an IPv6 prefix", "2001:db8::/32 4711 --device wlan0",
                 {kPrefix, kLabel, kEntryDevice}, labelChange<Vesk::addrlabelDel>,
                 {.advice = {ipv4, {ESRCH, "there is no such entry; veskctl label list shows all"}}}),
-        Command("label purge", "Delete a label from prefixes of one length and device", "2001:db8::/32 --device wlan0",
-                {kPrefix, kEntryDevice}, purge,
-                {.notes = "Deleted are the entry of the prefix, and those of the same prefix length and\n"
-                          "device that have its label, if it is " +
-                          kPurged + ".\nStatus 3 when there was none, or one is left.",
-                 .advice     = {ipv4, {ESRCH, "no entry matches this address; veskctl label list shows all"}},
-                 .unanswered = "where it names " + kPurged +
-                               ", a dump of all labels would follow, and "
-                               "RTM_DELADDRLABEL for each that matches"}),
+        Command(
+            "label purge", "Delete a label from prefixes of one length and device", "2001:db8::/32 --device wlan0",
+            {kPrefix, kEntryDevice}, purge,
+            {.notes = "Deleted are the entry of the prefix, and those of the same prefix length and\n"
+                      "device that have its label, if it is " +
+                      kPurged +
+                      ".\nLengths that are no multiple of 8 take several calls. Status 3 when there was\n"
+                      "none, or one is left.",
+             .advice     = {ipv4,
+                            {EINVAL, "the device has to be there; veskctl label del takes the number of one that is not"},
+                            {ESRCH, "no entry matches this address; veskctl label list shows all"}},
+             .unanswered = "where it names " + kPurged +
+                           ", a dump of all labels would follow, and "
+                           "RTM_DELADDRLABEL for each that matches"}),
         Command("label generate", "Propose a label", "",
                 {{"--default", "", "Propose the default label", &Arguments::useDefault}}, generate,
                 {.notes = "Just below the first label above " + std::to_string(Vesk::kLastSystemLabel) +

@@ -9,6 +9,8 @@
 
 #include <cerrno>
 
+#include <linux/rtnetlink.h>
+
 namespace {
 
 Operation family(Arguments& a)
@@ -43,6 +45,8 @@ std::string withoutGateway(const Arguments& a)
     const auto hop = nextHop(a.address, a.family, a.mark);
     if (!hop)
         return "the kernel has no route to " + a.address + " under this mark";
+    if (hop->gateway.empty() && hop->type != "unicast")
+        return "no gateway: " + a.address + " is a " + hop->type + " address of " + hop->device;
     if (hop->gateway.empty())
         return "on link, no gateway: " + a.address + " is reached over " + hop->device + " itself";
     if (hop->gateway.find(':') != std::string::npos)
@@ -105,9 +109,9 @@ Operation routeDel(Arguments& a)
         return Vesk::RTNetlinkDeleteRoute(a.address, a.mark, a.family, a.table, a.index);
     };
     const auto around = [&a](Answer& answer, const auto& makeCall) {
-        const auto before = routesTo(a.address, a.table, a.index);
-        const std::string route =
-            "route to " + a.address + " over " + a.device + " in table " + std::to_string(a.table);
+        const auto before       = routesTo(a.address, a.table, a.index);
+        const std::string route = "route to " + a.address + " over " + a.device + " in table " +
+                                  std::to_string(a.table != 0 ? a.table : RT_TABLE_MAIN);
         makeCall();
         judgeGateway(a, answer, "nothing was removed: ");
         if (answer.result != 0)
@@ -117,10 +121,11 @@ Operation routeDel(Arguments& a)
             answer.notAsAsked("nothing to remove: there is no " + route);
         else if (after == before && !mayChangeNetworks())
             answer.notAsAsked("the " + route + " is still there: " + kNoRights);
-        else if (const auto hop = nextHop(a.address, a.family, a.mark); after == before && hop)
+        else if (const auto hop = nextHop(a.address, a.family, a.mark); after == before)
             answer.notAsAsked("nothing was removed: what is there is " + joined(after) + ", asked for was via " +
-                              hop->gateway + " metric " + std::to_string(Vesk::kRouteMetric) + " advmss " +
-                              std::to_string(Vesk::kAdvertisedMSS) + " origin static scope universe type unicast");
+                              (hop ? hop->gateway : "none") + " metric " + std::to_string(Vesk::kRouteMetric) +
+                              " advmss " + std::to_string(Vesk::kAdvertisedMSS) +
+                              " origin static scope universe type unicast tos 0x0");
     };
     return {.call = call, .around = around};
 }

@@ -12,9 +12,6 @@
 #include <cerrno>
 #include <set>
 
-#include <arpa/inet.h>
-#include <ifaddrs.h>
-
 using namespace Vesk::Messages;
 
 namespace {
@@ -27,7 +24,8 @@ constexpr ListStyle kPolicyStyle = {"policies", "{direction} {source} > {destina
 constexpr ListStyle kRuleStyle   = {"rules", "{family} {priority}", "{action} {table?} {target?} {device?}", ""};
 constexpr ListStyle kLabelStyle  = {"labels", "{prefix}", "{label} {device?} {device_index?}", ""};
 
-constexpr const char* kIncomplete = "this may be incomplete: changes interrupted the kernel each time it was asked";
+constexpr const char* kIncomplete   = "this may be incomplete: it changed each time the kernel was asked";
+constexpr const char* kNotInstalled = "what the record says is not what is installed";
 
 using Wanted = std::function<bool(const Fields&)>;
 
@@ -36,14 +34,20 @@ Operation list(const Dump& what, const ListStyle& style, const Wanted& isWanted)
 {
     return {[=](Answer& answer) {
         Listing listing(answer, style);
-        const int result = readAll(
-            what, [&listing] { listing.clear(); },
-            [&](const Fields& fields, Bytes) {
-                if (isWanted(fields))
-                    listing.add(fields);
-            });
+        std::size_t shown = 0, left = 0;
+        const auto begin = [&] {
+            listing.clear();
+            shown = left = 0;
+        };
+        const int result = readAll(what, begin, [&](const Fields& fields, Bytes) {
+            ++(isWanted(fields) ? shown : left);
+            if (isWanted(fields))
+                listing.add(fields);
+        });
         if (result == 0 && errno == EINTR)
             answer.notAsAsked(kIncomplete);
+        else if (shown == 0 && left != 0)
+            answer.note = "none of " + std::to_string(left) + ' ' + style.name + " is chosen";
         return result;
     }};
 }
@@ -66,13 +70,14 @@ bool isEndAt(const Field& field, const std::string& address)
     return field.text == "any" || takesIn(prefixOf(field.inWords()), prefixOf(address));
 }
 
-// Whether a template is between the ends of a record.
+// Whether a template is between the ends of a record. Where it leaves an end open, that of the traffic counts.
 bool isBetween(const Fields& policy, const Record& r)
 {
     const auto itemsAt = [&policy](const std::string& address) {
         std::set<std::size_t> items;
         for (const Field& each : policy)
-            if (each.group == "templates" && isEndAt(each, address))
+            if (each.group == "templates" && each.kind == Kind::Address &&
+                isEndAt(each.usual ? *fieldOf(policy, each.listed) : each, address))
                 items.insert(each.item);
         return items;
     };
@@ -80,20 +85,15 @@ bool isBetween(const Fields& policy, const Record& r)
     return std::any_of(local.begin(), local.end(), [&remote](std::size_t item) { return remote.contains(item); });
 }
 
-bool isLocal(const std::string& address)
+// Whether an SA is of this direction: it says so, from Linux 6.10 on, or an end of it is one of these prefixes.
+bool isOfDirection(const Fields& state, const std::string& direction, const std::vector<std::string>& local)
 {
-    ifaddrs* all = nullptr;
-    bool found   = false;
-    static_cast<void>(getifaddrs(&all));
-    for (const ifaddrs* each = all; each != nullptr; each = each->ifa_next) {
-        const int family = each->ifa_addr != nullptr ? each->ifa_addr->sa_family : AF_UNSPEC;
-        if (family == AF_INET)
-            found |= addressText(&reinterpret_cast<const sockaddr_in*>(each->ifa_addr)->sin_addr, 4) == address;
-        else if (family == AF_INET6)
-            found |= addressText(&reinterpret_cast<const sockaddr_in6*>(each->ifa_addr)->sin6_addr, 16) == address;
-    }
-    freeifaddrs(all);
-    return found;
+    if (const Field* const said = fieldOf(state, "direction"))
+        return said->inWords() == direction;
+    const std::string end = fieldOf(state, direction == "in" ? "destination" : "source")->text;
+    return std::any_of(local.begin(), local.end(), [&end](const std::string& each) {
+        return end != "any" && takesIn(prefixOf(each), prefixOf(end));
+    });
 }
 
 // What of both lists is chosen by the SPI and the address that are given, if any are.
@@ -116,11 +116,14 @@ void prepareChoice(Arguments& a)
 Operation stateList(Arguments& a)
 {
     prepareChoice(a);
-    return list(kStates, kStateStyle, [&a](const Fields& fields) {
-        const char* const end = a.direction == "in" ? "destination" : "source"; // which is here
-        return isChosen(fields, a) && (a.direction.empty() || isLocal(fieldOf(fields, end)->text)) &&
-               (a.file.empty() || isOf(a.record, fields));
-    });
+    return {[&a](Answer& answer) {
+        const auto local    = a.direction.empty() || a.dry ? std::vector<std::string>() : localPrefixes();
+        const auto isWanted = [&](const Fields& fields) {
+            return isChosen(fields, a) && (a.direction.empty() || isOfDirection(fields, a.direction, local)) &&
+                   (a.file.empty() || isOf(a.record, fields));
+        };
+        return list(kStates, kStateStyle, isWanted).call(answer);
+    }};
 }
 
 Operation policyList(Arguments& a)
@@ -149,24 +152,29 @@ Operation labelList(Arguments&)
 
 void addStatus(Answer& answer, const Record& record, const std::vector<InstalledState>& all, bool tx)
 {
-    const auto is =
-        std::find_if(all.begin(), all.end(), [tx](const InstalledState& each) { return each.tx == tx && each.own; });
+    const InstalledState* is = nullptr; // the one that requests of the record reach, if there is one
+    for (const InstalledState& each : all)
+        if (each.tx == tx && each.own && (is == nullptr || is->marked))
+            is = &each;
     std::string& text = answer.text +=
         bold(tx ? "tx" : "rx") + " spi " + hexadecimal(tx ? record.spi_tx : record.spi_rx);
-    // The output mark is none of the record's.
-    const std::string kept    = is == all.end() ? ", all" : replaced(", " + is->kept, ", output mark", "");
-    const std::string differs = kept.size() > 2 ? kept.substr(2) : "";
-    if (!differs.empty())
-        answer.notAsAsked("what the record says is not what is installed");
-    const bool installed = is != all.end() && !is->larval;
+    const bool installed = is != nullptr && !is->larval;
     Json& finding = answer.findings[tx ? "tx" : "rx"] = {{"installed", installed}};
     if (!installed) {
-        text += is == all.end() ? "  not installed\n" : "  larval, without keys yet\n";
+        answer.notAsAsked(kNotInstalled);
+        text += is == nullptr ? "  not installed\n" : "  larval, without keys yet\n";
         return;
     }
-    const std::string keys = differs.find(" key") != std::string::npos ? "others"
-                             : is->hidden                              ? "hidden, or all zeros"
-                                                                       : "the record's";
+    // The output mark is none of the record's.
+    const std::string kept    = replaced(", " + is->kept, ", output mark", "");
+    const std::string differs = kept.size() > 2 ? kept.substr(2) : "";
+    const std::string keys    = differs.find(" key") != std::string::npos ? "others"
+                                : is->hidden                              ? "hidden, or all zeros"
+                                                                          : "the record's";
+    if (!differs.empty())
+        answer.notAsAsked(kNotInstalled);
+    else if (is->hidden)
+        answer.notAsAsked("whether the keys are the record's cannot be told: the kernel shows zeros");
     finding.update({{"keys", keys}, {"packets", is->packets}, {"first_used", is->firstUsed}, {"differs", differs}});
     if (!is->lastUsed.empty())
         finding["last_used"] = is->lastUsed;
@@ -181,14 +189,10 @@ Operation stateStatus(Arguments& a)
     const auto requests =
         requestsOf([&a] { return Vesk::updateXFRMStates(a.record, TRO_TECHNOLOGY_NAME_MARKED_RX_V01, 0, UINT32_MAX); });
     return {[&a, requests](Answer& answer) {
-        int result     = 0;
-        const auto all = installedStates(a.record, requests, &result);
-        if (result == 0 && errno == EINTR)
-            answer.notAsAsked(kIncomplete);
+        const auto all = installedStates(a.record, requests);
         for (const bool tx : {true, false})
-            if (result == 0)
-                addStatus(answer, a.record, all, tx);
-        return result;
+            addStatus(answer, a.record, all, tx);
+        return 0;
     }};
 }
 
@@ -201,7 +205,9 @@ std::vector<Command> listCommands()
 {
     const std::string unanswered = "the list is in it";
     return {
-        Command("rule list", "All rules", "", {}, ruleList, {.unanswered = unanswered}),
+        Command("rule list", "All rules", "", {}, ruleList,
+                {.notes      = "The device behind a table is the one whose own table that is, 1000 + its index.",
+                 .unanswered = unanswered}),
         Command("label list", "All labels", "", {}, labelList, {.unanswered = unanswered}),
         Command("sa status", "Whether the two SAs of a record are installed", "handset.ini",
                 {{"record", "FILE", "File with the record; - for standard input", &Arguments::file}}, stateStatus,
@@ -215,15 +221,16 @@ std::vector<Command> listCommands()
                  kAddress,
                  {"--direction", "{in,out}", "Those that end here, or begin here", &Arguments::direction}},
                 stateList, {.unanswered = unanswered}),
-        Command("policy list", "Policies", "--direction out",
-                {{"--record", "FILE", "Those between the ends of a record alone", &Arguments::file},
-                 kSPI,
-                 kAddress,
-                 {"--direction", "{in,out,fwd}", "Those of this direction", &Arguments::direction}},
-                policyList,
-                {.notes      = "A policy has the SPIs and ends of its templates, and each address that its\n"
-                               "selector takes in.",
-                 .unanswered = unanswered}),
+        Command(
+            "policy list", "Policies", "--direction out",
+            {{"--record", "FILE", "Those between the ends of a record alone", &Arguments::file},
+             kSPI,
+             kAddress,
+             {"--direction", "{in,out,fwd,socket-in,socket-out}", "Those of this direction", &Arguments::direction}},
+            policyList,
+            {.notes      = "A policy has the SPIs and ends of its templates, and each address that its\n"
+                           "selector takes in. Policies of a record are those with a template for it.",
+             .unanswered = unanswered}),
     };
 }
 

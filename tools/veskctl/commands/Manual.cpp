@@ -11,10 +11,10 @@ const std::string kPurpose = "Changes the kernel's networking state over netlink
 
 constexpr std::pair<Status, const char*> kStatuses[] = {
     {Done, "Done."},
-    {Refused, "Refused by the kernel or the library, or failed. The message says which, and why."},
+    {Refused, "Refused, by the kernel, the library or veskctl itself, or failed. The message says why."},
     {WrongUsage, "Wrong usage, or a record that cannot be meant. Nothing was sent."},
     {NotAsAsked, "Done in part, or not as asked: the message says what happened. What was asked for may also\n"
-                 "not be there."},
+                 "not be there, or nobody could tell."},
     {Lost, "Done, but the answer could not be written whole."},
 };
 
@@ -128,17 +128,20 @@ std::string manual()
         "A record is a file with one \"name = value\" a line; the rest of a line from ; or # on is ignored. It\n"
         "holds keys. So a regular file, standard input included, is refused when its mode lets its group or others\n"
         "read or write it; the mode of other files, such as pipes, is not looked at. Root is told when\n"
-        "the file belongs to another user. While keys are held, the process leaves no core file.\n"
+        "a regular file belongs to another user. While keys are held, the process leaves no core file.\n"
         ".PP\nRefused are keys that are all zeros and, except when SAs are removed, ends that are equal, unspecified\n"
-        "(0.0.0.0, ::), loopback, multicast, reserved or broadcast. Words stand for codes:\n" +
+        "(::, 0.0.0.0 and the rest of 0.0.0.0/8), loopback, multicast, reserved, broadcast, or IPv4 in IPv6's form\n"
+        "(::ffff:192.0.2.1). Words stand for codes:\n" +
         verbatim(record.text) +
         ".SH LISTS AND JSON\n"
-        "Lists name what is not as usual: what is left out is 0, none, any, or without limit. \"unknown\" are\n"
+        "Lists name what is not as usual: what is left out is 0, none, any, without limit, or, of masks, all bits.\n"
+        "Rules and labels are read until two readings agree. \"unknown\" are\n"
         "attributes and bytes that veskctl cannot read, by number and length. On a terminal, lines end where it\n"
         "does; elsewhere each object is one line.\n"
         ".PP\nA field has the same type in all answers of a list: numbers are decimal, in the units of their names;\n"
-        "words stand for numbers, and those without a word are digits in a text. In place of ports, selectors of\n"
-        "ICMP have message_type and message_code, those of GRE gre_key, all numbers. SAs that the kernel has no keys\n"
+        "words stand for numbers, and those without a word are digits in a text. In place of source_port and\n"
+        "destination_port, and in the names that these are a part of, selectors of ICMP and of mobility headers\n"
+        "have message_type and message_code, those of GRE gre_key, all numbers. SAs that the kernel has no keys\n"
         "for yet have the state larval. The device of a rule is the one whose own table it looks up.\n" +
         verbatim(explainedLists()) + ".SH EXIT STATUS\n";
     for (const auto& [status, meaning] : kStatuses)

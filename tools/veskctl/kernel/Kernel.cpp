@@ -4,8 +4,11 @@
 #include <vesk/netlink.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <map>
+#include <utility>
+#include <vector>
 
 #include <linux/fib_rules.h>
 #include <linux/if_addrlabel.h>
@@ -17,9 +20,10 @@ using namespace Vesk::Messages;
 
 const Dump kStates   = {NETLINK_XFRM, XFRM_MSG_GETSA, XFRM_MSG_NEWSA};
 const Dump kPolicies = {NETLINK_XFRM, XFRM_MSG_GETPOLICY, XFRM_MSG_NEWPOLICY};
-const Dump kRules    = {NETLINK_ROUTE, RTM_GETRULE, RTM_NEWRULE, AF_UNSPEC, sizeof(fib_rule_hdr)};
-const Dump kLabels   = {NETLINK_ROUTE, RTM_GETADDRLABEL, RTM_NEWADDRLABEL, AF_INET6, sizeof(ifaddrlblmsg)};
+const Dump kRules    = {NETLINK_ROUTE, RTM_GETRULE, RTM_NEWRULE, AF_UNSPEC, sizeof(fib_rule_hdr), true};
+const Dump kLabels   = {NETLINK_ROUTE, RTM_GETADDRLABEL, RTM_NEWADDRLABEL, AF_INET6, sizeof(ifaddrlblmsg), true};
 const Dump kRoutes   = {NETLINK_ROUTE, RTM_GETROUTE, RTM_NEWROUTE, AF_INET, sizeof(rtmsg)};
+const Dump kRoutes6  = {NETLINK_ROUTE, RTM_GETROUTE, RTM_NEWROUTE, AF_INET6, sizeof(rtmsg)};
 const Dump kQdiscs   = {NETLINK_ROUTE, RTM_GETQDISC, RTM_NEWQDISC, AF_UNSPEC, sizeof(tcmsg)};
 
 namespace {
@@ -92,9 +96,14 @@ Fields mayShow(const Dump& what)
 int readAll(const Dump& what, const std::function<void()>& begin,
             const std::function<void(const Fields& fields, Bytes message)>& each)
 {
+    std::vector<unsigned char> now, before;
     const auto show = [&](const nlmsghdr* message) {
-        if (message->nlmsg_type == what.reply)
-            each(decoded(what, message), {reinterpret_cast<const unsigned char*>(message), message->nlmsg_len});
+        const Bytes bytes(reinterpret_cast<const unsigned char*>(message), message->nlmsg_len);
+        if (message->nlmsg_type != what.reply)
+            return;
+        each(decoded(what, message), bytes);
+        if (what.twice)
+            now.insert(now.end(), bytes.begin() + NLMSG_HDRLEN, bytes.end());
     };
     std::array<unsigned char, sizeof(tcmsg)> about = {what.family};
     int result                                     = 0;
@@ -105,37 +114,14 @@ int readAll(const Dump& what, const std::function<void()>& begin,
             msg.addMsgPayload(what.payload, about.data());
         begin();
         const auto* context = &show;
+        before              = std::exchange(now, {});
+        errno               = 0;
         result              = msg.messageDump(
             [](nlmsghdr* message, void* with) { (**static_cast<decltype(context)*>(with))(message); }, &context);
+        if (result == 0 && now != before)
+            errno = EINTR;
         if (result != 0 || errno != EINTR)
             break;
     }
     return result;
-}
-
-std::string Label::text() const
-{
-    return addressText(address.data(), address.size()) + '/' + std::to_string(length);
-}
-
-int readLabels(std::vector<Label>& labels)
-{
-    return readAll(
-        kLabels, [&labels] { labels.clear(); },
-        [&labels](const Fields& fields, Bytes message) {
-            const Field* const prefix = fieldOf(fields, "prefix");
-            const Field* const label  = fieldOf(fields, "label");
-            const Field* device       = fieldOf(fields, "device");
-            if (device == nullptr)
-                device = fieldOf(fields, "device_index");
-            Label entry = {};
-            if (prefix == nullptr || prefix->valueSize != entry.address.size() || label == nullptr || device == nullptr)
-                return;
-            std::copy_n(message.begin() + static_cast<std::ptrdiff_t>(prefix->valueAt), entry.address.size(),
-                        entry.address.begin());
-            entry.length = static_cast<unsigned int>(prefix->prefix);
-            entry.device = static_cast<unsigned int>(device->number());
-            entry.label  = static_cast<unsigned int>(label->number());
-            labels.push_back(entry);
-        });
 }

@@ -4,12 +4,9 @@
 
 #include <Decode.h>
 
-#include <array>
 #include <cstdint>
 #include <functional>
 #include <span>
-#include <string>
-#include <vector>
 
 #include <linux/netlink.h>
 #include <sys/socket.h>
@@ -24,8 +21,9 @@ struct Dump {
     unsigned short request, reply;
     unsigned char family = AF_UNSPEC; // that the request names
     int payload          = 0;         // of the request, in bytes
+    bool twice           = false;     // kernels do not tell of every interruption, so that two readings have to agree
 };
-extern const Dump kStates, kPolicies, kRules, kLabels, kRoutes, kQdiscs;
+extern const Dump kStates, kPolicies, kRules, kLabels, kRoutes, kRoutes6, kQdiscs;
 
 // Hands on all that the kernel has, decoded. Devices have their names, where they are there; what the kernel shows in
 // no field of its own is added. A change on the way interrupts the kernel, and something may be missing: then it is
@@ -39,14 +37,5 @@ Fields mayShow(const Dump& what);
 
 // One message of it.
 Fields decoded(const Dump& what, const nlmsghdr* message);
-
-struct Label {
-    std::array<unsigned char, 16> address;
-    unsigned int length, device, label;
-
-    bool operator==(const Label& other) const = default;
-    [[nodiscard]] std::string text() const; // "2001:db8::/32"
-};
-int readLabels(std::vector<Label>& labels);
 
 #endif

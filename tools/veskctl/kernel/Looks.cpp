@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <system_error>
 
 #include <arpa/inet.h>
 #include <linux/capability.h>
@@ -24,10 +25,12 @@ namespace {
 
 // `found` is what `each` finds, in one reading.
 template <typename Found>
-int look(const Dump& what, Found& found, const std::function<void(const Fields&, Bytes)>& each)
+void look(const Dump& what, Found& found, const std::function<void(const Fields&, Bytes)>& each)
 {
-    return readAll(
+    const int result = readAll(
         what, [&found] { found = {}; }, each);
+    if (result != 0 || errno == EINTR)
+        throw std::system_error(errno, std::generic_category());
 }
 
 std::string word(const Fields& fields, const char* name)
@@ -81,6 +84,8 @@ std::string keptBy(const Fields& state, Bytes message, const Requests& wanted, b
             if (!hidden && valueIn(asked, request, attribute, true) != valueIn(state, message, attribute, true))
                 kept.push_back(std::string(name) + " key");
         }
+        if (number(state, "mark") != 0)
+            kept.emplace_back("mark");
         return joined(kept);
     }
     return "";
@@ -88,13 +93,15 @@ std::string keptBy(const Fields& state, Bytes message, const Requests& wanted, b
 
 } // namespace
 
-std::vector<InstalledState> installedStates(const Record& r, const Requests& wanted, int* result)
+std::vector<InstalledState> installedStates(const Record& r, const Requests& wanted)
 {
     std::vector<InstalledState> found;
     const auto add = [&](const Fields& fields, Bytes message) {
-        const auto keys   = {valueIn(fields, message, "XFRMA_ALG_CRYPT", true),
-                             valueIn(fields, message, "XFRMA_ALG_AUTH_TRUNC", true)};
-        const bool hidden = std::all_of(keys.begin(), keys.end(), isZero);
+        std::vector<unsigned char> keys;
+        for (const Field& each : fields)
+            if (const Bytes key = message.subspan(each.valueAt, each.valueSize); each.kind == Kind::Key)
+                keys.insert(keys.end(), key.begin(), key.end());
+        const bool hidden = !keys.empty() && isZero(keys);
         for (const bool tx : {true, false})
             if (const Ends ends(r, tx); word(fields, "protocol") == protocolOf(r) &&
                                         number(fields, "spi") == (tx ? r.spi_tx : r.spi_rx) &&
@@ -105,9 +112,7 @@ std::vector<InstalledState> installedStates(const Record& r, const Requests& wan
                                  hidden, word(fields, "state") == "larval",
                                  fieldOf(fields, "encapsulation") != nullptr});
     };
-    const int read = look(kStates, found, add);
-    if (result != nullptr)
-        *result = read;
+    look(kStates, found, add);
     return found;
 }
 
@@ -121,27 +126,23 @@ Requests requestsOf(const std::function<int()>& operation)
     return all;
 }
 
-int statesBetween(const Record& r, bool tx)
+SPIs statesBetween(const Record& r, bool tx)
 {
-    int count = 0;
+    SPIs found;
     const Ends ends(r, tx);
-    look(kStates, count, [&](const Fields& fields, Bytes) {
-        const bool between = word(fields, "source") == ends.source && word(fields, "destination") == ends.destination;
-        const bool other =
-            (tx ? r.spi_tx_valid : r.spi_rx_valid) != 0 && number(fields, "spi") != (tx ? r.spi_tx : r.spi_rx);
+    look(kStates, found, [&](const Fields& fields, Bytes) {
         const bool tunnel = word(fields, "mode") == "tunnel";
-        count += between && !other && word(fields, "protocol") == protocolOf(r) &&
-                         tunnel == (r.encap_mode == TRO_IPSEC_ENCAP_MODE_TUNNEL_V01)
-                     ? 1
-                     : 0;
+        if (word(fields, "source") == ends.source && word(fields, "destination") == ends.destination &&
+            word(fields, "protocol") == protocolOf(r) && tunnel == (r.encap_mode == TRO_IPSEC_ENCAP_MODE_TUNNEL_V01))
+            found.insert(static_cast<std::uint32_t>(number(fields, "spi")));
     });
-    return count;
+    return found;
 }
 
-std::vector<std::string> otherwiseOf(const xfrm_selector& sel, unsigned char direction)
+std::vector<InstalledPolicy> installedPolicies(const xfrm_selector& sel, unsigned char direction)
 {
     const auto* const bytes = reinterpret_cast<const unsigned char*>(&sel);
-    std::vector<std::string> found;
+    std::vector<InstalledPolicy> found;
     look(kPolicies, found, [&](const Fields& fields, Bytes message) {
         if (number(fields, "direction") != direction ||
             !std::equal(bytes, bytes + sizeof sel, message.begin() + NLMSG_HDRLEN)) // it is the first in the message
@@ -155,7 +156,7 @@ std::vector<std::string> otherwiseOf(const xfrm_selector& sel, unsigned char dir
             words.push_back("context " + context);
         if (number(fields, "policy_type") != XFRM_POLICY_TYPE_MAIN)
             words.emplace_back("ptype sub");
-        found.push_back(joined(words));
+        found.push_back({joined(words), word(fields, "action")});
     });
     return found;
 }
@@ -182,11 +183,11 @@ std::vector<std::string> routesTo(const std::string& destination, unsigned int t
         const std::string gateway = word(fields, "gateway");
         const std::string object  = word(fields, "RTA_NH_ID");
         const std::string direct  = fieldOf(fields, "RTA_MULTIPATH") != nullptr ? "via several gateways" : "on link";
-        routes.push_back((gateway.empty() ? direct : "via " + gateway) +
-                         (object.empty() ? "" : " by nexthop object " + object) + " metric " +
-                         std::to_string(number(fields, "metric")) + " advmss " +
-                         std::to_string(number(fields, "RTAX_ADVMSS")) + " origin " + word(fields, "origin") +
-                         " scope " + word(fields, "scope") + " type " + word(fields, "type"));
+        routes.push_back(
+            (gateway.empty() ? direct : "via " + gateway) + (object.empty() ? "" : " by nexthop object " + object) +
+            " metric " + std::to_string(number(fields, "metric")) + " advmss " +
+            std::to_string(number(fields, "RTAX_ADVMSS")) + " origin " + word(fields, "origin") + " scope " +
+            word(fields, "scope") + " type " + word(fields, "type") + " tos " + word(fields, "tos"));
     });
     return routes;
 }
@@ -206,15 +207,19 @@ std::optional<NextHop> nextHop(const std::string& destination, unsigned char fam
     msg.addNLAttribute(RTA_DST, size, address.data());
     msg.addNLAttribute(RTA_MARK, mark);
     std::optional<NextHop> found;
-    static_cast<void>(msg.messageQuery(
+    const int result = msg.messageQuery(
         [](nlmsghdr* message, void* context) {
             if (message->nlmsg_type != RTM_NEWROUTE)
                 return Vesk::NetlinkQueryContinue;
             const Fields fields                            = decoded(kRoutes, message);
-            *static_cast<std::optional<NextHop>*>(context) = {word(fields, "gateway"), word(fields, "RTA_OIF")};
+            *static_cast<std::optional<NextHop>*>(context) = {word(fields, "gateway"), word(fields, "RTA_OIF"),
+                                                              word(fields, "type")};
             return Vesk::NetlinkQueryDone;
         },
-        &found, false));
+        &found, false);
+    if (constexpr int kNoWay[] = {ENETUNREACH, EHOSTUNREACH, EACCES, EINVAL};
+        result != 0 && std::find(std::begin(kNoWay), std::end(kNoWay), errno) == std::end(kNoWay))
+        throw std::system_error(errno, std::generic_category());
     return found;
 }
 
@@ -228,6 +233,48 @@ std::string qdiscAt(unsigned int device, unsigned int parent)
             found = word(fields, "TCA_KIND") + ' ' + word(fields, "handle");
     });
     return found;
+}
+
+std::vector<std::string> localPrefixes()
+{
+    std::vector<std::string> all;
+    for (const Dump& routes : {kRoutes, kRoutes6}) {
+        std::vector<std::string> found;
+        look(routes, found, [&found](const Fields& fields, Bytes) {
+            if (number(fields, "table") == RT_TABLE_LOCAL && word(fields, "type") == "local" &&
+                fieldOf(fields, "destination") != nullptr)
+                found.push_back(word(fields, "destination"));
+        });
+        all.insert(all.end(), found.begin(), found.end());
+    }
+    return all;
+}
+
+std::string Label::text() const
+{
+    return addressText(address.data(), address.size()) + '/' + std::to_string(length);
+}
+
+std::vector<Label> installedLabels()
+{
+    std::vector<Label> labels;
+    look(kLabels, labels, [&labels](const Fields& fields, Bytes message) {
+        const Field* const prefix = fieldOf(fields, "prefix");
+        const Field* const label  = fieldOf(fields, "label");
+        const Field* device       = fieldOf(fields, "device");
+        if (device == nullptr)
+            device = fieldOf(fields, "device_index");
+        Label entry = {};
+        if (prefix == nullptr || prefix->valueSize != entry.address.size() || label == nullptr || device == nullptr)
+            return;
+        std::copy_n(message.begin() + static_cast<std::ptrdiff_t>(prefix->valueAt), entry.address.size(),
+                    entry.address.begin());
+        entry.length = static_cast<unsigned int>(prefix->prefix);
+        entry.device = static_cast<unsigned int>(device->number());
+        entry.label  = static_cast<unsigned int>(label->number());
+        labels.push_back(entry);
+    });
+    return labels;
 }
 
 bool mayChangeNetworks()

@@ -4,14 +4,16 @@
 
 #include "Record.h"
 
+#include <array>
 #include <functional>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
 #include <linux/xfrm.h>
 
-// Where the kernel cannot be read, looks find nothing.
+// Where the kernel cannot be read whole, looks throw a std::system_error: what is not known is neither told nor acted on.
 
 // An SA that has the protocol, the SPI and the destination of one of a record's, which is all that the kernel compares.
 struct InstalledState {
@@ -22,22 +24,26 @@ struct InstalledState {
     std::string kept;   // what it has otherwise than a request for it: "mode, cipher key"
     std::uint64_t packets;
     std::string firstUsed, lastUsed; // "never"; empty where the kernel does not tell
-    bool hidden;                     // keys are all zeros
+    bool hidden;                     // keys are all zeros, so that nobody can tell whether they are the record's
     bool larval;                     // it has none yet
     bool inUDP;
 };
 using Requests = std::vector<std::vector<unsigned char>>;
-std::vector<InstalledState> installedStates(const Record& r, const Requests& wanted = {}, int* result = nullptr);
+std::vector<InstalledState> installedStates(const Record& r, const Requests& wanted = {});
 
 // What an operation would send, for comparing.
 Requests requestsOf(const std::function<int()>& operation);
 
-// How many SAs of a record's protocol and mode, and of its SPI if it has one, go from its local to its remote address,
-// or come back.
-int statesBetween(const Record& r, bool tx);
+// The SPIs of the SAs of a record's protocol and mode that go from its local to its remote address, or come back.
+using SPIs = std::set<std::uint32_t>;
+SPIs statesBetween(const Record& r, bool tx);
 
-// Policies with a selector and direction. The requests of the library reach the one that is otherwise "".
-std::vector<std::string> otherwiseOf(const xfrm_selector& sel, unsigned char direction);
+// A policy with a selector and direction. The requests of the library reach the one that is otherwise "".
+struct InstalledPolicy {
+    std::string otherwise; // "mark 0x5/0xff, if_id 0x7"
+    std::string action;
+};
+std::vector<InstalledPolicy> installedPolicies(const xfrm_selector& sel, unsigned char direction);
 
 // Removes one, as the library would. Returns 0, or an errno.
 int removePolicy(const xfrm_selector& sel, unsigned char direction);
@@ -45,14 +51,27 @@ int removePolicy(const xfrm_selector& sel, unsigned char direction);
 // The IPv4 routes to a host over a device, as "via 192.0.2.254 metric 100 ...", with all that a removal compares.
 std::vector<std::string> routesTo(const std::string& destination, unsigned int table, unsigned int device);
 
-// What the kernel would send packets for a destination to. Without a gateway, the destination itself is on the link.
+// What the kernel would send packets for a destination to; nothing where it would send none. Without a gateway, the
+// destination itself is on the link, or is no unicast address of another host.
 struct NextHop {
-    std::string gateway, device;
+    std::string gateway, device, type;
 };
 std::optional<NextHop> nextHop(const std::string& destination, unsigned char family, unsigned int mark);
 
 // The queueing discipline of a device at a parent, as "fq_codel 1:"; empty for none that was asked for.
 std::string qdiscAt(unsigned int device, unsigned int parent);
+
+// The prefixes that are this host itself.
+std::vector<std::string> localPrefixes();
+
+struct Label {
+    std::array<unsigned char, 16> address;
+    unsigned int length, device, label;
+
+    bool operator==(const Label& other) const = default;
+    [[nodiscard]] std::string text() const; // "2001:db8::/32"
+};
+std::vector<Label> installedLabels();
 
 // Whether this process has CAP_NET_ADMIN; what to say when it has not.
 inline constexpr const char* kNoRights = "this process has no CAP_NET_ADMIN; run it as root";

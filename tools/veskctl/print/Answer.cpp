@@ -8,7 +8,7 @@
 #include <cstdio>
 #include <cstring>
 #include <set>
-#include <sstream>
+#include <system_error>
 
 #include <unistd.h>
 
@@ -32,16 +32,38 @@ std::string kernelsWords(const Answer& answer)
     return "";
 }
 
+// "EEXIST, File exists"
+std::string errorText(int error)
+{
+    return errorName(error) + ", " + std::strerror(error);
+}
+
 // "EEXIST, File exists; the kernel says: Exclusivity flag on, cannot modify"
 std::string reasonOf(const Answer& answer)
 {
     const std::string words = kernelsWords(answer);
-    return errorName(answer.error) + ", " + std::strerror(answer.error) +
-           (words.empty() ? "" : "; the kernel says: " + words);
+    return errorText(answer.error) + (words.empty() ? "" : "; the kernel says: " + words);
+}
+
+// A look at the kernel failed, before the call or after it. Whether it was interrupted is the only reason it has.
+void judgeLook(Answer& answer, int error, bool isBefore)
+{
+    const std::string what =
+        "could not be looked at" + std::string(error == EINTR ? " whole, since it changed each time" : "");
+    if (isBefore) {
+        answer.result = -1;
+        answer.status = Refused;
+        answer.error  = error;
+        answer.warnings.push_back("nothing was done, since the kernel " + what);
+    } else if (answer.result == 0) {
+        answer.notAsAsked("the call succeeded, but what came of it " + what + " (" + errorText(error) + ')');
+    } else if (answer.note.empty()) {
+        answer.note = "what is there " + what + " (" + errorText(error) + ')';
+    }
 }
 
 // That the kernel refused is certain where it says so; that the library did, where it is no reason of the system's.
-const char* verdictOn(const Answer& answer)
+std::string verdictOn(const Answer& answer)
 {
     const bool byKernel  = std::any_of(std::begin(kKernelRefuses), std::end(kKernelRefuses),
                                        [&](const char* format) { return answer.heard(format); });
@@ -57,16 +79,16 @@ std::string valueText(const std::string& name, const Json& value)
     return value.is_string() ? visible(value.get<std::string>()) : value.dump();
 }
 
-// Text that is no UTF-8, a device's name perhaps, is shown as far as it goes.
+// Beyond ASCII there may be what a terminal obeys. Text that is no UTF-8, a device's name perhaps, is shown as far as it
+// goes.
 std::string jsonText(const Json& json)
 {
-    return json.dump(-1, ' ', false, Json::error_handler_t::replace) + '\n';
+    return json.dump(-1, ' ', true, Json::error_handler_t::replace) + '\n';
 }
 
-void complain(const std::string& text)
+void complain(const std::string& line)
 {
-    std::istringstream lines(text);
-    for (std::string line; std::getline(lines, line);)
+    if (!line.empty())
         std::fprintf(stderr, "veskctl: %s\n", visible(line).c_str());
 }
 
@@ -99,11 +121,13 @@ Answer perform(const Operation& operation)
 {
     Answer answer;
     LogCapture heard;
+    bool isBefore       = true;
     const auto makeCall = [&] {
         const std::size_t before = heard.lines.size();
         errno                    = 0;
         answer.result            = operation.call(answer);
         answer.error             = answer.result != 0 ? errno : 0;
+        isBefore                 = false;
         answer.log.assign(heard.lines.begin() + static_cast<std::ptrdiff_t>(before), heard.lines.end());
         if (answer.result != 0) {
             answer.status   = Refused;
@@ -111,10 +135,14 @@ Answer perform(const Operation& operation)
             answer.text.clear();
         }
     };
-    if (operation.around)
-        operation.around(answer, makeCall);
-    else
-        makeCall();
+    try {
+        if (operation.around)
+            operation.around(answer, makeCall);
+        else
+            makeCall();
+    } catch (const std::system_error& failed) {
+        judgeLook(answer, failed.code().value(), isBefore);
+    }
     return answer;
 }
 
@@ -128,7 +156,7 @@ int put(const std::string& text, int status)
             complain(std::string("the answer could not be written: ") + std::strerror(errno));
             if (status == Done)
                 return Lost;
-            complain(text);
+            std::fprintf(stderr, "%s", text.c_str());
             return status;
         }
     }
@@ -167,6 +195,7 @@ int print(const Refusal& refusal, bool json)
 {
     if (json)
         return put(jsonText({{"status", refusal.status}, {"message", refusal.what()}}), refusal.status);
-    complain(refusal.what());
+    for (const std::string& line : refusal.lines)
+        complain(line);
     return refusal.status;
 }

@@ -2,6 +2,7 @@
 #ifndef VESKCTL_ANSWER_H
 #define VESKCTL_ANSWER_H
 
+#include <Decode.h>
 #include <ScriptedKernel.h>
 #include <nlohmann/json.hpp>
 
@@ -23,7 +24,11 @@ enum Status {
 
 // What cannot be meant, and what to write instead; thrown before anything is sent. Of a record it may be several lines.
 struct Refusal : std::runtime_error {
-    explicit Refusal(const std::string& what, Status with = WrongUsage) : std::runtime_error(what), status(with) {}
+    explicit Refusal(const std::string& line, Status with = WrongUsage) : Refusal(std::vector{line}, with) {}
+    explicit Refusal(const std::vector<std::string>& all, Status with = WrongUsage)
+        : std::runtime_error(Vesk::Messages::joined(all, "\n")), lines(all), status(with)
+    {}
+    std::vector<std::string> lines;
     Status status;
 };
 
@@ -65,7 +70,8 @@ struct Answer {
 struct Operation {
     std::function<int(Answer&)> call; // the library's function; findings count when it returns 0
 
-    // Makes the call, looks at the kernel before and after, and judges what came of it. Just the call, when empty.
+    // Makes the call, looks at the kernel before and after, and judges what came of it. Just the call, when empty. Where
+    // a look fails, it throws a std::system_error.
     std::function<void(Answer&, const std::function<void()>& makeCall)> around = {};
 };
 

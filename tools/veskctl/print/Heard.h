@@ -14,8 +14,11 @@ inline constexpr const char* kKernelRefuses[] = {
 };
 
 // Steps that failed while the operation went on.
+inline constexpr const char* kTxNotUpdated   = "%s(): updating TX XFRM state failed\n";
 inline constexpr const char* kRxNotUpdated   = "%s(): updating RX XFRM state failed\n";
+inline constexpr const char* kCountersUnread = "%s(): failed to query XFRM";
 inline constexpr const char* kTxCountersStay = "%s(): updating sequence TX failed\n";
+inline constexpr const char* kRxCountersStay = "%s(): updating sequence RX failed\n";
 inline constexpr const char* kNotMovedBack[] = {"%s(): rolling back TX XFRM migration failed\n",
                                                 "%s(): rolling back RX XFRM migration failed\n"};
 

@@ -51,6 +51,8 @@ std::string typeOf(Kind kind)
         return "address or prefix";
     case Kind::Bytes:
         return "hexadecimal digits";
+    case Kind::Bitmap:
+        return "hexadecimal digits, the highest first";
     default:
         return "number";
     }
@@ -84,7 +86,7 @@ struct Entry {
             const Field* const field = fieldOf(fields, name);
             json[name]               = field != nullptr ? jsonOf(*field) : Json();
             const std::size_t at     = headline.find('{' + name + '}');
-            headline.replace(at, name.size() + 2, field != nullptr ? field->inWords() : "?");
+            headline.replace(at, name.size() + 2, field != nullptr ? visible(field->inWords()) : "?");
         }
         const auto isNamed = [](const auto& names, const Field& field) {
             return std::any_of(names.begin(), names.end(), [&field](const std::string& name) {
@@ -116,8 +118,10 @@ struct Entry {
 
     void add(const Field& field)
     {
-        json[field.listed] = jsonOf(field);
-        words.emplace_back(field.listed, field.inWords());
+        const std::string text = visible(field.inWords());
+        const bool isApart     = field.kind == Kind::Text && text.find(' ') != std::string::npos;
+        json[field.listed]     = jsonOf(field);
+        words.emplace_back(field.listed, isApart ? forShell(text) : text);
     }
     void addUnknown(const Field& field)
     {
@@ -141,12 +145,12 @@ void Listing::add(const Fields& fields)
     answer.findings[style.name].push_back(entry.json);
     static const std::size_t width = columns();
     std::size_t column             = entry.headline.size();
-    answer.text += bold(visible(entry.headline));
+    answer.text += bold(entry.headline);
     for (const auto& [name, value] : entry.words) {
         const std::size_t size = 2 + name.size() + 1 + value.size();
         const bool fits        = column + size <= width;
         column                 = fits ? column + size : 4 + size - 2;
-        answer.text += (fits ? "  " : "\n    ") + faint(name) + ' ' + visible(value);
+        answer.text += (fits ? "  " : "\n    ") + faint(name) + ' ' + value;
     }
     answer.text += '\n';
 }
