@@ -11,6 +11,8 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <optional>
+#include <utility>
 
 #include <linux/xfrm.h>
 
@@ -59,6 +61,12 @@ std::string othersLike(const std::vector<InstalledState>& states, bool tx)
     return other == nullptr ? "" : "an SA from " + other->source + " has the SPI and destination of " + nameOf(tx);
 }
 
+void adviseOnAH(Answer& answer, const Record& record)
+{
+    if (record.ipsec_protocol == TRO_IPSEC_PROTOCOL_AH_V01)
+        answer.advise(EINVAL, "mainline kernels refuse this always: SAs of AH take no cipher there");
+}
+
 bool isInUDP(const Record& record)
 {
     return record.udp_encap_valid != 0 && record.udp_encap != 0;
@@ -81,14 +89,14 @@ Operation addStates(Arguments& a)
             return;
         const auto after         = installedStates(a.record);
         const bool isStream      = a.file == "-" || a.file.starts_with("/dev/");
-        const std::string remove = "veskctl sa remove" + (isStream ? ", with the same record" : ' ' + forShell(a.file));
+        const std::string file   = (a.file.starts_with('-') ? "./" : "") + a.file; // which is no option
+        const std::string remove = "veskctl sa remove" + (isStream ? ", with the same record" : ' ' + forShell(file));
         const std::string rx     = othersLike(after, false);
         if (!before && oneOf(after, true, isOwnAndReached) != nullptr)
-            answer.inPart("TX was installed and stays, RX was refused" +
+            answer.inPart("TX was installed and stays, RX was not" +
                           (rx.empty() ? "" : ": " + rx + ", and is in the way") +
                           "; before another try, remove both: " + remove);
-        if (a.record.ipsec_protocol == TRO_IPSEC_PROTOCOL_AH_V01)
-            answer.advise(EINVAL, "mainline kernels refuse this always: SAs of AH take no cipher there");
+        adviseOnAH(answer, a.record);
         if (before)
             answer.advise(EEXIST,
                           "an SA with the SPI and ends of TX is there; if veskctl sa status takes it for the record's, "
@@ -102,6 +110,7 @@ Operation addStates(Arguments& a)
 
 void adviseOnUpdate(Answer& answer, const Record& record, const std::vector<InstalledState>& after)
 {
+    adviseOnAH(answer, record);
     if (const auto* const tx = oneOf(after, true, isOwnAndReached); tx != nullptr && tx->inUDP != isInUDP(record))
         answer.advise(EINVAL, std::string("TX is installed ") + (tx->inUDP ? "with" : "without") +
                                   " UDP encapsulation" + kRenew);
@@ -117,6 +126,34 @@ std::string whyNotReached(const std::vector<InstalledState>& after)
     return oneOf(after, false, isOwn) != nullptr ? ": it has" + kMark : ": it is not installed";
 }
 
+// What the log tells of an update that went on.
+constexpr std::pair<const char*, const char*> kMissed[] = {
+    {kCountersUnread, "the counters were sent as 0, since the SAs could not be read"},
+    {kTxCountersStay, "the request with the counters of TX failed"},
+    {kRxCountersStay, "the request with the counters of RX failed"},
+};
+
+void judgeUpdate(Answer& answer, const Record& record, const std::vector<InstalledState>& after)
+{
+    if (answer.heard(kTxNotUpdated))
+        return adviseOnUpdate(answer, record, after);
+    std::vector<std::string> kept, missed;
+    for (const InstalledState& each : after)
+        if (!each.marked && !each.kept.empty())
+            kept.push_back(std::string(nameOf(each.tx)) + " kept its " + each.kept);
+        else if (!each.marked && each.hidden)
+            kept.push_back(std::string(nameOf(each.tx)) + " may have kept its keys, which the kernel shows as zeros");
+    if (answer.heard(kRxNotUpdated))
+        missed.push_back("RX was not" + whyNotReached(after));
+    for (const auto& [format, what] : kMissed)
+        if (answer.heard(format))
+            missed.emplace_back(what);
+    if (!missed.empty())
+        answer.inPart("TX was updated" + (kept.empty() ? "" : " but " + joined(kept)) + ", " + joined(missed));
+    else if (!kept.empty())
+        answer.notAsAsked(joined(kept, "; ") + kRenew);
+}
+
 Operation updateStates(Arguments& a)
 {
     const auto call     = changeStates(a, Vesk::updateXFRMStates);
@@ -126,21 +163,14 @@ Operation updateStates(Arguments& a)
     };
     const auto wanted = a.dry ? Requests() : requestsOf(compared); // a dry run has no use for copies of keys
     const auto around = [&a, wanted](Answer& answer, const auto& makeCall) {
+        const auto before = installedStates(a.record);
+        for (const bool tx : {true, false})
+            if (const std::string other = othersLike(before, tx); !other.empty())
+                throw Refusal("nothing was updated: " + other + "; the kernel would change that one, which keeps its " +
+                                  "source; to move SAs to another address: veskctl migrate",
+                              NotAsAsked);
         makeCall();
-        const auto after = installedStates(a.record, wanted);
-        if (answer.result != 0)
-            return adviseOnUpdate(answer, a.record, after);
-        std::vector<std::string> kept;
-        for (const InstalledState& each : after)
-            if (!each.marked && !each.kept.empty())
-                kept.push_back(std::string(nameOf(each.tx)) + " kept its " + each.kept);
-        if (answer.heard(kRxNotUpdated))
-            answer.inPart("TX was updated" + (kept.empty() ? "" : " but " + joined(kept)) + ", RX was not" +
-                          whyNotReached(after));
-        else if (!kept.empty())
-            answer.notAsAsked(joined(kept, "; ") + kRenew);
-        else if (answer.heard(kTxCountersStay))
-            answer.inPart("both were updated, but the counters of TX were refused");
+        judgeUpdate(answer, a.record, installedStates(a.record, wanted));
     };
     return {.call = call, .around = around};
 }
@@ -157,6 +187,35 @@ void refuseOthers(const std::vector<InstalledState>& states)
     }
 }
 
+void judgeRemoval(Answer& answer, const std::vector<InstalledState>& before, const std::vector<InstalledState>& after)
+{
+    int removed = 0;
+    bool left   = false;
+    std::vector<std::string> marked;
+    for (const bool tx : {true, false}) {
+        const bool is        = oneOf(after, tx, isOwnAndReached) != nullptr;
+        const bool was       = oneOf(before, tx, isOwnAndReached) != nullptr;
+        const bool hasMarked = !is && oneOf(after, tx, isOwn) != nullptr;
+
+        answer.findings[tx ? "tx" : "rx"] = is ? "still there" : was ? "removed" : hasMarked ? "left" : "not installed";
+        removed += was && !is ? 1 : 0;
+        left |= is;
+        if (hasMarked)
+            marked.emplace_back(nameOf(tx));
+    }
+    if (left)
+        answer.notAsAsked("an SA of the record is left; veskctl sa list shows it");
+    else if (!marked.empty())
+        answer.notAsAsked("an SA with the SPI and ends of " + joined(marked, " and one with those of ") +
+                          " is left: it has" + kMark);
+    else if (removed == 0)
+        answer.notAsAsked("nothing was removed: no SA has the record's protocol, SPIs and addresses; veskctl sa list "
+                          "shows what is there");
+    else if (removed == 1)
+        answer.notAsAsked("only one of the two was installed; if the other should have been, compare its SPI and "
+                          "addresses with veskctl sa list");
+}
+
 Operation removeStates(Arguments& a)
 {
     a.record.read(a.file, ForRemoval, a.warnings);
@@ -164,48 +223,35 @@ Operation removeStates(Arguments& a)
         const auto before = installedStates(a.record);
         refuseOthers(before);
         makeCall();
-        if (answer.result != 0)
-            return;
-        const auto after = installedStates(a.record);
-        int removed      = 0;
-        bool left        = false;
-        for (const bool tx : {true, false}) {
-            const bool is                     = oneOf(after, tx, isOwnAndReached) != nullptr;
-            const bool was                    = oneOf(before, tx, isOwnAndReached) != nullptr;
-            answer.findings[tx ? "tx" : "rx"] = is ? "still there" : was ? "removed" : "not installed";
-            removed += was && !is ? 1 : 0;
-            left |= is;
-            if (!is && oneOf(after, tx, isOwn) != nullptr)
-                a.warnings.push_back(std::string("an SA with the SPI and ends of ") + nameOf(tx) + " is left: it has" +
-                                     kMark);
-        }
-        if (left)
-            answer.notAsAsked("an SA of the record is left; veskctl sa list shows it");
-        else if (removed == 0)
-            answer.notAsAsked("nothing was removed: no SA has the record's protocol, SPIs and addresses; "
-                              "veskctl sa list shows what is there");
-        else if (removed == 1)
-            answer.notAsAsked("only one of the two was installed; if the other should have been, compare its SPI and "
-                              "addresses with veskctl sa list");
+        if (answer.result == 0)
+            judgeRemoval(answer, before, installedStates(a.record));
     };
     return {.call = [&a](Answer&) { return Vesk::removeXFRMStates(a.record); }, .around = around};
 }
 
 // Policies
 
+// The one that the library reaches, or else another one with that selector and direction; nothing where there is none.
+std::optional<InstalledPolicy> policyOf(const Arguments& a, unsigned char direction)
+{
+    const auto all   = installedPolicies(selectorOf(a.source, a.destination, a.protocol), direction);
+    const auto found = std::find_if(all.begin(), all.end(), [](const auto& each) { return each.otherwise.empty(); });
+    return found != all.end() ? std::optional(*found) : all.empty() ? std::nullopt : std::optional(all[0]);
+}
+
 // Why there is no such policy for the library.
 std::string noPolicy(const Arguments& a, unsigned char direction)
 {
-    const auto otherwise = otherwiseOf(selectorOf(a.source, a.destination, a.protocol), direction);
-    return otherwise.empty() ? "no policy has this selector, protocol and direction" + kSeePolicies
-                             : "the policy with this selector has " + otherwise[0] +
-                                   ", which this command cannot name; ip xfrm policy delete can";
+    const auto found = policyOf(a, direction);
+    return !found ? "no policy has this selector, protocol and direction" + kSeePolicies
+                  : "the policy with this selector has " + found->otherwise +
+                        ", which this command cannot name; ip xfrm policy delete can";
 }
 
 bool isThere(const Arguments& a, unsigned char direction)
 {
-    const auto found = otherwiseOf(selectorOf(a.source, a.destination, a.protocol), direction);
-    return std::count(found.begin(), found.end(), "") != 0;
+    const auto found = policyOf(a, direction);
+    return found && found->otherwise.empty();
 }
 
 Operation addPolicies(Arguments& a)
@@ -222,7 +268,7 @@ Operation addPolicies(Arguments& a)
                                    (a.protocol != 0 ? "--protocol " + std::to_string(a.protocol) + ' ' : "") +
                                    forShell(a.source) + ' ' + forShell(a.destination);
         if (answer.result != 0 && a.inbound && !before && isThere(a, XFRM_POLICY_IN))
-            answer.inPart("the in policy was installed and stays, the fwd policy was refused" + kSeePolicies);
+            answer.inPart("the in policy was installed and stays, the fwd policy was not" + kSeePolicies);
         answer.advise(EEXIST, "there is a policy with this selector" + kSeePolicies +
                                   "; to replace it, remove it first: " + remove);
     };
@@ -246,7 +292,7 @@ Operation removePolicies(Arguments& a)
         } else if (a.inbound && !in && fwd && answer.error == ENOENT) { // which the library does not come to
             answer.error = removePolicy(selectorOf(a.source, a.destination, a.protocol), XFRM_POLICY_FWD);
             if (answer.error == 0)
-                answer.notAsAsked("the fwd policy was removed; there was no in policy");
+                answer.notAsAsked("the fwd policy was removed; of in, " + noPolicy(a, XFRM_POLICY_IN));
         }
         answer.advise(ENOENT, noPolicy(a, a.inbound ? XFRM_POLICY_IN : XFRM_POLICY_OUT));
     };
@@ -262,39 +308,45 @@ Operation bypass(Arguments& a, decltype(Vesk::addXFRMPolicyEx)* operation)
                                                            : XFRM_POLICY_FWD;
     const auto around             = [direction, &a](Answer& answer, const auto& makeCall) {
         makeCall();
-        answer.advise(EEXIST, "there is such a policy; remove it first: veskctl policy bypass remove " + a.direction);
+        if (const auto found = policyOf(a, direction))
+            answer.advise(EEXIST, "a policy with this selector is there, with action " + found->action +
+                                                  "; if it is not needed, remove it first: veskctl policy bypass remove " +
+                                                  a.direction);
         answer.advise(ENOENT, noPolicy(a, direction));
     };
     return {.call = [direction, operation](Answer&) { return operation(direction); }, .around = around};
 }
 
-// What became of the SAs, when the kernel said that it moved what there was.
-void judgeMigration(Answer& answer, const Arguments& a, const std::array<int, 2>& before)
+// What became of the SAs of one direction. The kernel, which does not compare SPIs, may have moved others of the same ends.
+void judgeMoved(std::vector<std::string>& said, Answer& answer, const Record& record, bool tx, const SPIs& before)
 {
-    std::vector<std::string> none;
-    bool left = false;
-    for (const bool tx : {true, false}) {
-        const bool stays                  = statesBetween(a.record, tx) != 0;
-        answer.findings[tx ? "tx" : "rx"] = stays ? "still there" : before[tx ? 1 : 0] != 0 ? "moved" : "not installed";
-        left                              = left || stays;
-        if (before[tx ? 1 : 0] == 0)
-            none.emplace_back(nameOf(tx));
-    }
-    std::vector<std::string> kept;
+    const SPIs after  = statesBetween(record, tx);
+    const bool known  = (tx ? record.spi_tx_valid : record.spi_rx_valid) != 0;
+    const SPIs own    = known ? SPIs{tx ? record.spi_tx : record.spi_rx} : before;
+    const auto hasOwn = [&own](const SPIs& all) {
+        return std::any_of(all.begin(), all.end(), [&own](std::uint32_t spi) { return own.contains(spi); });
+    };
+    answer.findings[tx ? "tx" : "rx"] = hasOwn(after) ? "still there" : hasOwn(before) ? "moved" : "not installed";
+    if (hasOwn(after))
+        said.push_back(std::string(nameOf(tx)) + " is still between the old addresses");
+    else if (!hasOwn(before))
+        said.push_back("of " + std::string(nameOf(tx)) + ", there was no SA between the old addresses to move");
+    for (const std::uint32_t spi : before)
+        if (!after.contains(spi) && !own.contains(spi))
+            said.push_back("the SA with SPI " + hexadecimal(spi) + ", which is not the record's, was moved");
+}
+
+void judgeMigration(Answer& answer, const Arguments& a, const std::array<SPIs, 2>& before)
+{
+    std::vector<std::string> said;
+    for (const bool tx : {true, false})
+        judgeMoved(said, answer, a.record, tx, before[tx ? 1 : 0]);
     for (const InstalledState& each : installedStates(a.otherRecord))
         if (each.own && !each.marked && each.inUDP != isInUDP(a.otherRecord))
-            kept.push_back(std::string(nameOf(each.tx)) + (each.inUDP ? " kept its" : " has no") +
-                           " UDP encapsulation");
-    if (left)
-        answer.notAsAsked(
-            "an SA is still between the old addresses; the kernel may have moved another one in its place; "
-            "veskctl sa list shows both");
-    else if (!none.empty())
-        answer.notAsAsked(
-            "the policies were moved; there was no SA of the record between the old addresses to move for " +
-            joined(none, " and "));
-    else if (!kept.empty())
-        answer.notAsAsked(joined(kept, "; ") + kRenew);
+            said.push_back(std::string(nameOf(each.tx)) + (each.inUDP ? " kept its" : " has no") +
+                           " UDP encapsulation" + kRenew);
+    if (!said.empty())
+        answer.notAsAsked("the policies were moved, but " + joined(said, "; "));
 }
 
 Operation migrate(Arguments& a)
@@ -313,7 +365,7 @@ Operation migrate(Arguments& a)
         return Vesk::migrateXFRMInfo(a.record, a.otherRecord, a.source, a.destination, a.protocol);
     };
     const auto around = [&a](Answer& answer, const auto& makeCall) {
-        const std::array<int, 2> before = {statesBetween(a.record, false), statesBetween(a.record, true)};
+        const std::array before = {statesBetween(a.record, false), statesBetween(a.record, true)};
         makeCall();
         if (answer.result == 0)
             judgeMigration(answer, a, before);
@@ -321,7 +373,7 @@ Operation migrate(Arguments& a)
             answer.inPart("some of it was moved and could not be moved back" + kSeePolicies);
         answer.advise(ENOENT, "a policy of one of the three directions, out, in and fwd, is missing" + kSeePolicies);
         for (const InstalledState& each : installedStates(a.otherRecord))
-            if (each.own && !each.marked)
+            if (each.own && !each.marked && !before[each.tx ? 1 : 0].empty())
                 answer.advise(ENODATA, std::string("an SA with the SPI of ") + nameOf(each.tx) +
                                            " is at the new address already; veskctl sa list shows it");
         answer.advise(ENODATA,
@@ -376,9 +428,11 @@ std::vector<Command> ipsecCommands()
                         {EPROTONOSUPPORT, "this kernel lacks ESP or AH, or IPsec; a module may have to be loaded"}}}),
         Command("sa update", "Update the two SAs of a record in place", "handset.ini --mark 1 --mask 0xff",
                 {kRecord, kOutputMark, kOutputMask, kTechnology}, updateStates,
-                {.notes      = marks + "Mainline kernels keep mode, source, algorithms, keys, UDP encapsulation\n"
+                {.notes      = marks + "Mainline kernels keep mode, algorithms, keys, whether ESP goes in UDP\n"
                                        "and, without --technology, RX's mark: remove the SAs and add them instead.\n"
-                                       "Status 3 when they differ, or RX was refused.",
+                                       "Limits are lifted. Status 3 when what is kept differs, and for what was not\n"
+                                       "updated. An SA of the same SPI and destination from another source is in the\n"
+                                       "way: status 3, and nothing is done.",
                  .unanswered = "ids and counters in the last two requests are those of the installed SAs"}),
         Command("sa remove", "Remove the two SAs of a record", "handset.ini", {kRecord}, removeStates,
                 {.notes      = "Status 3 when one of the two was not there, or still is. Refused when another\n"
