@@ -255,7 +255,7 @@ const Structure kExtended =
     STRUCTURE(xfrm_replay_state_esn, AT(bmp_len), AT(oseq, Number, "sequence_out"), AT(seq, Number, "sequence_in"),
               AT(oseq_hi, Number, "sequence_out_high"), AT(seq_hi, Number, "sequence_in_high"),
               AT(replay_window, Number, "replay_window"));
-const Structure kMark = STRUCTURE(xfrm_mark, AT(v, Hex, "mark"), AT(m, Hex, "mask"));
+const Structure kMark = STRUCTURE(xfrm_mark, AT(v, Hex, "mark"), AT(m, Mask, "mask"));
 const Structure kType =
     STRUCTURE(xfrm_userpolicy_type, AT(type, kPolicyTypes, "policy_type"), AT(reserved1), AT(reserved2));
 const Structure kOffload =
@@ -295,7 +295,7 @@ const Attributes kOfRules = {
     ATTRIBUTE(FRA_IIFNAME, Text, "in"),
     ATTRIBUTE(FRA_OIFNAME, Text, "out"),
     ATTRIBUTE(FRA_FWMARK, Hex, "mark"),
-    ATTRIBUTE(FRA_FWMASK, Hex, "mask"),
+    ATTRIBUTE(FRA_FWMASK, Mask, "mask"),
     ATTRIBUTE(FRA_TUN_ID, Big, "tun_id"),
     ATTRIBUTE(FRA_IP_PROTO, kIPProtocols, "ip_protocol"),
     ATTRIBUTE(FRA_SPORT_RANGE, kPorts, "source_port"),
@@ -324,7 +324,7 @@ const Attributes kOfStates = {
     ATTRIBUTE(XFRMA_ENCAP, kEncap, "encapsulation"),
     ATTRIBUTE(XFRMA_MARK, kMark),
     ATTRIBUTE(XFRMA_SET_MARK, Hex, "output_mark"),
-    ATTRIBUTE(XFRMA_SET_MARK_MASK, Hex, "output_mask"),
+    ATTRIBUTE(XFRMA_SET_MARK_MASK, Mask, "output_mask"),
     ATTRIBUTE(XFRMA_IF_ID, Hex, "if_id"),
     ATTRIBUTE(XFRMA_SRCADDR, Address),
     ATTRIBUTE(XFRMA_COADDR, Address, "care_of_address"),

@@ -9,9 +9,10 @@
 #include <vesk/netlink.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
+#include <iterator>
 #include <optional>
+#include <set>
 #include <utility>
 
 #include <linux/xfrm.h>
@@ -20,8 +21,9 @@ namespace {
 
 const std::string kSeePolicies = "; veskctl policy list shows what is there";
 
-const std::string kMark  = " a mark, which requests of a record do not name";
-const std::string kRenew = "; to change that, veskctl sa remove and veskctl sa add";
+const std::string kMark      = " a mark, which requests of a record do not name";
+const std::string kBothThere = "both are there, but the kernel's answer to the last request was lost";
+const std::string kRenew     = "; to change that, veskctl sa remove and veskctl sa add";
 
 const char* nameOf(bool tx)
 {
@@ -92,6 +94,8 @@ Operation addStates(Arguments& a)
         const std::string file   = (a.file.starts_with('-') ? "./" : "") + a.file; // which is no option
         const std::string remove = "veskctl sa remove" + (isStream ? ", with the same record" : ' ' + forShell(file));
         const std::string rx     = othersLike(after, false);
+        if (answer.heard(kUnanswered) && oneOf(after, false, isOwnAndReached) != nullptr)
+            return answer.inPart(kBothThere);
         if (!before && oneOf(after, true, isOwnAndReached) != nullptr)
             answer.inPart("TX was installed and stays, RX was not" +
                           (rx.empty() ? "" : ": " + rx + ", and is in the way") +
@@ -144,7 +148,7 @@ void judgeUpdate(Answer& answer, const Record& record, const std::vector<Install
         else if (!each.marked && each.hidden)
             kept.push_back(std::string(nameOf(each.tx)) + " may have kept its keys, which the kernel shows as zeros");
     if (answer.heard(kRxNotUpdated))
-        missed.push_back("RX was not" + whyNotReached(after));
+        missed.push_back((answer.heard(kUnanswered) ? "RX may not have been" : "RX was not") + whyNotReached(after));
     for (const auto& [format, what] : kMissed)
         if (answer.heard(format))
             missed.emplace_back(what);
@@ -170,6 +174,8 @@ Operation updateStates(Arguments& a)
                                   "source; to move SAs to another address: veskctl migrate",
                               NotAsAsked);
         makeCall();
+        if (answer.result != 0 && !answer.heard(kTxNotUpdated)) // which a look that fails would not tell
+            answer.inPart("TX was updated");
         judgeUpdate(answer, a.record, installedStates(a.record, wanted));
     };
     return {.call = call, .around = around};
@@ -189,29 +195,33 @@ void refuseOthers(const std::vector<InstalledState>& states)
 
 void judgeRemoval(Answer& answer, const std::vector<InstalledState>& before, const std::vector<InstalledState>& after)
 {
-    int removed = 0;
-    bool left   = false;
-    std::vector<std::string> marked;
+    bool left = false;
+    std::vector<std::string> marked, removed;
     for (const bool tx : {true, false}) {
         const bool is        = oneOf(after, tx, isOwnAndReached) != nullptr;
         const bool was       = oneOf(before, tx, isOwnAndReached) != nullptr;
         const bool hasMarked = !is && oneOf(after, tx, isOwn) != nullptr;
 
         answer.findings[tx ? "tx" : "rx"] = is ? "still there" : was ? "removed" : hasMarked ? "left" : "not installed";
-        removed += was && !is ? 1 : 0;
+        if (was && !is)
+            removed.emplace_back(nameOf(tx));
         left |= is;
         if (hasMarked)
             marked.emplace_back(nameOf(tx));
     }
+    if (answer.result != 0 && !removed.empty())
+        answer.inPart(joined(removed, " and ") + " was removed");
+    if (answer.result != 0)
+        return;
     if (left)
         answer.notAsAsked("an SA of the record is left; veskctl sa list shows it");
     else if (!marked.empty())
         answer.notAsAsked("an SA with the SPI and ends of " + joined(marked, " and one with those of ") +
                           " is left: it has" + kMark);
-    else if (removed == 0)
+    else if (removed.empty())
         answer.notAsAsked("nothing was removed: no SA has the record's protocol, SPIs and addresses; veskctl sa list "
                           "shows what is there");
-    else if (removed == 1)
+    else if (removed.size() == 1)
         answer.notAsAsked("only one of the two was installed; if the other should have been, compare its SPI and "
                           "addresses with veskctl sa list");
 }
@@ -223,8 +233,7 @@ Operation removeStates(Arguments& a)
         const auto before = installedStates(a.record);
         refuseOthers(before);
         makeCall();
-        if (answer.result == 0)
-            judgeRemoval(answer, before, installedStates(a.record));
+        judgeRemoval(answer, before, installedStates(a.record));
     };
     return {.call = [&a](Answer&) { return Vesk::removeXFRMStates(a.record); }, .around = around};
 }
@@ -267,7 +276,11 @@ Operation addPolicies(Arguments& a)
         const std::string remove = "veskctl policy remove" + std::string(a.inbound ? " --in " : " ") +
                                    (a.protocol != 0 ? "--protocol " + std::to_string(a.protocol) + ' ' : "") +
                                    forShell(a.source) + ' ' + forShell(a.destination);
-        if (answer.result != 0 && a.inbound && !before && isThere(a, XFRM_POLICY_IN))
+        if (answer.result == 0)
+            return;
+        if (a.inbound && answer.heard(kUnanswered) && isThere(a, XFRM_POLICY_FWD))
+            return answer.inPart(kBothThere);
+        if (a.inbound && !before && isThere(a, XFRM_POLICY_IN))
             answer.inPart("the in policy was installed and stays, the fwd policy was not" + kSeePolicies);
         answer.advise(EEXIST, "there is a policy with this selector" + kSeePolicies +
                                   "; to replace it, remove it first: " + remove);
@@ -282,17 +295,23 @@ Operation removePolicies(Arguments& a)
         return Vesk::removeXFRMPolicies(a.source, a.destination, a.protocol, !a.inbound);
     };
     const auto around = [&a](Answer& answer, const auto& makeCall) {
-        const bool in = isThere(a, XFRM_POLICY_IN), fwd = isThere(a, XFRM_POLICY_FWD);
+        const bool in = a.inbound && isThere(a, XFRM_POLICY_IN), fwd = a.inbound && isThere(a, XFRM_POLICY_FWD);
         makeCall();
         if (answer.result == 0)
             return;
         if (a.inbound && in && !isThere(a, XFRM_POLICY_IN)) {
-            answer.inPart(fwd ? "the in policy was removed, the fwd policy was not" + kSeePolicies
-                              : "the in policy was removed; of fwd, " + noPolicy(a, XFRM_POLICY_FWD));
+            const bool both = fwd && !isThere(a, XFRM_POLICY_FWD);
+            answer.inPart(both  ? "the in and fwd policies are gone, but the kernel's answer is, too"
+                          : fwd ? "the in policy was removed, the fwd policy was not" + kSeePolicies
+                                : "the in policy was removed; of fwd, " + noPolicy(a, XFRM_POLICY_FWD));
         } else if (a.inbound && !in && fwd && answer.error == ENOENT) { // which the library does not come to
+            answer.log.clear();
             answer.error = removePolicy(selectorOf(a.source, a.destination, a.protocol), XFRM_POLICY_FWD);
-            if (answer.error == 0)
-                answer.notAsAsked("the fwd policy was removed; of in, " + noPolicy(a, XFRM_POLICY_IN));
+            if (answer.error != 0)
+                return answer.inPart("there is no in policy, and removing the fwd policy failed");
+            answer.notAsAsked("the fwd policy was removed");
+            answer.note += "; of in, " + noPolicy(a, XFRM_POLICY_IN);
+            return;
         }
         answer.advise(ENOENT, noPolicy(a, a.inbound ? XFRM_POLICY_IN : XFRM_POLICY_OUT));
     };
@@ -308,6 +327,8 @@ Operation bypass(Arguments& a, decltype(Vesk::addXFRMPolicyEx)* operation)
                                                            : XFRM_POLICY_FWD;
     const auto around             = [direction, &a](Answer& answer, const auto& makeCall) {
         makeCall();
+        if (answer.result == 0)
+            return;
         if (const auto found = policyOf(a, direction))
             answer.advise(EEXIST, "a policy with this selector is there, with action " + found->action +
                                                   "; if it is not needed, remove it first: veskctl policy bypass remove " +
@@ -317,36 +338,42 @@ Operation bypass(Arguments& a, decltype(Vesk::addXFRMPolicyEx)* operation)
     return {.call = [direction, operation](Answer&) { return operation(direction); }, .around = around};
 }
 
-// What became of the SAs of one direction. The kernel, which does not compare SPIs, may have moved others of the same ends.
-void judgeMoved(std::vector<std::string>& said, Answer& answer, const Record& record, bool tx, const SPIs& before)
+using Names = std::set<std::string>;
+
+Names without(const Names& all, const Names& others)
 {
-    const SPIs after  = statesBetween(record, tx);
-    const bool known  = (tx ? record.spi_tx_valid : record.spi_rx_valid) != 0;
-    const SPIs own    = known ? SPIs{tx ? record.spi_tx : record.spi_rx} : before;
-    const auto hasOwn = [&own](const SPIs& all) {
-        return std::any_of(all.begin(), all.end(), [&own](std::uint32_t spi) { return own.contains(spi); });
-    };
-    answer.findings[tx ? "tx" : "rx"] = hasOwn(after) ? "still there" : hasOwn(before) ? "moved" : "not installed";
-    if (hasOwn(after))
-        said.push_back(std::string(nameOf(tx)) + " is still between the old addresses");
-    else if (!hasOwn(before))
-        said.push_back("of " + std::string(nameOf(tx)) + ", there was no SA between the old addresses to move");
-    for (const std::uint32_t spi : before)
-        if (!after.contains(spi) && !own.contains(spi))
-            said.push_back("the SA with SPI " + hexadecimal(spi) + ", which is not the record's, was moved");
+    Names left;
+    std::set_difference(all.begin(), all.end(), others.begin(), others.end(), std::inserter(left, left.end()));
+    return left;
 }
 
-void judgeMigration(Answer& answer, const Arguments& a, const std::array<SPIs, 2>& before)
+// What became of what was between the old addresses, whatever the kernel said.
+void judgeMigration(Answer& answer, const Arguments& a, const Names& before, const Names& after)
 {
+    const Names own = {"TX", "RX", "the out policy", "the in policy", "the fwd policy"}, moved = without(before, after);
+    if (answer.result != 0) {
+        if (!moved.empty())
+            answer.inPart("moved: " + joined(moved) + "; the rest was not");
+        return;
+    }
     std::vector<std::string> said;
-    for (const bool tx : {true, false})
-        judgeMoved(said, answer, a.record, tx, before[tx ? 1 : 0]);
+    for (const char* const each : {"TX", "RX"}) {
+        answer.findings[each == std::string("TX") ? "tx" : "rx"] = after.contains(each)   ? "still there"
+                                                                   : moved.contains(each) ? "moved"
+                                                                                          : "not installed";
+        if (!before.contains(each))
+            said.push_back("of " + std::string(each) + ", there was no SA between the old addresses to move");
+    }
+    if (const Names left = without(own, without(own, after)); !left.empty())
+        said.push_back("still between the old addresses: " + joined(left));
+    if (const Names others = without(moved, own); !others.empty())
+        said.push_back("moved, but not the record's: " + joined(others));
     for (const InstalledState& each : installedStates(a.otherRecord))
         if (each.own && !each.marked && each.inUDP != isInUDP(a.otherRecord))
             said.push_back(std::string(nameOf(each.tx)) + (each.inUDP ? " kept its" : " has no") +
                            " UDP encapsulation" + kRenew);
     if (!said.empty())
-        answer.notAsAsked("the policies were moved, but " + joined(said, "; "));
+        answer.notAsAsked(joined(said, "; "));
 }
 
 Operation migrate(Arguments& a)
@@ -365,15 +392,18 @@ Operation migrate(Arguments& a)
         return Vesk::migrateXFRMInfo(a.record, a.otherRecord, a.source, a.destination, a.protocol);
     };
     const auto around = [&a](Answer& answer, const auto& makeCall) {
-        const std::array before = {statesBetween(a.record, false), statesBetween(a.record, true)};
+        const auto look = [&a, out = selectorOf(a.source, a.destination, a.protocol),
+                           in = selectorOf(a.destination, a.source, a.protocol)] {
+            return betweenEnds(a.record, out, in);
+        };
+        const Names before = look();
         makeCall();
+        judgeMigration(answer, a, before, look());
         if (answer.result == 0)
-            judgeMigration(answer, a, before);
-        else if (answer.heard(kNotMovedBack[0]) || answer.heard(kNotMovedBack[1]))
-            answer.inPart("some of it was moved and could not be moved back" + kSeePolicies);
+            return;
         answer.advise(ENOENT, "a policy of one of the three directions, out, in and fwd, is missing" + kSeePolicies);
         for (const InstalledState& each : installedStates(a.otherRecord))
-            if (each.own && !each.marked && !before[each.tx ? 1 : 0].empty())
+            if (each.own && !each.marked && before.contains(nameOf(each.tx)))
                 answer.advise(ENODATA, std::string("an SA with the SPI of ") + nameOf(each.tx) +
                                            " is at the new address already; veskctl sa list shows it");
         answer.advise(ENODATA,

@@ -10,7 +10,7 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <set>
+#include <map>
 
 using namespace Vesk::Messages;
 
@@ -70,19 +70,19 @@ bool isEndAt(const Field& field, const std::string& address)
     return field.text == "any" || takesIn(prefixOf(field.inWords()), prefixOf(address));
 }
 
-// Whether a template is between the ends of a record. Where it leaves an end open, that of the traffic counts.
+// Whether a template is of a record's protocol, and between its ends. Where it leaves one open, that of the traffic counts.
 bool isBetween(const Fields& policy, const Record& r)
 {
-    const auto itemsAt = [&policy](const std::string& address) {
-        std::set<std::size_t> items;
-        for (const Field& each : policy)
-            if (each.group == "templates" && each.kind == Kind::Address &&
-                isEndAt(each.usual ? *fieldOf(policy, each.listed) : each, address))
-                items.insert(each.item);
-        return items;
-    };
-    const auto local = itemsAt(addressText(r.local_addr)), remote = itemsAt(addressText(r.remote_addr));
-    return std::any_of(local.begin(), local.end(), [&remote](std::size_t item) { return remote.contains(item); });
+    std::map<std::size_t, int> matches; // of each template: the protocol, the local and the remote end
+    for (const Field& each : policy) {
+        if (each.group != "templates")
+            continue;
+        const Field& end = each.usual && each.kind == Kind::Address ? *fieldOf(policy, each.listed) : each;
+        matches[each.item] |= (each.listed == "protocol" && each.inWords() == protocolOf(r) ? 1 : 0) |
+                              (isEndAt(end, addressText(r.local_addr)) ? 2 : 0) |
+                              (isEndAt(end, addressText(r.remote_addr)) ? 4 : 0);
+    }
+    return std::any_of(matches.begin(), matches.end(), [](const auto& each) { return each.second == 7; });
 }
 
 // Whether an SA is of this direction: it says so, from Linux 6.10 on, or an end of it is one of these prefixes.
@@ -186,8 +186,10 @@ void addStatus(Answer& answer, const Record& record, const std::vector<Installed
 Operation stateStatus(Arguments& a)
 {
     a.record.read(a.file, ForStates, a.warnings);
-    const auto requests =
-        requestsOf([&a] { return Vesk::updateXFRMStates(a.record, TRO_TECHNOLOGY_NAME_MARKED_RX_V01, 0, UINT32_MAX); });
+    const auto call = [&a] {
+        return Vesk::updateXFRMStates(a.record, TRO_TECHNOLOGY_NAME_MARKED_RX_V01, 0, UINT32_MAX);
+    };
+    const auto requests = a.dry ? Requests() : requestsOf(call);
     return {[&a, requests](Answer& answer) {
         const auto all = installedStates(a.record, requests);
         for (const bool tx : {true, false})

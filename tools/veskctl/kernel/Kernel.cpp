@@ -7,6 +7,7 @@
 #include <array>
 #include <cerrno>
 #include <map>
+#include <optional>
 #include <utility>
 #include <vector>
 
@@ -22,8 +23,7 @@ const Dump kStates   = {NETLINK_XFRM, XFRM_MSG_GETSA, XFRM_MSG_NEWSA};
 const Dump kPolicies = {NETLINK_XFRM, XFRM_MSG_GETPOLICY, XFRM_MSG_NEWPOLICY};
 const Dump kRules    = {NETLINK_ROUTE, RTM_GETRULE, RTM_NEWRULE, AF_UNSPEC, sizeof(fib_rule_hdr), true};
 const Dump kLabels   = {NETLINK_ROUTE, RTM_GETADDRLABEL, RTM_NEWADDRLABEL, AF_INET6, sizeof(ifaddrlblmsg), true};
-const Dump kRoutes   = {NETLINK_ROUTE, RTM_GETROUTE, RTM_NEWROUTE, AF_INET, sizeof(rtmsg)};
-const Dump kRoutes6  = {NETLINK_ROUTE, RTM_GETROUTE, RTM_NEWROUTE, AF_INET6, sizeof(rtmsg)};
+const Dump kRoutes   = {NETLINK_ROUTE, RTM_GETROUTE, RTM_NEWROUTE, AF_UNSPEC, sizeof(rtmsg)};
 const Dump kQdiscs   = {NETLINK_ROUTE, RTM_GETQDISC, RTM_NEWQDISC, AF_UNSPEC, sizeof(tcmsg)};
 
 namespace {
@@ -96,7 +96,8 @@ Fields mayShow(const Dump& what)
 int readAll(const Dump& what, const std::function<void()>& begin,
             const std::function<void(const Fields& fields, Bytes message)>& each)
 {
-    std::vector<unsigned char> now, before;
+    std::optional<std::vector<unsigned char>> before;
+    std::vector<unsigned char> now;
     const auto show = [&](const nlmsghdr* message) {
         const Bytes bytes(reinterpret_cast<const unsigned char*>(message), message->nlmsg_len);
         if (message->nlmsg_type != what.reply)
@@ -114,11 +115,11 @@ int readAll(const Dump& what, const std::function<void()>& begin,
             msg.addMsgPayload(what.payload, about.data());
         begin();
         const auto* context = &show;
-        before              = std::exchange(now, {});
-        errno               = 0;
-        result              = msg.messageDump(
+        now.clear();
+        errno  = 0;
+        result = msg.messageDump(
             [](nlmsghdr* message, void* with) { (**static_cast<decltype(context)*>(with))(message); }, &context);
-        if (result == 0 && now != before)
+        if (result == 0 && what.twice && std::exchange(before, now) != now)
             errno = EINTR;
         if (result != 0 || errno != EINTR)
             break;

@@ -23,7 +23,7 @@ struct Dump {
     int payload          = 0;         // of the request, in bytes
     bool twice           = false;     // kernels do not tell of every interruption, so that two readings have to agree
 };
-extern const Dump kStates, kPolicies, kRules, kLabels, kRoutes, kRoutes6, kQdiscs;
+extern const Dump kStates, kPolicies, kRules, kLabels, kRoutes, kQdiscs;
 
 // Hands on all that the kernel has, decoded. Devices have their names, where they are there; what the kernel shows in
 // no field of its own is added. A change on the way interrupts the kernel, and something may be missing: then it is

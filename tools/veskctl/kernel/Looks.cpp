@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <map>
 #include <system_error>
 
 #include <arpa/inet.h>
@@ -50,8 +51,29 @@ struct Ends {
         : source(addressText(tx ? r.local_addr : r.remote_addr)),
           destination(addressText(tx ? r.remote_addr : r.local_addr))
     {}
+    [[nodiscard]] std::string text() const { return source + " > " + destination; }
     std::string source, destination;
 };
+
+// "esp tunnel 192.0.2.1 > 192.0.2.254", of an SA or a template
+std::string pathOf(const Fields& fields)
+{
+    return word(fields, "protocol") + ' ' + word(fields, "mode") + ' ' + word(fields, "source") + " > " +
+           word(fields, "destination");
+}
+
+std::vector<std::string> templatesOf(const Fields& policy)
+{
+    std::map<std::size_t, Fields> items;
+    for (Field each : policy)
+        if (each.group == "templates") {
+            each.group.clear(); // as if it was all that there is
+            items[each.item].push_back(each);
+        }
+    std::vector<std::string> all(items.size());
+    std::transform(items.begin(), items.end(), all.begin(), [](const auto& each) { return pathOf(each.second); });
+    return all;
+}
 
 // The value of an attribute, without the key in it, or that key.
 std::vector<unsigned char> valueIn(const Fields& fields, Bytes message, const char* attribute, bool key)
@@ -65,6 +87,25 @@ std::vector<unsigned char> valueIn(const Fields& fields, Bytes message, const ch
     return value;
 }
 
+// What an update leaves, besides algorithms and keys; by its names in lists.
+constexpr const char* kKept[] = {"mode",
+                                 "source",
+                                 "reqid",
+                                 "if_id",
+                                 "replay_window",
+                                 "flags",
+                                 "selected_source",
+                                 "selected_destination",
+                                 "selected_ip_protocol",
+                                 "selected_source_port",
+                                 "selected_destination_port"};
+
+std::string unusual(const Fields& fields, const char* name)
+{
+    const Field* const field = fieldOf(fields, name);
+    return field == nullptr || field->usual ? "" : field->inWords();
+}
+
 // What an SA has otherwise than the request for it among these, keys aside when they are hidden.
 std::string keptBy(const Fields& state, Bytes message, const Requests& wanted, bool hidden)
 {
@@ -73,8 +114,8 @@ std::string keptBy(const Fields& state, Bytes message, const Requests& wanted, b
         if (word(asked, "spi") != word(state, "spi") || word(asked, "destination") != word(state, "destination"))
             continue;
         std::vector<std::string> kept;
-        for (const char* const each : {"mode", "source"})
-            if (word(asked, each) != word(state, each))
+        for (const char* const each : kKept)
+            if (unusual(asked, each) != unusual(state, each))
                 kept.emplace_back(each);
         for (const auto& [attribute, name] :
              {std::pair("XFRMA_ALG_CRYPT", "cipher"), std::pair("XFRMA_ALG_AUTH_TRUNC", "hash"),
@@ -126,19 +167,6 @@ Requests requestsOf(const std::function<int()>& operation)
     return all;
 }
 
-SPIs statesBetween(const Record& r, bool tx)
-{
-    SPIs found;
-    const Ends ends(r, tx);
-    look(kStates, found, [&](const Fields& fields, Bytes) {
-        const bool tunnel = word(fields, "mode") == "tunnel";
-        if (word(fields, "source") == ends.source && word(fields, "destination") == ends.destination &&
-            word(fields, "protocol") == protocolOf(r) && tunnel == (r.encap_mode == TRO_IPSEC_ENCAP_MODE_TUNNEL_V01))
-            found.insert(static_cast<std::uint32_t>(number(fields, "spi")));
-    });
-    return found;
-}
-
 std::vector<InstalledPolicy> installedPolicies(const xfrm_selector& sel, unsigned char direction)
 {
     const auto* const bytes = reinterpret_cast<const unsigned char*>(&sel);
@@ -156,8 +184,33 @@ std::vector<InstalledPolicy> installedPolicies(const xfrm_selector& sel, unsigne
             words.push_back("context " + context);
         if (number(fields, "policy_type") != XFRM_POLICY_TYPE_MAIN)
             words.emplace_back("ptype sub");
-        found.push_back({joined(words), word(fields, "action")});
+        found.push_back({joined(words), word(fields, "action"), templatesOf(fields)});
     });
+    return found;
+}
+
+std::set<std::string> betweenEnds(const Record& r, const xfrm_selector& out, const xfrm_selector& in)
+{
+    const bool tunnel      = r.encap_mode == TRO_IPSEC_ENCAP_MODE_TUNNEL_V01;
+    const std::string kind = protocolOf(r) + std::string(tunnel ? " tunnel " : " transport ");
+    const std::string tx = kind + Ends(r, true).text(), rx = kind + Ends(r, false).text();
+
+    std::set<std::string> found;
+    look(kStates, found, [&](const Fields& fields, Bytes) {
+        const auto spi = number(fields, "spi");
+        if (pathOf(fields) == tx)
+            found.insert(r.spi_tx_valid == 0 || spi == r.spi_tx ? "TX" : "the SA with SPI " + word(fields, "spi"));
+        if (pathOf(fields) == rx)
+            found.insert(r.spi_rx_valid == 0 || spi == r.spi_rx ? "RX" : "the SA with SPI " + word(fields, "spi"));
+    });
+    const auto addPolicies = [&](const char* name, const xfrm_selector& sel, unsigned char direction) {
+        for (const InstalledPolicy& each : installedPolicies(sel, direction))
+            if (std::count(each.templates.begin(), each.templates.end(), direction == XFRM_POLICY_OUT ? tx : rx) != 0)
+                found.insert(name + (each.otherwise.empty() ? "" : " with " + each.otherwise));
+    };
+    addPolicies("the out policy", out, XFRM_POLICY_OUT);
+    addPolicies("the in policy", in, XFRM_POLICY_IN);
+    addPolicies("the fwd policy", in, XFRM_POLICY_FWD);
     return found;
 }
 
@@ -237,17 +290,12 @@ std::string qdiscAt(unsigned int device, unsigned int parent)
 
 std::vector<std::string> localPrefixes()
 {
-    std::vector<std::string> all;
-    for (const Dump& routes : {kRoutes, kRoutes6}) {
-        std::vector<std::string> found;
-        look(routes, found, [&found](const Fields& fields, Bytes) {
-            if (number(fields, "table") == RT_TABLE_LOCAL && word(fields, "type") == "local" &&
-                fieldOf(fields, "destination") != nullptr)
-                found.push_back(word(fields, "destination"));
-        });
-        all.insert(all.end(), found.begin(), found.end());
-    }
-    return all;
+    std::vector<std::string> found;
+    look(kRoutes, found, [&found](const Fields& fields, Bytes) {
+        if (word(fields, "type") == "local" && fieldOf(fields, "destination") != nullptr)
+            found.push_back(word(fields, "destination"));
+    });
+    return found;
 }
 
 std::string Label::text() const

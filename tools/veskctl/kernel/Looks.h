@@ -34,16 +34,18 @@ std::vector<InstalledState> installedStates(const Record& r, const Requests& wan
 // What an operation would send, for comparing.
 Requests requestsOf(const std::function<int()>& operation);
 
-// The SPIs of the SAs of a record's protocol and mode that go from its local to its remote address, or come back.
-using SPIs = std::set<std::uint32_t>;
-SPIs statesBetween(const Record& r, bool tx);
-
 // A policy with a selector and direction. The requests of the library reach the one that is otherwise "".
 struct InstalledPolicy {
     std::string otherwise; // "mark 0x5/0xff, if_id 0x7"
     std::string action;
+    std::vector<std::string> templates; // "esp tunnel 192.0.2.1 > 192.0.2.254"
 };
 std::vector<InstalledPolicy> installedPolicies(const xfrm_selector& sel, unsigned char direction);
+
+// What a migration reaches: what is between a record's ends, by name. Of the record are "TX", "RX" and "the out policy",
+// "in" and "fwd"; but the kernel compares neither SPIs nor what policies have otherwise. `out` is the selector of the out
+// policy, `in` that of the two others.
+std::set<std::string> betweenEnds(const Record& r, const xfrm_selector& out, const xfrm_selector& in);
 
 // Removes one, as the library would. Returns 0, or an errno.
 int removePolicy(const xfrm_selector& sel, unsigned char direction);
