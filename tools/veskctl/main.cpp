@@ -14,7 +14,7 @@ constexpr int kNoLog = 5;
 // What to do next, after a refusal or failure that the command itself has nothing to say about.
 void advise(Answer& answer, const Command& command)
 {
-    for (const Advice& each : command.more.advice)
+    for (const Advice& each : answer.called ? command.more.advice : std::vector<Advice>())
         answer.advise(each.error, each.text);
     if (command.more.mainlineRefusal != 0 && answer.status == Refused)
         answer.note +=
@@ -60,12 +60,12 @@ int main(int argc, char** argv)
         return put("veskctl " VESK_VERSION "\n");
     if (argc == 2 && line.has("--manual")) // for the build
         return put(manual());
+    Arguments arguments;
     try {
-        Arguments arguments;
         const Command& command = line.parse(arguments);
         const Answer answer    = answerOf(command, arguments);
         return print(answer, arguments.json, logFrom(arguments, answer));
     } catch (const Refusal& refusal) {
-        return print(refusal, line.has("--json"));
+        return print(refusal, arguments.warnings, line.has("--json"));
     }
 }

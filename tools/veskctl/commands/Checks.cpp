@@ -101,6 +101,8 @@ std::string devices()
     struct if_nameindex* const all = if_nameindex();
     for (struct if_nameindex* each = all; each != nullptr && each->if_index != 0; ++each)
         names.emplace_back(each->if_name);
+    if (all == nullptr)
+        return "those that the kernel does not tell";
     if_freenameindex(all);
     const std::size_t more = names.size() - std::min(names.size(), most);
     names.resize(names.size() - more);

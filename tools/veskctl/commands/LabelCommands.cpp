@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <random>
+#include <set>
 
 #include <net/if.h>
 #include <netinet/in.h>
@@ -33,13 +34,16 @@ bool isEntryOf(const Label& each, const Arguments& a)
     return isCandidate(each, a) && takesIn(prefixOf(each.text()), a.prefix);
 }
 
-// The kernel has one errno for three reasons.
+// The kernel has one errno for several reasons.
 void adviseOnPrefix(Answer& answer, const Arguments& a)
 {
     char name[IF_NAMESIZE];
+    answer.advise(EOPNOTSUPP, a.prefix.address.ss_family == AF_INET
+                                  ? "mainline kernels refuse this always: they have labels for IPv6 only"
+                                  : "this kernel has no labels; its IPv6 may have to be loaded");
     answer.advise(EINVAL, a.label == UINT32_MAX ? "0xffffffff stands for no label"
                           : a.index != 0 && if_indextoname(a.index, name) == nullptr
-                              ? "there is no such device"
+                              ? "there is no such device; only label del takes the number of one that is gone"
                               : "for such an address, the kernel takes another prefix length: 128 for ::1, 96 for IPv4 "
                                 "addresses behind ::, at most 96 behind ::ffff:");
 }
@@ -65,14 +69,13 @@ Operation labelChange(Arguments& a)
                                   (a.device.empty() ? "" : " --device=" + forShell(a.device)));
         if (operation == Vesk::addrlabelAdd && answer.result == 0) // which some kernels do
             a.warnings.push_back(has + " as well");
+        adviseOnPrefix(answer, a);
     };
     return {.call = call, .around = around};
 }
 
 void judgePurge(const Arguments& a, const std::vector<Label>& before, Answer& answer)
 {
-    if (answer.result != 0)
-        return;
     const auto after = installedLabels();
     std::vector<Label> purged, left;
     const auto own = std::find_if(before.begin(), before.end(), [&a](const Label& each) { return isEntryOf(each, a); });
@@ -87,6 +90,10 @@ void judgePurge(const Arguments& a, const std::vector<Label>& before, Answer& an
         answer.findings["purged"].push_back({{"prefix", each.text()}, {"label", each.label}});
     if (!purged.empty())
         answer.text = "purged " + joined(purged, ", ", std::mem_fn(&Label::text)) + '\n';
+    if (answer.result != 0 && !purged.empty())
+        answer.inPart("some were purged, the rest was not");
+    if (answer.result != 0)
+        return adviseOnPrefix(answer, a);
     if (own == before.end())
         answer.notAsAsked(
             "nothing to purge: no entry has this prefix length, address and device; veskctl label list shows all");
@@ -119,12 +126,24 @@ Operation purge(Arguments& a)
 Operation generate(Arguments& a)
 {
     std::srand(std::random_device{}()); // the library takes the C library's numbers
-    return {[&a](Answer& answer) {
+    const auto call = [&a](Answer& answer) {
         unsigned int label       = 0;
         const int result         = Vesk::addrlabelGenerate(AF_INET6, a.useDefault, &label);
         answer.findings["label"] = label;
         return result;
-    }};
+    };
+    const auto around = [&a](Answer&, const auto& makeCall) {
+        std::set<unsigned int> labels;
+        for (const Label& each : a.useDefault ? std::vector<Label>() : installedLabels())
+            labels.insert(each.label);
+        if (labels.size() > 1 && *labels.begin() > Vesk::kLastSystemLabel) // which ends the process
+            throw Refusal("the library proposes labels only where there is one up to " +
+                              std::to_string(Vesk::kLastSystemLabel) + "; the smallest is " +
+                              std::to_string(*labels.begin()) + "; veskctl label add gives a prefix one",
+                          Refused);
+        makeCall();
+    };
+    return {.call = call, .around = around};
 }
 
 const Argument kEntryDevice = {"--device", "DEVICE", "Name or number; of no interface when not given",
@@ -135,28 +154,24 @@ const Argument kLabel       = {"label", "NUMBER", "Label, below 0xffffffff", &Ar
 
 std::vector<Command> labelCommands()
 {
-    const Advice ipv4 = {EOPNOTSUPP, "mainline kernels refuse this always: they have labels for IPv6 only"};
+    const Advice none = {ESRCH, "there is no such entry; veskctl label list shows all"};
     return {
         Command("label add", "Give an IPv6 prefix a label", "2001:db8::/32 4711 --device wlan0",
                 {kPrefix, kLabel, kEntryDevice}, labelChange<Vesk::addrlabelAdd>,
-                {.notes = "Mainline kernels have no labels for IPv4 (EOPNOTSUPP).", .advice = {ipv4}}),
+                {.notes = "Mainline kernels have no labels for IPv4 (EOPNOTSUPP)."}),
         Command("label del", "Delete the label of an IPv6 prefix", "2001:db8::/32 4711 --device wlan0",
-                {kPrefix, kLabel, kEntryDevice}, labelChange<Vesk::addrlabelDel>,
-                {.advice = {ipv4, {ESRCH, "there is no such entry; veskctl label list shows all"}}}),
-        Command(
-            "label purge", "Delete a label from prefixes of one length and device", "2001:db8::/32 --device wlan0",
-            {kPrefix, kEntryDevice}, purge,
-            {.notes = "Deleted are the entry of the prefix, and those of the same prefix length and\n"
-                      "device that have its label, if it is " +
-                      kPurged +
-                      ".\nLengths that are no multiple of 8 take several calls. Status 3 when there was\n"
-                      "none, or one is left.",
-             .advice     = {ipv4,
-                            {EINVAL, "the device has to be there; veskctl label del takes the number of one that is not"},
-                            {ESRCH, "no entry matches this address; veskctl label list shows all"}},
-             .unanswered = "where it names " + kPurged +
-                           ", a dump of all labels would follow, and "
-                           "RTM_DELADDRLABEL for each that matches"}),
+                {kPrefix, kLabel, kEntryDevice}, labelChange<Vesk::addrlabelDel>, {.advice = {none}}),
+        Command("label purge", "Delete a label from prefixes of one length and device", "2001:db8::/32 --device wlan0",
+                {kPrefix, kEntryDevice}, purge,
+                {.notes = "Deleted are the entry of the prefix, and those of the same prefix length and\n"
+                          "device that have its label, if it is " +
+                          kPurged +
+                          ".\nLengths that are no multiple of 8 may take several calls. Status 3 when there\n"
+                          "was none, or one is left.",
+                 .advice     = {none},
+                 .unanswered = "where it names " + kPurged +
+                               ", a dump of all labels would follow, and "
+                               "RTM_DELADDRLABEL for each that matches"}),
         Command("label generate", "Propose a label", "",
                 {{"--default", "", "Propose the default label", &Arguments::useDefault}}, generate,
                 {.notes = "Just below the first label above " + std::to_string(Vesk::kLastSystemLabel) +

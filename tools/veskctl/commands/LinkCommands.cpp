@@ -45,8 +45,10 @@ std::string withoutGateway(const Arguments& a)
     const auto hop = nextHop(a.address, a.family, a.mark);
     if (!hop)
         return "the kernel has no route to " + a.address + " under this mark";
+    if (hop->type == "local")
+        return "no gateway: " + a.address + " is an address of this host";
     if (hop->gateway.empty() && hop->type != "unicast")
-        return "no gateway: " + a.address + " is a " + hop->type + " address of " + hop->device;
+        return "no gateway: " + a.address + " is a " + hop->type + " address on " + hop->device;
     if (hop->gateway.empty())
         return "on link, no gateway: " + a.address + " is reached over " + hop->device + " itself";
     if (hop->gateway.find(':') != std::string::npos)
@@ -60,10 +62,10 @@ void judgeGateway(const Arguments& a, Answer& answer, const char* nothing)
     if (answer.result == 0)
         return;
     if (!nextHop(a.address, a.family, a.mark)) {
-        answer.advise(EINVAL, "a blackhole route leads there");
-        answer.advise(EACCES, "a prohibit route leads there");
-        answer.advise(EHOSTUNREACH, "an unreachable route leads there");
-        return answer.advise(ENETUNREACH, "no route leads there");
+        answer.advise(EINVAL, "a blackhole route or rule leads there");
+        answer.advise(EACCES, "a prohibit route or rule leads there");
+        answer.advise(EHOSTUNREACH, "an unreachable route or rule leads there");
+        return answer.advise(ENETUNREACH, "no route leads there, or an unreachable rule does");
     }
     if (const std::string why = withoutGateway(a); !why.empty())
         answer.notAsAsked(nothing + why);
@@ -121,11 +123,13 @@ Operation routeDel(Arguments& a)
             answer.notAsAsked("nothing to remove: there is no " + route);
         else if (after == before && !mayChangeNetworks())
             answer.notAsAsked("the " + route + " is still there: " + kNoRights);
-        else if (const auto hop = nextHop(a.address, a.family, a.mark); after == before)
+        else if (after == before) {
+            const auto hop = nextHop(a.address, a.family, a.mark);
             answer.notAsAsked("nothing was removed: what is there is " + joined(after) + ", asked for was via " +
                               (hop ? hop->gateway : "none") + " metric " + std::to_string(Vesk::kRouteMetric) +
                               " advmss " + std::to_string(Vesk::kAdvertisedMSS) +
                               " origin static scope universe type unicast tos 0x0");
+        }
     };
     return {.call = call, .around = around};
 }
@@ -143,8 +147,9 @@ Operation ruleGet(Arguments& a)
         makeCall();
         if (answer.result != 0 && answer.error == ENOENT)
             answer.notAsAsked("found none: no IPv4 rule of priority " + std::to_string(Vesk::kRulePriority) +
-                              " has a mark and table " + std::to_string(Vesk::kFirstTable + a.index) +
-                              ", which is that of " + a.device + "; veskctl rule list shows all");
+                              " has a mark, a mask other than 0, and table " +
+                              std::to_string(Vesk::kFirstTable + a.index) + ", which is that of " + a.device +
+                              "; veskctl rule list shows all");
     };
     return {.call = call, .around = around};
 }
@@ -159,8 +164,11 @@ Operation qdiscChange(Arguments& a, unsigned char operation, std::function<int()
     const auto around = [&a, operation](Answer& answer, const auto& makeCall) {
         const std::string before = qdiscAt(a.index, a.parent);
         makeCall();
-        if (answer.result == 0 && operation == kAdd && !before.empty())
-            a.warnings.push_back("replaced what was there: " + before);
+        if (answer.result == 0) {
+            if (operation == kAdd && !before.empty())
+                a.warnings.push_back("replaced what was there: " + before);
+            return;
+        }
         const std::string there = qdiscAt(a.index, a.parent);
         const std::string which = there.empty() ? "; none was installed there" : "; what is there is " + there;
         answer.advise(EEXIST, "there is one already" + which);

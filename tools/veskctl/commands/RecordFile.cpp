@@ -368,9 +368,9 @@ private:
         for (const Field& field : kFields)
             if ((field.neededFor & purpose) != 0 && !lines.contains(field.name))
                 missing.emplace_back(field.name);
-        if (record.udp_encap != 0 && record.udp_encap_port_valid == 0)
+        if (record.udp_encap != 0 && !lines.contains("udp_encap_port"))
             missing.emplace_back("udp_encap_port"); // without it, ESP would go without UDP
-        if (record.udp_encap_port_valid != 0 && record.udp_encap_valid == 0)
+        if (record.udp_encap_port_valid != 0 && !lines.contains("udp_encap"))
             missing.emplace_back("udp_encap");
         if (!missing.empty())
             add("missing: " + joined(missing));

@@ -45,12 +45,11 @@ std::string reasonOf(const Answer& answer)
     return errorText(answer.error) + (words.empty() ? "" : "; the kernel says: " + words);
 }
 
-// A look at the kernel failed, before the call or after it. Whether it was interrupted is the only reason it has.
-void judgeLook(Answer& answer, int error, bool isBefore)
+// A look at the kernel failed, before the call or after it.
+void judgeLook(Answer& answer, int error)
 {
-    const std::string what =
-        "could not be looked at" + std::string(error == EINTR ? " whole, since it changed each time" : "");
-    if (isBefore) {
+    const std::string what = std::string("could not be looked at") + (error == EINTR ? " in peace: it changes" : "");
+    if (!answer.called) {
         answer.result = -1;
         answer.status = Refused;
         answer.error  = error;
@@ -121,13 +120,12 @@ Answer perform(const Operation& operation)
 {
     Answer answer;
     LogCapture heard;
-    bool isBefore       = true;
     const auto makeCall = [&] {
         const std::size_t before = heard.lines.size();
         errno                    = 0;
         answer.result            = operation.call(answer);
         answer.error             = answer.result != 0 ? errno : 0;
-        isBefore                 = false;
+        answer.called            = true;
         answer.log.assign(heard.lines.begin() + static_cast<std::ptrdiff_t>(before), heard.lines.end());
         if (answer.result != 0) {
             answer.status   = Refused;
@@ -141,7 +139,14 @@ Answer perform(const Operation& operation)
         else
             makeCall();
     } catch (const std::system_error& failed) {
-        judgeLook(answer, failed.code().value(), isBefore);
+        if (!answer.called)
+            answer.log = heard.lines;
+        judgeLook(answer, failed.code().value());
+    }
+    if (answer.status == Refused && answer.heard(kUnanswered)) {
+        answer.status = NotAsAsked;
+        answer.note   = "the kernel's answer was lost; nobody can tell whether it was done" +
+                      (answer.note.empty() ? "" : "; " + answer.note);
     }
     return answer;
 }
@@ -191,10 +196,16 @@ int print(const Answer& answer, bool json, int logLevel)
     return put(text, answer.status);
 }
 
-int print(const Refusal& refusal, bool json)
+int print(const Refusal& refusal, const std::vector<std::string>& warnings, bool json)
 {
-    if (json)
-        return put(jsonText({{"status", refusal.status}, {"message", refusal.what()}}), refusal.status);
+    if (json) {
+        Json all = {{"status", refusal.status}, {"message", refusal.what()}};
+        if (!warnings.empty())
+            all["warnings"] = warnings;
+        return put(jsonText(all), refusal.status);
+    }
+    for (const std::string& each : warnings)
+        complain("warning: " + each);
     for (const std::string& line : refusal.lines)
         complain(line);
     return refusal.status;

@@ -34,7 +34,8 @@ struct Refusal : std::runtime_error {
 
 // The library's calls return 0, or -1 with errno set. Its log is kept by the scripted kernel that is linked.
 struct Answer {
-    int result    = 0; // the library's
+    bool called   = false; // whether the library was; not where the look before failed
+    int result    = 0;     // the library's
     Status status = Done;
     Json findings = Json::object();
     std::string text; // the findings in words, where they are no lines of "name value"
@@ -82,6 +83,6 @@ int put(const std::string& text, int status = Done);
 
 // Prints the answer and returns the exit status. Log lines from a level on go to standard error.
 int print(const Answer& answer, bool json, int logLevel);
-int print(const Refusal& refusal, bool json);
+int print(const Refusal& refusal, const std::vector<std::string>& warnings, bool json);
 
 #endif

@@ -77,7 +77,8 @@ Answer dryRun(const Operation& operation, const std::string& unanswered, bool sh
     ScriptedKernel kernel;
     for (struct if_nameindex* each = devices; each != nullptr && each->if_index != 0; ++each)
         kernel.addInterface(each->if_name, each->if_index);
-    if_freenameindex(devices);
+    if (devices != nullptr)
+        if_freenameindex(devices);
 
     Answer ignored; // what the operation makes of a kernel that says nothing
     const int result = operation.call(ignored);
@@ -93,7 +94,7 @@ Answer dryRun(const Operation& operation, const std::string& unanswered, bool sh
         answer.result = result;
         answer.status = Refused;
         answer.note += "; nor would be, since the library refuses this itself";
-    } else if (!unanswered.empty()) {
+    } else if (!unanswered.empty() && !kernel.requests().empty()) {
         answer.note += "; the kernel's answer is taken as empty: " + unanswered;
     }
     return answer;

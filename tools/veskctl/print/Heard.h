@@ -13,13 +13,14 @@ inline constexpr const char* kKernelRefuses[] = {
     "%s(): NL dump reports errno [%d, %s]",
 };
 
+// The request may have been carried out, or not.
+inline constexpr const char* kUnanswered = "%s(): receiving NL ACK from kernel failed: errno=[%d, %s]";
+
 // Steps that failed while the operation went on.
 inline constexpr const char* kTxNotUpdated   = "%s(): updating TX XFRM state failed\n";
 inline constexpr const char* kRxNotUpdated   = "%s(): updating RX XFRM state failed\n";
 inline constexpr const char* kCountersUnread = "%s(): failed to query XFRM";
 inline constexpr const char* kTxCountersStay = "%s(): updating sequence TX failed\n";
 inline constexpr const char* kRxCountersStay = "%s(): updating sequence RX failed\n";
-inline constexpr const char* kNotMovedBack[] = {"%s(): rolling back TX XFRM migration failed\n",
-                                                "%s(): rolling back RX XFRM migration failed\n"};
 
 #endif

@@ -38,8 +38,7 @@ std::string replaced(std::string text, const std::string& old, const std::string
 
 namespace {
 
-// How many bytes at a place are one character to show: of UTF-8, and no control character, to a terminal of eight bits
-// either. 0 for any other byte.
+// How many bytes at a place are one character of UTF-8 to show, and no control character. 0 for any other byte.
 std::size_t characterAt(const std::string& text, std::size_t at)
 {
     const auto byte        = [&](std::size_t i) { return at + i < text.size() ? text[at + i] & 0xff : 0; };
@@ -51,8 +50,11 @@ std::size_t characterAt(const std::string& text, std::size_t at)
                 return false;
         return true;
     }();
-    const bool isControl = first < ' ' || first == 0x7f || (first == 0xc2 && byte(1) < 0xa0);
-    const bool isFirst   = first < 0x80 || (first >= 0xc2 && first < 0xf5);
+    // The last ones turn the direction of what follows.
+    const int last       = first == 0xe2 ? byte(1) << 8 | byte(2) : 0;
+    const bool isControl = first < ' ' || first == 0x7f || (first == 0xc2 && byte(1) < 0xa0) || last == 0x808e ||
+                           last == 0x808f || (last >= 0x80aa && last <= 0x80ae) || (last >= 0x81a6 && last <= 0x81a9);
+    const bool isFirst = first < 0x80 || (first >= 0xc2 && first < 0xf5);
     return isContinued && isFirst && !isControl ? size : 0;
 }
 
