@@ -48,7 +48,7 @@ std::string reasonOf(const Answer& answer)
 // A look at the kernel failed, before the call or after it.
 void judgeLook(Answer& answer, int error)
 {
-    const std::string what = std::string("could not be looked at") + (error == EINTR ? " in peace: it changes" : "");
+    const std::string what = std::string("could not be looked at") + (error == EINTR ? ": it kept changing" : "");
     if (!answer.called) {
         answer.result = -1;
         answer.status = Refused;
