@@ -4,6 +4,7 @@
 #include "print/Text.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <cstring>
 
@@ -82,6 +83,8 @@ unsigned int indexOf(const std::string& device)
 {
     const bool cut           = device.find(':') != std::string::npos; // where the kernel would end the name
     const unsigned int index = device.empty() || cut ? 0 : if_nametoindex(device.c_str());
+    if (index == 0 && !device.empty() && !cut && errno != ENODEV && errno != ENXIO)
+        throw Refusal(device + ": could not be looked up: " + std::strerror(errno), Refused);
     if (index == 0 && !device.empty())
         throw Refusal("no such device: " + device + "; one of " + devices(), Refused);
     return index;

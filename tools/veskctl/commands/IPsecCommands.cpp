@@ -145,7 +145,8 @@ void judgeUpdate(Answer& answer, const Record& record, const std::vector<Install
     for (const InstalledState& each : after)
         if (!each.marked && !each.kept.empty())
             kept.push_back(std::string(nameOf(each.tx)) + " kept its " + each.kept);
-        else if (!each.marked && each.hidden)
+    for (const InstalledState& each : after)
+        if (!each.marked && each.hidden)
             kept.push_back(std::string(nameOf(each.tx)) + " may have kept its keys, which the kernel shows as zeros");
     if (answer.heard(kRxNotUpdated))
         missed.push_back((answer.heard(kUnanswered) ? "RX may not have been" : "RX was not") + whyNotReached(after));
@@ -210,7 +211,7 @@ void judgeRemoval(Answer& answer, const std::vector<InstalledState>& before, con
             marked.emplace_back(nameOf(tx));
     }
     if (answer.result != 0 && !removed.empty())
-        answer.inPart(joined(removed, " and ") + " was removed");
+        answer.inPart("removed: " + joined(removed));
     if (answer.result != 0)
         return;
     if (left)
@@ -307,13 +308,18 @@ Operation removePolicies(Arguments& a)
         } else if (a.inbound && !in && fwd && answer.error == ENOENT) { // which the library does not come to
             answer.log.clear();
             answer.error = removePolicy(selectorOf(a.source, a.destination, a.protocol), XFRM_POLICY_FWD);
-            if (answer.error != 0)
-                return answer.inPart("there is no in policy, and removing the fwd policy failed");
+            if (answer.error != 0 && isThere(a, XFRM_POLICY_FWD)) {
+                answer.status = NotAsAsked;
+                answer.note   = "nothing was removed: there is no in policy, and removing the fwd policy failed";
+                return;
+            }
             answer.notAsAsked("the fwd policy was removed");
             answer.note += "; of in, " + noPolicy(a, XFRM_POLICY_IN);
             return;
         }
-        answer.advise(ENOENT, noPolicy(a, a.inbound ? XFRM_POLICY_IN : XFRM_POLICY_OUT));
+        answer.advise(ENOENT,
+                      a.inbound ? "of in, " + noPolicy(a, XFRM_POLICY_IN) + "; of fwd, " + noPolicy(a, XFRM_POLICY_FWD)
+                                : noPolicy(a, XFRM_POLICY_OUT));
     };
     return {.call = call, .around = around};
 }
@@ -354,6 +360,8 @@ void judgeMigration(Answer& answer, const Arguments& a, const Names& before, con
     if (answer.result != 0) {
         if (!moved.empty())
             answer.inPart("moved: " + joined(moved) + "; the rest was not");
+        else if (answer.heard(kUnanswered))
+            answer.notAsAsked("nothing is moved now; an answer of the kernel was lost");
         return;
     }
     std::vector<std::string> said;
@@ -362,7 +370,7 @@ void judgeMigration(Answer& answer, const Arguments& a, const Names& before, con
                                                                    : moved.contains(each) ? "moved"
                                                                                           : "not installed";
         if (!before.contains(each))
-            said.push_back("of " + std::string(each) + ", there was no SA between the old addresses to move");
+            said.push_back("between the old addresses, there was no SA with the SPI of " + std::string(each));
     }
     if (const Names left = without(own, without(own, after)); !left.empty())
         said.push_back("still between the old addresses: " + joined(left));
@@ -406,8 +414,9 @@ Operation migrate(Arguments& a)
             if (each.own && !each.marked && before.contains(nameOf(each.tx)))
                 answer.advise(ENODATA, std::string("an SA with the SPI of ") + nameOf(each.tx) +
                                            " is at the new address already; veskctl sa list shows it");
-        answer.advise(ENODATA,
-                      "a policy has no template of the records' mode, protocol and old addresses" + kSeePolicies);
+        if (!without({"the out policy", "the in policy", "the fwd policy"}, before).empty())
+            answer.advise(ENODATA,
+                          "a policy has no template of the records' mode, protocol and old addresses" + kSeePolicies);
     };
     return {.call = call, .around = around};
 }
@@ -489,7 +498,8 @@ std::vector<Command> ipsecCommands()
                  kProtocol},
                 migrate,
                 {.notes  = "There have to be policies out, in and fwd. When one is refused, what was moved\n"
-                           "is moved back. Status 3 when there was no SA to move, or one is left.",
+                           "is moved back. Status 3 when there was no SA to move, or one is left. Policies\n"
+                           "with other selectors keep the old address.",
                  .advice = {{ENOPROTOOPT, "this kernel was built without CONFIG_XFRM_MIGRATE"}}}),
 
         Command("record check", "Look at a record, and send nothing", "handset.ini", {kRecord}, checkRecord),

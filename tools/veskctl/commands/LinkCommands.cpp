@@ -46,7 +46,7 @@ std::string withoutGateway(const Arguments& a)
     if (!hop)
         return "the kernel has no route to " + a.address + " under this mark";
     if (hop->type == "local")
-        return "no gateway: " + a.address + " is an address of this host";
+        return "no gateway: " + a.address + " leads to this host itself";
     if (hop->gateway.empty() && hop->type != "unicast")
         return "no gateway: " + a.address + " is a " + hop->type + " address on " + hop->device;
     if (hop->gateway.empty())

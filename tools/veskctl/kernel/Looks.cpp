@@ -98,7 +98,10 @@ constexpr const char* kKept[] = {"mode",
                                  "selected_destination",
                                  "selected_ip_protocol",
                                  "selected_source_port",
-                                 "selected_destination_port"};
+                                 "selected_destination_port",
+                                 "selected_device",
+                                 "padded_to_bytes",
+                                 "extra_flags"};
 
 std::string unusual(const Fields& fields, const char* name)
 {
@@ -125,7 +128,7 @@ std::string keptBy(const Fields& state, Bytes message, const Requests& wanted, b
             if (!hidden && valueIn(asked, request, attribute, true) != valueIn(state, message, attribute, true))
                 kept.push_back(std::string(name) + " key");
         }
-        if (number(state, "mark") != 0)
+        if (fieldOf(state, "mask") != nullptr)
             kept.emplace_back("mark");
         return joined(kept);
     }
@@ -197,11 +200,13 @@ std::set<std::string> betweenEnds(const Record& r, const xfrm_selector& out, con
 
     std::set<std::string> found;
     look(kStates, found, [&](const Fields& fields, Bytes) {
-        const auto spi = number(fields, "spi");
+        const auto spi         = number(fields, "spi");
+        const bool marked      = number(fields, "mark") != 0;
+        const std::string name = "SA with SPI " + word(fields, "spi") + (marked ? " and a mark" : "");
         if (pathOf(fields) == tx)
-            found.insert(r.spi_tx_valid == 0 || spi == r.spi_tx ? "TX" : "the SA with SPI " + word(fields, "spi"));
+            found.insert(!marked && (r.spi_tx_valid == 0 || spi == r.spi_tx) ? "TX" : "the outgoing " + name);
         if (pathOf(fields) == rx)
-            found.insert(r.spi_rx_valid == 0 || spi == r.spi_rx ? "RX" : "the SA with SPI " + word(fields, "spi"));
+            found.insert(!marked && (r.spi_rx_valid == 0 || spi == r.spi_rx) ? "RX" : "the incoming " + name);
     });
     const auto addPolicies = [&](const char* name, const xfrm_selector& sel, unsigned char direction) {
         for (const InstalledPolicy& each : installedPolicies(sel, direction))
