@@ -331,14 +331,14 @@ Operation bypass(Arguments& a, decltype(Vesk::addXFRMPolicyEx)* operation)
     const unsigned char direction = a.direction == "in"    ? XFRM_POLICY_IN
                                     : a.direction == "out" ? XFRM_POLICY_OUT
                                                            : XFRM_POLICY_FWD;
-    const auto around             = [direction, &a](Answer& answer, const auto& makeCall) {
+    const std::string remove      = "veskctl policy bypass remove " + a.direction;
+    const auto around             = [direction, remove, &a](Answer& answer, const auto& makeCall) {
         makeCall();
         if (answer.result == 0)
             return;
         if (const auto found = policyOf(a, direction))
             answer.advise(EEXIST, "a policy with this selector is there, with action " + found->action +
-                                                  "; if it is not needed, remove it first: veskctl policy bypass remove " +
-                                                  a.direction);
+                                                  "; if it is not needed, remove it first: " + remove);
         answer.advise(ENOENT, noPolicy(a, direction));
     };
     return {.call = [direction, operation](Answer&) { return operation(direction); }, .around = around};

@@ -70,7 +70,7 @@ bool isEndAt(const Field& field, const std::string& address)
     return field.text == "any" || takesIn(prefixOf(field.inWords()), prefixOf(address));
 }
 
-// Whether a template is of a record's protocol, and between its ends. Where it leaves one open, that of the traffic counts.
+// Whether a template is of a record's protocol, and between its ends. Where it leaves one open, the traffic's counts.
 bool isBetween(const Fields& policy, const Record& r)
 {
     std::map<std::size_t, int> matches; // of each template: the protocol, the local and the remote end

@@ -13,7 +13,7 @@
 
 #include <linux/xfrm.h>
 
-// Where the kernel cannot be read whole, looks throw a std::system_error: what is not known is neither told nor acted on.
+// Where the kernel cannot be read whole, looks throw a std::system_error: what is unknown is neither told nor acted on.
 
 // An SA that has the protocol, the SPI and the destination of one of a record's, which is all that the kernel compares.
 struct InstalledState {
@@ -42,9 +42,9 @@ struct InstalledPolicy {
 };
 std::vector<InstalledPolicy> installedPolicies(const xfrm_selector& sel, unsigned char direction);
 
-// What a migration reaches: what is between a record's ends, by name. Of the record are "TX", "RX" and "the out policy",
-// "in" and "fwd"; but the kernel compares neither SPIs nor what policies have otherwise. `out` is the selector of the out
-// policy, `in` that of the two others.
+// What a migration reaches: what is between a record's ends, by name. The record's are "TX", "RX" and "the out policy",
+// in and fwd; but the kernel compares neither SPIs nor, on some versions, what policies have otherwise. `out` is the
+// selector of the out policy, `in` that of the two others.
 std::set<std::string> betweenEnds(const Record& r, const xfrm_selector& out, const xfrm_selector& in);
 
 // Removes one, as the library would. Returns 0, or an errno.

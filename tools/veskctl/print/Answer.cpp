@@ -78,8 +78,8 @@ std::string valueText(const std::string& name, const Json& value)
     return value.is_string() ? visible(value.get<std::string>()) : value.dump();
 }
 
-// Beyond ASCII there may be what a terminal obeys. Text that is no UTF-8, a device's name perhaps, is shown as far as it
-// goes.
+// Beyond ASCII there may be what a terminal obeys. Text that is no UTF-8, a device's name perhaps, is shown as far as
+// it goes.
 std::string jsonText(const Json& json)
 {
     return json.dump(-1, ' ', true, Json::error_handler_t::replace) + '\n';

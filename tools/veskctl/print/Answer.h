@@ -71,8 +71,8 @@ struct Answer {
 struct Operation {
     std::function<int(Answer&)> call; // the library's function; findings count when it returns 0
 
-    // Makes the call, looks at the kernel before and after, and judges what came of it. Just the call, when empty. Where
-    // a look fails, it throws a std::system_error.
+    // Makes the call, looks at the kernel before and after, and judges what came of it. Just the call, when empty.
+    // Where a look fails, it throws a std::system_error.
     std::function<void(Answer&, const std::function<void()>& makeCall)> around = {};
 };
 
